@@ -1,0 +1,30 @@
+#ifndef ARSP_STORE_AUTORESPONDER_ROW_H
+#define ARSP_STORE_AUTORESPONDER_ROW_H
+
+#include <string_view>
+
+#include "store/responder_db.h"
+#include "store/transaction.h"
+
+/* One row of the table autoresponder, borrowed: the texts outlive the call that it is given to. */
+struct AutoresponderRow {
+    std::string_view keystr;
+    std::string_view key_where;
+    std::string_view subject;
+    std::string_view reply_to;
+    std::string_view forward_to;
+    std::string_view content_type;
+    std::string_view charset;
+    std::string_view body;
+    int ans_freq = 0;  /* answers per sender address and day */
+    int ans_limit = 0; /* deprecated, still stored */
+    std::string_view real_owner;
+    std::string_view mn; /* mail name, the key; NUL-terminated, since messages show it */
+};
+
+/* Replaces the row of `row.mn` whole, inside the caller's transaction. Returns {commit, 0}; {give_up, -1} when the
+ * statement can't be prepared or bound; {`when_refused`, -1} when its step fails. Logs at LOG_ERR what run_statement
+ * logs and "Unable to add/update autoresponder (%s): %s". */
+Outcome replace_autoresponder_row(ResponderDb &db, const AutoresponderRow &row, Ending when_refused);
+
+#endif

@@ -1,0 +1,43 @@
+#ifndef ARSP_SUPPORT_CONF_STORE_H
+#define ARSP_SUPPORT_CONF_STORE_H
+
+#include <cstdint>
+#include <memory>
+
+/* The pairs read from kel.conf. Everything in it is malloc'ed and belongs to the store. */
+struct ConfPair {
+    char *name;
+    char *value;
+};
+
+/* All zero is an empty store. */
+struct ConfStore {
+    ConfPair *entries;
+    uint64_t capacity; /* pairs allocated */
+    uint64_t count;    /* pairs in use */
+    int32_t sorted;    /* 1: the pairs are in ascending strcmp order of their names */
+};
+
+/* Makes room for one more pair. Returns 0, or -1 with errno ENOMEM and the store as it was; it then logs
+ * "Unable to read configuration: ..." at LOG_USER | LOG_WARNING. */
+int conf_store_grow(ConfStore *store);
+
+/* Stores a copy of `name` and `value`; a name that is there already gets the new value. Returns 0, or -1 with errno
+ * ENOMEM and the pairs as they were; it then logs what conf_store_grow logs, or "Unable to form configuration: ..." at
+ * LOG_USER | LOG_WARNING. */
+int conf_store_set(const char *name, const char *value, ConfStore *store);
+
+void conf_store_sort(ConfStore *store);
+
+/* Returns the value of `name`, which belongs to the store, or null. */
+const char *conf_store_find(const char *name, const ConfStore *store);
+
+/* Frees the pairs, and the store itself, which was malloc'ed. Does nothing to a null pointer. */
+void conf_store_free(ConfStore *store);
+
+struct FreeConfStore {
+    void operator()(ConfStore *store) const { conf_store_free(store); }
+};
+using ConfStorePtr = std::unique_ptr<ConfStore, FreeConfStore>;
+
+#endif

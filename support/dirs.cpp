@@ -1,0 +1,171 @@
+#include "support/dirs.h"
+
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+
+#include <dirent.h>
+#include <strings.h>
+#include <unistd.h>
+
+#include "support/c_handles.h"
+#include "support/fatal.h"
+#include "support/text.h"
+
+namespace {
+
+/* Returns only when the directory is there. */
+void make_owned_dir(const char *path, uid_t uid, gid_t gid, mode_t mode)
+{
+    if (mkdir(path, mode) != 0) {
+        if (errno != EEXIST)
+            fatal_error(1, 1, "Cannot create directory %s: %s", path, std::strerror(errno));
+        return;
+    }
+    if (chown(path, uid, gid) != 0)
+        fatal_error(0, 1, "Cannot chown %s: %s", path, std::strerror(errno));
+}
+
+/* Returns whether `path` is a directory, after making it if there was nothing; errno says why not. */
+bool make_plain_dir(const char *path)
+{
+    struct stat status = {};
+    if (stat(path, &status) != 0)
+        return errno == ENOENT && mkdir(path, 0755) == 0;
+    if (!S_ISDIR(status.st_mode))
+        errno = ENOTDIR;
+    return S_ISDIR(status.st_mode);
+}
+
+/* The type of a directory entry for the file type of a stat mode; DT_UNKNOWN for what is no file type. */
+unsigned char entry_type(mode_t type)
+{
+    switch (type) {
+    case S_IFBLK:
+        return DT_BLK;
+    case S_IFCHR:
+        return DT_CHR;
+    case S_IFDIR:
+        return DT_DIR;
+    case S_IFIFO:
+        return DT_FIFO;
+    case S_IFLNK:
+        return DT_LNK;
+    case S_IFSOCK:
+        return DT_SOCK;
+    case S_IFREG:
+        return DT_REG;
+    default:
+        return DT_UNKNOWN;
+    }
+}
+
+/* Answers whether the entry is of that file type: 1, 0, or -1 when that can't be told (errno says why). */
+int has_type(const char *dir, const dirent &entry, mode_t type, int check)
+{
+    const unsigned char wanted = entry_type(type);
+    if (wanted == DT_UNKNOWN || entry.d_type == wanted)
+        return 1;
+    if (entry.d_type != DT_UNKNOWN)
+        return 0;
+    if (check == 0)
+        return 1;
+    char path[4096 + 1];
+    if (std::snprintf(path, sizeof path, "%s/%s", dir, entry.d_name) >= static_cast<int>(sizeof path)) {
+        errno = ENAMETOOLONG;
+        return -1;
+    }
+    struct stat status = {};
+    if (lstat(path, &status) != 0)
+        return errno == ENOENT ? 0 : -1;
+    /* Any common bit will do, so a socket passes for a directory; the panel's tools have always asked it this way. */
+    return (status.st_mode & type) != 0 ? 1 : 0;
+}
+
+} // namespace
+
+int create_dir_tree(const char *path, uid_t uid, gid_t gid, mode_t mode)
+{
+    const CString copy(xasprintf("%s", path));
+    const mode_t old_umask = umask(0);
+    char *slash = *copy == '\0' ? nullptr : std::strchr(copy.get() + 1, '/');
+    for (; slash != nullptr; slash = std::strchr(slash + 1, '/')) {
+        *slash = '\0';
+        make_owned_dir(copy.get(), uid, gid, mode & 0777);
+        *slash = '/';
+    }
+    make_owned_dir(copy.get(), uid, gid, mode);
+    umask(old_umask);
+    return 0;
+}
+
+int mkdir_p(const char *path)
+{
+    const CString copy(strdup(path));
+    if (copy == nullptr)
+        return 0;
+    char *slash = *copy == '\0' ? nullptr : std::strchr(copy.get() + 1, '/');
+    for (; slash != nullptr; slash = std::strchr(slash + 1, '/')) {
+        *slash = '\0';
+        if (!make_plain_dir(copy.get()))
+            return 0;
+        *slash = '/';
+    }
+    return make_plain_dir(copy.get()) ? 1 : 0;
+}
+
+int mkdir_chown_chmod(const char *path, uid_t uid, gid_t gid, mode_t mode)
+{
+    if (mkdir(path, mode) != 0 && errno != EEXIST) {
+        fatal_error(0, 1, "ERROR: Unable to mkdir %s: %s\n", path, std::strerror(errno));
+        return -1;
+    }
+    if (chown(path, uid, gid) != 0 && errno != ENOENT) {
+        fatal_error(0, 1, "ERROR: Unable to chown %s: %s\n", path, std::strerror(errno));
+        return -1;
+    }
+    if (chmod(path, mode) != 0 && errno != ENOENT) {
+        fatal_error(0, 1, "ERROR: Unable to chmod %s: %s\n", path, std::strerror(errno));
+        return -1;
+    }
+    return 0;
+}
+
+int rename_dir(const char *from, const char *to)
+{
+    struct stat status = {};
+    if (stat(from, &status) != 0)
+        return 0;
+    if (stat(to, &status) == 0) {
+        errno = 0; /* no call failed: a number from earlier would be printed as the reason */
+        fatal_error(0, 1, "Directory rename error: target directory %s already exists.\n", to);
+        return -1;
+    }
+    if (rename(from, to) != 0) {
+        fatal_error(0, 1, "Remaming %s to %s failed: %s\n", from, to, std::strerror(errno)); /* kept misspelt */
+        return -1;
+    }
+    return 0;
+}
+
+int find_dir_entry(const char *dir, char *name, mode_t type, int check)
+{
+    const DirPtr stream(opendir(dir));
+    if (stream == nullptr)
+        return -1;
+    errno = 0; /* tells the end of the directory from a failure */
+    while (const dirent *entry = readdir(stream.get())) {
+        if (strcasecmp(entry->d_name, name) != 0)
+            continue;
+        const int match = has_type(dir, *entry, type, check);
+        if (match < 0)
+            return -1;
+        if (match > 0) {
+            std::memcpy(name, entry->d_name, std::strlen(name));
+            return 0;
+        }
+    }
+    if (errno == 0)
+        errno = ENOENT;
+    return -1;
+}

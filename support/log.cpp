@@ -1,0 +1,181 @@
+#include "support/log.h"
+
+#include <cctype>
+#include <cerrno>
+#include <csignal>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+
+#include <strings.h>
+#include <sys/time.h>
+#include <unistd.h>
+
+#include "support/c_handles.h"
+
+namespace {
+
+using VMessage = void(int priority, const char *format, va_list args);
+
+VMessage console_vmessage __attribute__((format(printf, 2, 0)));
+VMessage system_vmessage __attribute__((format(printf, 2, 0)));
+
+constexpr int SYSLOG_OPTIONS = LOG_PID | LOG_CONS | LOG_PERROR; /* of a caller's bits, those that openlog gets */
+constexpr unsigned LEVEL_FROM_ENVIRONMENT = 0x08;
+
+/* How the logger is before log_init. */
+const char *log_target = nullptr; /* null: none; never "" */
+int log_threshold = LOG_INFO;
+int log_facility = LOG_MAIL;
+int log_option_bits = LOG_PID;
+char log_ident[64] = "";
+char log_trace_id[64] = "";
+VMessage *log_backend = console_vmessage;
+
+void copy_cut(char (&to)[64], const char *from)
+{
+    std::snprintf(to, sizeof to, "%s", from);
+}
+
+void print_line(FILE *stream, const char *format, va_list args) __attribute__((format(printf, 2, 0)));
+void print_line(FILE *stream, const char *format, va_list args)
+{
+    std::vfprintf(stream, format, args);
+    std::fputc('\n', stream);
+    std::fflush(stream);
+}
+
+void console_vmessage(int priority, const char *format, va_list args)
+{
+    const KeepErrno keep;
+    if (log_threshold < priority)
+        return;
+    const bool both = log_target == nullptr || strcasecmp(log_target, "console") == 0;
+    if (!both && strcasecmp(log_target, "stderr") != 0)
+        return;
+    va_list again;
+    va_copy(again, args);
+    print_line(stderr, format, args);
+    if (both)
+        print_line(stdout, format, again);
+    va_end(again);
+}
+
+volatile std::sig_atomic_t log_stuck = 0; /* a record has had to be given up */
+
+void give_up_record(int)
+{
+    log_stuck = 1;
+}
+
+/* Bounds the time that one record may take, while it lives. syslog(3) waits for ever when nobody reads the system log
+ * or standard error; a signal makes it give the record up. Once that happened, the records after it get hardly any
+ * time. */
+class RecordDeadline {
+public:
+    RecordDeadline()
+    {
+        struct sigaction interrupt = {}; /* no SA_RESTART: the waiting call is to fail */
+        interrupt.sa_handler = give_up_record;
+        sigaction(SIGALRM, &interrupt, &old_action_);
+        sigset_t alarm_only;
+        sigemptyset(&alarm_only);
+        sigaddset(&alarm_only, SIGALRM);
+        sigprocmask(SIG_UNBLOCK, &alarm_only, &old_mask_);
+        /* Again and again, since syslog tries a second time. */
+        const timeval wait = log_stuck != 0 ? timeval{0, 1000} : timeval{1, 0};
+        const itimerval timer = {wait, wait};
+        setitimer(ITIMER_REAL, &timer, &old_timer_);
+    }
+    RecordDeadline(const RecordDeadline &) = delete;
+    RecordDeadline &operator=(const RecordDeadline &) = delete;
+    ~RecordDeadline()
+    {
+        setitimer(ITIMER_REAL, &old_timer_, nullptr);
+        sigprocmask(SIG_SETMASK, &old_mask_, nullptr);
+        sigaction(SIGALRM, &old_action_, nullptr);
+    }
+
+private:
+    struct sigaction old_action_ = {};
+    sigset_t old_mask_ = {};
+    itimerval old_timer_ = {};
+};
+
+void system_vmessage(int priority, const char *format, va_list args)
+{
+    const KeepErrno keep;
+    const RecordDeadline deadline;
+    errno = keep.saved(); /* for %m */
+    if ((log_option_bits & LOG_OPT_TRACE_ID) == 0 || log_trace_id[0] == '\0') {
+        vsyslog(priority, format, args);
+        return;
+    }
+    char buffer[8192];
+    const int prefix = std::snprintf(buffer, sizeof buffer, "%s: ", log_trace_id);
+    std::vsnprintf(buffer + prefix, sizeof buffer - static_cast<size_t>(prefix), format, args);
+    syslog(priority, "%s", buffer);
+}
+
+void find_trace_id()
+{
+    const char *given = std::getenv("QUARN_LOG_TRACE_ID");
+    if (given != nullptr && *given != '\0') {
+        copy_cut(log_trace_id, given);
+        return;
+    }
+    const int initial = std::toupper(static_cast<unsigned char>(program_invocation_short_name[0]));
+    std::snprintf(log_trace_id, sizeof log_trace_id, "%c%ld", initial, static_cast<long>(getpid()));
+    setenv("QUARN_LOG_TRACE_ID", log_trace_id, 1);
+}
+
+} // namespace
+
+void log_init(const char *target, unsigned level, int facility, int options, const char *ident)
+{
+    log_target = target != nullptr && *target != '\0' ? target : nullptr;
+    log_facility = facility;
+    if (log_target != nullptr) {
+        log_backend = console_vmessage;
+    } else {
+        closelog();
+        log_option_bits = options | LOG_PID;
+        copy_cut(log_ident, ident != nullptr ? ident : program_invocation_short_name);
+        if ((log_option_bits & LOG_OPT_TRACE_ID) != 0)
+            find_trace_id();
+        openlog(log_ident, log_option_bits & SYSLOG_OPTIONS, log_facility);
+        log_backend = system_vmessage;
+    }
+    log_set_level(level);
+}
+
+void log_set_level(unsigned level)
+{
+    int threshold = static_cast<int>(level & LOG_PRIMASK);
+    if ((level & LEVEL_FROM_ENVIRONMENT) != 0) {
+        const char *wish = std::getenv("QUARN_LOG_LEVEL");
+        if (wish != nullptr && wish[0] >= '0' && wish[0] <= '7' && wish[1] == '\0' && wish[0] - '0' > threshold)
+            threshold = wish[0] - '0';
+    }
+    log_threshold = threshold;
+    if (log_target == nullptr)
+        setlogmask(LOG_UPTO(threshold));
+}
+
+int log_options()
+{
+    return log_option_bits;
+}
+
+void log_message(int priority, const char *format, ...)
+{
+    va_list args;
+    va_start(args, format);
+    log_backend(priority, format, args);
+    va_end(args);
+}
+
+void log_vmessage(int priority, const char *format, va_list args)
+{
+    log_backend(priority, format, args);
+}

@@ -1,0 +1,60 @@
+#include "support/standard_input.h"
+
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+#include <limits>
+#include <new>
+
+#include <poll.h>
+#include <sys/syslog.h>
+#include <unistd.h>
+
+#include "support/log.h"
+
+namespace {
+
+constexpr std::size_t FIRST_BLOCK = 65536; /* what a full pipe delivers at once */
+
+/* Doubles `capacity`; the block keeps its contents. */
+void grow(CString &bytes, std::size_t &capacity)
+{
+    if (capacity > std::numeric_limits<std::size_t>::max() / 2)
+        throw std::bad_alloc();
+    const std::size_t wanted = capacity == 0 ? FIRST_BLOCK : capacity * 2;
+    char *moved = static_cast<char *>(std::realloc(bytes.get(), wanted));
+    if (moved == nullptr)
+        throw std::bad_alloc();
+    static_cast<void>(bytes.release()); /* realloc has taken the old block over */
+    bytes.reset(moved);
+    capacity = wanted;
+}
+
+void wait_until_readable()
+{
+    pollfd input = {STDIN_FILENO, POLLIN, 0};
+    static_cast<void>(poll(&input, 1, -1)); /* what it answers, the next read says better */
+}
+
+} // namespace
+
+int read_standard_input(InputText &input)
+{
+    std::size_t capacity = 0;
+    input = InputText();
+    for (;;) {
+        if (input.length == capacity)
+            grow(input.bytes, capacity);
+        const ssize_t got = read(STDIN_FILENO, input.bytes.get() + input.length, capacity - input.length);
+        if (got == 0)
+            return 0;
+        if (got > 0) {
+            input.length += static_cast<std::size_t>(got);
+        } else if (errno == EAGAIN) {
+            wait_until_readable();
+        } else if (errno != EINTR) {
+            log_message(LOG_ERR, "Unable to read standard input: %s", std::strerror(errno));
+            return -1;
+        }
+    }
+}

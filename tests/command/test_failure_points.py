@@ -1,0 +1,239 @@
+"""What fails alike in every command: the frame around its statements, the pause on a locked database, memory."""
+
+import contextlib
+import os
+import subprocess
+
+import pytest
+from harness import Result, sqlite_shim
+from harness.mailboxes import (add_attachment_rows, add_autoresponder, attachment_rows, autoresponder_rows, error_texts,
+                               make_directories, put_file)
+from harness.private_root import script
+from harness.sandbox import program_under_test
+
+DIRECTORY = "/var/qmail/mailnames/example.org/user/@attachments"
+MAIL_TREE = "/var/qmail/mailnames"
+MAILBOX = ("--mailname", "user@example.org")
+COMMANDS = {
+    "set-resp": ("--set-resp", *MAILBOX, "--real-owner", "new@example.org"),
+    "del-resp": ("--del-resp", *MAILBOX),
+    "add-attach": ("--add-attach", *MAILBOX, "--filename", "new.pdf", "--source", "/tmp/source"),
+    "del-attach": ("--del-attach", *MAILBOX, "--filename", "report.pdf"),
+    "set-extra-headers": ("--set-extra-headers",),
+}
+HEADERS = b'{"X-New": "yes"}'
+HEADER_QUERY = "REPLACE INTO extra_headers VALUES (?, ?  );"
+
+# The pause by which the tool itself waits, after two tries of six pauses by SQLite.
+INTERRUPTED = ["clock_nanosleep:error=EINTR:when=13", "nanosleep:error=EINTR:when=13"]
+BUSY_FIRST = "clock_nanosleep,nanosleep"
+
+SANITIZED = script.is_sanitized(str(program_under_test()))
+
+each_command = pytest.mark.parametrize("command", COMMANDS)
+each_transaction = pytest.mark.parametrize("command", [name for name in COMMANDS if name != "set-extra-headers"])
+
+
+@pytest.fixture
+def mailbox(sandbox):
+    """A root with the autoresponder user@example.org, its attachment report.pdf and one extra header."""
+    sandbox.init_db()
+    add_autoresponder(sandbox, "user@example.org")
+    add_attachment_rows(sandbox, "user@example.org", "report.pdf")
+    make_directories(sandbox, DIRECTORY)
+    put_file(sandbox, DIRECTORY + "/report.pdf", b"the report")
+    put_file(sandbox, "/tmp/source", b"a new one")
+    with contextlib.closing(sandbox.db()) as connection:
+        connection.execute("INSERT INTO extra_headers VALUES ('X-Old', 'yes')")
+    return sandbox
+
+
+def headers(sandbox):
+    return sandbox.rows("SELECT name, value FROM extra_headers")
+
+
+def assert_rows_are_as_before(sandbox):
+    assert autoresponder_rows(sandbox) == [("user@example.org", "user@example.org")]
+    assert attachment_rows(sandbox) == [("user@example.org", "report.pdf")]
+
+
+def run(mailbox, command, **options):
+    return mailbox.run(*COMMANDS[command], stdin=HEADERS, **options)
+
+
+# -- the frame
+
+
+@each_transaction
+def test_a_transaction_that_cannot_begin_changes_nothing(mailbox, command):
+    before = mailbox.tree(MAIL_TREE)
+
+    result = run(mailbox, command, env=sqlite_shim.environment(mailbox, "begun"))
+
+    assert (result.status, result.stdout) == (1, b"")
+    assert error_texts(result) == [
+        "Unable to begin sqlite transaction: cannot start a transaction within a transaction"]
+    assert_rows_are_as_before(mailbox)
+    assert mailbox.tree(MAIL_TREE) == before
+
+
+@each_transaction
+def test_a_begin_that_cannot_be_prepared_changes_nothing(mailbox, command):
+    before = mailbox.tree(MAIL_TREE)
+
+    result = run(mailbox, command, env=sqlite_shim.environment(mailbox, "prepare BEGIN"))
+
+    assert (result.status, result.stdout) == (1, b"")
+    assert error_texts(result) == [
+        "Unable to prepare SQL statement for query 'BEGIN TRANSACTION;': string or blob too big"]
+    assert_rows_are_as_before(mailbox)
+    assert mailbox.tree(MAIL_TREE) == before
+
+
+@each_transaction
+def test_an_end_that_cannot_be_prepared_keeps_the_rows(mailbox, command):
+    result = run(mailbox, command, env=sqlite_shim.environment(mailbox, "prepare END"))
+
+    assert (result.status, result.stdout) == (1, b"")
+    assert error_texts(result) == [
+        "Unable to prepare SQL statement for query 'END TRANSACTION;': string or blob too big"]
+    assert_rows_are_as_before(mailbox)
+
+
+# -- values
+
+
+@pytest.mark.parametrize(("command", "first", "records"), [
+    ("set-resp", 1, ["Unable to bind parameter keystr: column index out of range"]),
+    ("del-resp", 1, ["Unable to bind parameter mailname: column index out of range",
+                     "Error removing attachments for mailname (user@example.org)"]),
+    ("add-attach", 1, ["Unable to bind parameter mailname: column index out of range"]),
+    ("add-attach", 2, ["Unable to bind parameter filename: column index out of range"]),
+    ("del-attach", 1, ["Unable to bind parameter mailname: column index out of range"]),
+    ("del-attach", 2, ["Unable to bind parameter filename: column index out of range"]),
+])
+def test_a_value_that_cannot_be_bound_keeps_the_rows(mailbox, command, first, records):
+    result = run(mailbox, command, env=sqlite_shim.environment(mailbox, f"bind {first}"))
+
+    assert (result.status, result.stdout) == (1, b"")
+    assert error_texts(result) == records
+    assert_rows_are_as_before(mailbox)
+
+
+# -- the list of headers, which is empty by then
+
+
+def assert_list_is_empty(mailbox, result, text):
+    assert (result.status, result.stdout) == (1, b"")
+    assert error_texts(result) == [text]
+    assert headers(mailbox) == []
+
+
+def test_a_header_transaction_that_cannot_begin_leaves_the_list_empty(mailbox):
+    result = run(mailbox, "set-extra-headers", env=sqlite_shim.environment(mailbox, "prepare BEGIN"))
+
+    assert_list_is_empty(mailbox, result,
+                         "Unable to prepare SQL statement for query 'BEGIN TRANSACTION;': string or blob too big")
+
+
+def test_a_header_statement_that_cannot_be_prepared_leaves_the_list_empty(mailbox):
+    result = run(mailbox, "set-extra-headers", env=sqlite_shim.environment(mailbox, "prepare REPLACE"))
+
+    assert_list_is_empty(mailbox, result,
+                         f"Unable to prepare SQL statement for query '{HEADER_QUERY}': string or blob too big")
+
+
+@pytest.mark.parametrize(("first", "name"), [(1, "name"), (2, "value")])
+def test_a_header_that_cannot_be_bound_leaves_the_list_empty(mailbox, first, name):
+    result = run(mailbox, "set-extra-headers", env=sqlite_shim.environment(mailbox, f"bind {first}"))
+
+    assert_list_is_empty(mailbox, result, f"Unable to bind parameter {name}: column index out of range")
+
+
+def test_headers_that_cannot_be_committed_leave_the_list_empty(mailbox):
+    result = run(mailbox, "set-extra-headers", env=sqlite_shim.environment(mailbox, "prepare END"))
+
+    assert_list_is_empty(mailbox, result,
+                         "Unable to prepare SQL statement for query 'END TRANSACTION;': string or blob too big")
+
+
+def test_headers_that_cannot_be_read_keep_the_list(mailbox):
+    result = mailbox.run("--set-extra-headers", stdin=None)
+
+    assert (result.status, error_texts(result)) == (1, ["Unable to read standard input: Bad file descriptor"])
+    assert headers(mailbox) == [("X-Old", "yes")]
+
+
+# -- the pause on a locked database
+
+
+@each_command
+def test_a_pause_that_fails_ends_the_command_in_silence(mailbox, needs_tracing, command):
+    before = mailbox.tree(MAIL_TREE)
+    with contextlib.closing(mailbox.db()) as other:
+        other.execute("BEGIN EXCLUSIVE")
+        result, calls = mailbox.trace(*COMMANDS[command], stdin=HEADERS, calls=BUSY_FIRST, inject=INTERRUPTED)
+
+    assert any(call.injected for call in calls)
+    assert result == Result(1, b"", b"", [])
+    assert_rows_are_as_before(mailbox)
+    assert headers(mailbox) == [("X-Old", "yes")]
+    assert mailbox.tree(MAIL_TREE) == before
+
+
+# -- memory
+
+
+def preload(sandbox, code):
+    """The environment in which the tool loads this piece of C++ first."""
+    sandbox.path("/tmp/preloaded.cpp").write_text(code)
+    subprocess.run(["g++", "-D_GNU_SOURCE", "-shared", "-fPIC", "-o", sandbox.path("/tmp/preloaded.so"),
+                    sandbox.path("/tmp/preloaded.cpp")], check=True)
+    libraries = ["libasan.so.8"] if SANITIZED else []  # insists on being the first of all
+    return {"PATH": os.environ["PATH"], "LD_PRELOAD": " ".join([*libraries, "/tmp/preloaded.so"])}
+
+
+def test_without_memory_for_the_path_adding_an_attachment_ends_before_the_copy(mailbox):
+    environment = preload(mailbox, """
+#include <cerrno>
+#include <cstdarg>
+extern "C" int vasprintf(char **, const char *, va_list) { errno = ENOMEM; return -1; }
+extern "C" int __vasprintf_chk(char **, int, const char *, va_list) { errno = ENOMEM; return -1; }
+""")
+    before = mailbox.tree(MAIL_TREE)
+
+    result = run(mailbox, "add-attach", env=environment)
+
+    message = b"Cannot allocate memory: Cannot allocate memory\nSystem error 12: Cannot allocate memory\n"
+    assert result == Result(1, message, message, [])
+    assert_rows_are_as_before(mailbox)
+    assert mailbox.tree(MAIL_TREE) == before
+
+
+if not SANITIZED:  # AddressSanitizer brings its own allocator, and nothing gets in front of that
+
+    def test_without_memory_for_the_configuration_the_defaults_hold(mailbox):
+        environment = preload(mailbox, """
+#include <cerrno>
+#include <cstddef>
+#include <cstring>
+#include <dlfcn.h>
+extern "C" void *__libc_calloc(size_t, size_t);
+extern "C" void *calloc(size_t count, size_t size)
+{
+    Dl_info caller;
+    if (count != 1 || size != 32 || dladdr(__builtin_return_address(0), &caller) == 0 ||
+        std::strstr(caller.dli_fname, "arspctl") == nullptr)
+        return __libc_calloc(count, size);
+    errno = ENOMEM;
+    return nullptr;
+}
+""")
+        mailbox.conf("QUARN_MAILNAMES_D /srv/mail\n")
+
+        result = run(mailbox, "del-resp", env=environment)
+
+        assert result.status == 0
+        assert set(error_texts(result)) == {
+            "Not enough memory to allocate Quarn runtime configuration structure"}
+        assert mailbox.tree(DIRECTORY) == {".": ("dir", 0o700, *mailbox.popuser, None)}

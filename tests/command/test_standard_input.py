@@ -1,0 +1,234 @@
+"""--set-resp and its standard input: read whole before the database is touched, or nothing happens at all."""
+
+import contextlib
+import ctypes
+import mmap
+import os
+import tty
+
+import pytest
+from harness.sandbox import DATABASE
+from harness.waiting import has_open, until_it_sleeps
+
+DIRECTORY = "/var/lib/quarn/mail/autoresponder"
+SET_RESP = ("--set-resp", "--mailname", "a@example.org", "--real-owner", "a@example.org")
+
+
+@pytest.fixture
+def database(sandbox):
+    """The sandbox with one row in its database."""
+    sandbox.init_db()
+    with contextlib.closing(sandbox.db()) as db:
+        db.execute("INSERT INTO autoresponder (mn, real_owner, body)"
+                   " VALUES ('a@example.org', 'a@example.org', 'former')")
+    return sandbox
+
+
+@pytest.fixture
+def descriptors():
+    """Takes descriptors and closes them at the end."""
+    with contextlib.ExitStack() as stack:
+        def keep(*numbers):
+            for number in numbers:
+                stack.callback(_close, number)
+            return numbers[0] if len(numbers) == 1 else numbers
+        yield keep
+
+
+def _close(number):
+    with contextlib.suppress(OSError):
+        os.close(number)
+
+
+def bodies(sandbox):
+    return [body for body, in sandbox.rows("SELECT CAST(body AS BLOB) FROM autoresponder")]
+
+
+def assert_stored(result):
+    assert (result.status, result.stdout, result.stderr, result.records) == (0, b"", b"", [])
+
+
+def assert_failed(result, text):
+    records = [(record.priority, record.text) for record in result.records]
+    assert (result.status, result.stdout, records) == (1, b"", [(19, text)])
+
+
+def memory_before_a_gap(content):
+    """A descriptor that reads `content` and then fails with EIO: this process's memory, up to where it has none."""
+    libc = ctypes.CDLL(None, use_errno=True)
+    libc.mmap.restype = ctypes.c_void_p
+    libc.mmap.argtypes = [ctypes.c_void_p, ctypes.c_size_t, ctypes.c_int, ctypes.c_int, ctypes.c_int, ctypes.c_long]
+    libc.munmap.argtypes = [ctypes.c_void_p, ctypes.c_size_t]
+    pages = -(-len(content) // mmap.PAGESIZE) * mmap.PAGESIZE
+    start = libc.mmap(None, pages + mmap.PAGESIZE, mmap.PROT_READ | mmap.PROT_WRITE,
+                      mmap.MAP_PRIVATE | mmap.MAP_ANONYMOUS, -1, 0)
+    libc.munmap(start + pages, mmap.PAGESIZE)
+    ctypes.memmove(start + pages - len(content), content, len(content))
+    descriptor = os.open("/proc/self/mem", os.O_RDONLY)
+    os.lseek(descriptor, start + pages - len(content), os.SEEK_SET)
+    return descriptor
+
+
+# -- input that cannot be read
+
+
+def closed(_):
+    return {"close_fds": [0]}
+
+
+def write_only(keep):
+    return {"stdin": keep(os.open("/dev/null", os.O_WRONLY))}
+
+
+def directory(keep):
+    return {"stdin": keep(os.open("/", os.O_RDONLY))}
+
+
+def memory_that_is_not_there(keep):
+    return {"stdin": keep(memory_before_a_gap(b""))}
+
+
+def memory_that_ends_after_some_bytes(keep):
+    return {"stdin": keep(memory_before_a_gap(b"some bytes of the body"))}
+
+
+def memory_that_ends_after_many_bytes(keep):
+    return {"stdin": keep(memory_before_a_gap(b"x" * 100_000))}
+
+
+UNREADABLE = {closed: "Bad file descriptor",
+              write_only: "Bad file descriptor",
+              directory: "Is a directory",
+              memory_that_is_not_there: "Input/output error",
+              memory_that_ends_after_some_bytes: "Input/output error",
+              memory_that_ends_after_many_bytes: "Input/output error"}
+
+
+@pytest.mark.parametrize("make, text", UNREADABLE.items())
+def test_input_that_cannot_be_read_leaves_the_former_row(database, descriptors, make, text):
+    result = database.run(*SET_RESP, **make(descriptors))
+
+    assert_failed(result, f"Unable to read standard input: {text}")
+    assert bodies(database) == [b"former"]
+
+
+@pytest.mark.parametrize("make", UNREADABLE)
+def test_input_that_cannot_be_read_keeps_the_database_unopened(sandbox, descriptors, make):
+    sandbox.path(DIRECTORY).mkdir(parents=True)
+
+    result = sandbox.run(*SET_RESP, **make(descriptors))
+
+    assert [record.text[:30] for record in result.records] == ["Unable to read standard input:"]
+    assert set(sandbox.tree(DIRECTORY)) == {"."}  # opening would have made an empty file
+
+
+def test_error_after_a_part_of_the_body_is_not_its_end(database, needs_tracing):
+    body = b"x" * 60_000
+    _, calls = database.trace("--set-resp", "--mailname", "b@example.org", "--real-owner", "a@example.org",
+                              stdin=body, calls="read")
+    nth = [call.args_text.partition(",")[0] for call in calls].index("0") + 2
+
+    result, calls = database.trace(*SET_RESP, stdin=body, calls="read,openat", inject=[f"read:error=EIO:when={nth}"])
+
+    assert_failed(result, "Unable to read standard input: Input/output error")
+    reads = [(call.value, call.error) for call in calls if call.name == "read" and call.args_text.startswith("0,")]
+    assert reads == [(60_000, None), (-1, "EIO")]
+    assert DATABASE not in [call.strings[0] for call in calls if call.name == "openat"]
+    assert database.rows("SELECT CAST(body AS BLOB) FROM autoresponder WHERE mn = 'a@example.org'") == [(b"former",)]
+
+
+def test_interrupted_read_is_made_again(database, needs_tracing):
+    _, calls = database.trace(*SET_RESP, stdin=b"x", calls="read")
+    nth = [call.args_text.partition(",")[0] for call in calls].index("0") + 1
+
+    result, calls = database.trace(*SET_RESP, stdin=b"the whole body", calls="read",
+                                   inject=[f"read:error=EINTR:when={nth}"])
+
+    assert [call.error for call in calls if call.args_text.startswith("0,")] == ["EINTR", None, None]
+    assert_stored(result)
+    assert bodies(database) == [b"the whole body"]
+
+
+# -- input that comes slowly, or not at all
+
+
+def test_empty_input_is_an_empty_body(database):
+    with open("/dev/null", "rb") as null:
+        assert_stored(database.run(*SET_RESP, stdin=null))
+
+    assert bodies(database) == [b""]
+
+
+def test_input_without_a_writer_is_an_empty_body(database):
+    assert_stored(database.run(*SET_RESP, broken_pipes=[0]))
+
+    assert bodies(database) == [b""]
+
+
+def test_file_is_read_from_where_its_owner_left_it(database, tmp_path):
+    path = tmp_path / "body"
+    path.write_bytes(b"read already, body")
+    with open(path, "rb", buffering=0) as file:
+        file.read(len(b"read already, "))
+        assert_stored(database.run(*SET_RESP, stdin=file))
+
+    assert bodies(database) == [b"body"]
+
+
+def test_terminal_line_is_read_until_its_end(database, descriptors):
+    master, slave = descriptors(*os.openpty())
+    tty.setraw(slave)
+    attributes = tty.tcgetattr(slave)
+    attributes[3] |= tty.ICANON
+    tty.tcsetattr(slave, tty.TCSANOW, attributes)
+    os.write(master, b"line\n\x04")
+
+    assert_stored(database.run(*SET_RESP, stdin=slave))
+
+    assert bodies(database) == [b"line\n"]
+
+
+@pytest.mark.parametrize("blocking", [True, False], ids=["blocking", "non-blocking"])
+def test_slow_writer_is_waited_for_with_the_database_unopened(database, descriptors, blocking):
+    reader, writer = descriptors(*os.pipe())
+    os.set_blocking(reader, blocking)
+    running = database.start(*SET_RESP, stdin=reader)
+    pieces = [b"a", b"\n", b"piece \0 of it", b"", b"x" * 5000, b"y" * 65536, b"the end\n"]
+
+    for piece in pieces:
+        until_it_sleeps(running)
+        assert not has_open(running, "responder.db")
+        os.write(writer, piece)
+    until_it_sleeps(running)
+    with contextlib.closing(database.db()) as other:  # nobody is kept from writing
+        other.execute("PRAGMA busy_timeout = 0")
+        other.execute("BEGIN EXCLUSIVE")
+        other.execute("COMMIT")
+    os.close(writer)
+
+    assert_stored(running.wait())
+    assert bodies(database) == [b"".join(pieces)]
+
+
+def test_megabytes_in_small_pieces_arrive_whole(database, descriptors):
+    reader, writer = descriptors(*os.pipe())
+    running = database.start(*SET_RESP, stdin=reader)
+    body = os.urandom(3 * 1024 * 1024 + 7)
+
+    for start in range(0, len(body), 4099):
+        os.write(writer, body[start:start + 4099])
+    os.close(writer)
+
+    assert_stored(running.wait())
+    assert bodies(database) == [body]
+
+
+def test_body_is_read_before_a_database_that_is_not_there(sandbox, descriptors):
+    reader, writer = descriptors(*os.pipe())
+    running = sandbox.start(*SET_RESP, stdin=reader)
+
+    until_it_sleeps(running)
+    os.close(writer)
+
+    assert_failed(running.wait(), "Unable to open database /var/lib/quarn/mail/autoresponder/responder.db: "
+                                  "unable to open database file")

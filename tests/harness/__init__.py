@@ -1,0 +1,12 @@
+"""What the command tests stand on: the real binary in a private root, watched from outside.
+
+    from harness import Call, Record, Result, needs_tracing
+
+The fixtures (`sandbox`, `needs_tracing`) are in tests/command/conftest.py.
+"""
+
+from .log_records import Record
+from .sandbox import DELETED_CWD, Result, Running, Sandbox
+from .tracing import Call, needs_tracing
+
+__all__ = ["DELETED_CWD", "Call", "Record", "Result", "Running", "Sandbox", "needs_tracing"]

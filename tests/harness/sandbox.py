@@ -1,0 +1,325 @@
+"""A private root for one test, and runs of the tool in it."""
+
+import contextlib
+import os
+import resource
+import signal
+import sqlite3
+import stat
+import subprocess
+import threading
+from dataclasses import dataclass
+from pathlib import Path
+
+from . import tracing
+from .log_records import Record, parse_record
+from .private_root import REPOSITORY, script
+
+DATABASE = "/var/lib/quarn/mail/autoresponder/responder.db"
+BUILD_DIRECTORY = Path(os.environ.get("ARSP_BUILD_DIR") or REPOSITORY / "build" / "release").resolve()
+DELETED_CWD = object()  # as `cwd`: a working directory that is not there any more
+PIPE_ROOM = 65536  # what a pipe takes without a reader
+SANITIZER_STATUS = 99  # never mistaken for a status of the tool
+SANITIZER_REPORTS = "/.sanitizer"
+SANITIZER_MARKS = (b"ERROR: AddressSanitizer", b"ERROR: LeakSanitizer", b"AddressSanitizer: CHECK failed",
+                   b"AddressSanitizer:DEADLYSIGNAL", b"runtime error: ")
+
+
+def program_under_test():
+    """The arspctl under test: that of the build directory in ARSP_BUILD_DIR, or of build/release."""
+    program = BUILD_DIRECTORY / "cli" / "arspctl"
+    if not program.exists():
+        raise FileNotFoundError(f"{program} is not there: it has to be built first")
+    return program
+
+
+@dataclass(frozen=True)
+class Result:
+    """How a run ended: `status` is the exit status, or minus the number of the signal that ended it."""
+
+    status: int
+    stdout: bytes
+    stderr: bytes
+    records: list[Record]
+
+
+class Sandbox:
+    """A fresh private root, prepared for `program`. Made by the fixture `sandbox`, which removes it as well.
+
+    popuser    (uid, gid) of the mail system's user inside
+    directory  where the root is, seen from outside
+    """
+
+    popuser = (script.POPUSER_UID, script.POPUSER_GID)
+
+    def __init__(self, directory, program, mode, pool=None, tracing_declared=True):
+        self._tracing_declared = tracing_declared
+        self._sanitized = script.is_sanitized(str(program))
+        self._received = []
+        self._running = []
+        self._root = script.PrivateRoot(str(directory), str(program), mode, pool=pool)
+        self._root.prepare()
+        self._root.provide_proc(str(program), self._sanitizer_options())
+        self._root.hold()
+        self._catcher = script.LogCatcher(self._root, self._received.append)
+        self.directory = Path(self._root.directory)
+
+    def remove(self):
+        """Ends what still runs and removes the root."""
+        for running in self._running:
+            running.kill()
+        if self._catcher is not None:
+            self._catcher.stop()
+        self._root.remove()
+
+    # -- runs
+
+    def run(self, *args, **options):
+        """Runs the tool with `args` (text or bytes) and answers its Result.
+
+        stdin         bytes, sent through a pipe; a file or descriptor; None for a closed one
+        stdout/stderr a file or descriptor instead of the pipe into the Result
+        env           the whole environment (default: a PATH and nothing else)
+        umask         of the tool
+        timeout       in seconds; the run is killed then, and the test fails
+        close_fds     the standard descriptors (0, 1, 2) that are closed at the start
+        broken_pipes  those that are pipes without another end
+        rlimits       {resource.RLIMIT_...: limit or (soft, hard)}
+        ignore        signals that are ignored at the start
+        cwd           the working directory inside (default "/"), or DELETED_CWD
+        argv0         the name the tool is called by, instead of its path
+        """
+        timeout = options.pop("timeout", 60)
+        return self.start(*args, **options).wait(timeout)
+
+    def start(self, *args, **options):
+        """Like run(), but does not wait: answers a Running."""
+        argv0 = options.pop("argv0", script.PROGRAM)
+        return self.start_command(script.PROGRAM, [argv0, *args], **options)
+
+    def execute(self, *words, **options):
+        """Runs another program of the root, by its path, with the options of run()."""
+        timeout = options.pop("timeout", 60)
+        self._root.provide(os.fsdecode(words[0]))
+        return self.start_command(words[0], words, **options).wait(timeout)
+
+    def trace(self, *args, calls=None, inject=None, paths=(), **options):
+        """Like run() under strace; answers (Result, [Call, ...]).
+
+        calls   the system calls to list, as for strace -e trace=; all by default
+        inject  strace -e inject= expressions, such as "unlink:error=EACCES:when=1"
+        paths   look only at calls on these paths (strace -P); inject counts only those, too
+
+        The execve of the tool comes first, and counts for inject. Calls of the dynamic loader are there as well: paths= keeps them out.
+        """
+        if not self._tracing_declared:
+            raise RuntimeError("a test that traces asks for the fixture needs_tracing")
+        if "argv0" in options or options.get("close_fds") or options.get("stdin", b"") is None:
+            raise TypeError("strace passes neither a closed standard descriptor nor another name on to the tool")
+        log = "/.trace"
+        timeout = options.pop("timeout", 60)
+        words = tracing.strace_arguments(log, calls, inject, paths)
+        running = self.start_command("/usr/bin/strace", [*words, script.PROGRAM, *args], traced=True, **options)
+        result = running.wait(timeout)
+        path = self.path(log)
+        seen = tracing.parse_trace(path.read_text(errors="surrogateescape")) if path.exists() else []
+        path.unlink(missing_ok=True)
+        return result, seen
+
+    def start_command(self, path, words, *, stdin=b"", stdout=subprocess.PIPE, stderr=subprocess.PIPE, env=None,
+                      umask=0o022, close_fds=(), broken_pipes=(), rlimits=None, ignore=(), cwd=None, traced=False):
+        """What start() and the others come down to: `path` inside is run with the argument vector `words`."""
+        environment = {"PATH": "/usr/sbin:/usr/bin:/sbin:/bin"} if env is None else dict(env)
+        if self._sanitized:
+            environment.update(self._sanitizer_options(leaks=not traced))
+
+        def go_in():
+            self._root.enter()
+            if cwd is DELETED_CWD:
+                os.mkdir("/tmp/gone")
+                os.chdir("/tmp/gone")
+                os.rmdir("/tmp/gone")
+            elif cwd is not None:
+                os.chdir(cwd)
+            os.umask(umask)
+            for number in ignore:
+                signal.signal(number, signal.SIG_IGN)
+            for number, limit in (rlimits or {}).items():
+                resource.setrlimit(number, limit if isinstance(limit, tuple) else (limit, limit))
+            for number in close_fds:
+                os.close(number)
+
+        with contextlib.ExitStack() as ours:
+            ends = {0: stdin, 1: stdout, 2: stderr}
+            for number in broken_pipes:
+                ends[number] = _half_pipe(ours, keep=0 if number == 0 else 1)
+            feed = None
+            if ends[0] is None:
+                close_fds = (*close_fds, 0)
+                ends[0] = subprocess.DEVNULL
+            elif isinstance(ends[0], (bytes, bytearray)):
+                ends[0], feed = _feeding_pipe(ours, bytes(ends[0]))
+            first_record = len(self._received)
+            process = subprocess.Popen(words, executable=path, stdin=ends[0], stdout=ends[1], stderr=ends[2],
+                                       env=environment, preexec_fn=go_in, process_group=0)
+        if feed is not None:
+            feed.start()
+        running = Running(self, process, first_record, feed, by_pid=not traced and path == script.PROGRAM)
+        self._running.append(running)
+        return running
+
+    # -- what is inside
+
+    def path(self, path):
+        """The path outside of a path inside."""
+        return Path(self.directory, os.fspath(path).lstrip("/"))
+
+    def tree(self, path):
+        """Everything below the directory `path`, itself as ".": {name: (type, mode, uid, gid, content)}.
+
+        type is "dir", "file", "link", "fifo", "socket", "char" or "block", mode the permission bits, content the
+        bytes of a file, the target of a link, otherwise None. Empty when there is no such directory.
+        """
+        top = self.path(path)
+        if not os.path.lexists(top):
+            return {}
+        found = {".": _entry(top)}
+        for directory, names, files in os.walk(top):
+            for name in names + files:
+                entry = Path(directory, name)
+                found[str(entry.relative_to(top))] = _entry(entry)
+        return found
+
+    def conf(self, content):
+        """Writes the panel's configuration file."""
+        self.path("/etc/kel/kel.conf").write_bytes(content.encode() if isinstance(content, str) else content)
+
+    def popuser_exists(self, present):
+        """Lets the mail system's user exist, as at first, or not."""
+        self._root.set_popuser(present)
+
+    def no_log(self):
+        """Takes /dev/log away: the system log is not listening."""
+        self._catcher.stop()
+        self._catcher = None
+
+    # -- the database
+
+    def init_db(self):
+        """Makes the database with the tool itself."""
+        result = self.run("--init-db")
+        assert (result.status, result.stdout, result.stderr) == (0, b"", b""), result
+        return result
+
+    def db(self):
+        """A connection to the database in autocommit mode, to be closed by the caller; the file must be there."""
+        return sqlite3.connect(f"file:{self.path(DATABASE)}?mode=rw", uri=True, isolation_level=None)
+
+    def rows(self, sql, *params):
+        """The rows that the query answers."""
+        with contextlib.closing(self.db()) as connection:
+            return connection.execute(sql, params).fetchall()
+
+    # -- the log
+
+    def records(self):
+        """All records caught so far."""
+        return self._records_since(0)
+
+    def _records_since(self, first):
+        if self._catcher is not None:
+            self._catcher.drain()
+        return [parse_record(datagram) for datagram in self._received[first:]]
+
+    # -- sanitizers
+
+    def _sanitizer_options(self, leaks=True):
+        leaks = leaks and self._root.mode == "namespace" and tracing.why_not() is None
+        common = f"exitcode={SANITIZER_STATUS}:log_path={SANITIZER_REPORTS}"
+        return {"ASAN_OPTIONS": f"{common}:abort_on_error=0:detect_leaks={int(leaks)}",
+                "UBSAN_OPTIONS": f"{common}:halt_on_error=1:print_stacktrace=1"}
+
+    def fail_on_sanitizer_report(self, result):
+        """Lets the test fail when a sanitizer found something, whatever the test itself looks at."""
+        if not self._sanitized:
+            return
+        reports = [result.stderr] + [file.read_bytes() for file in self.directory.glob(SANITIZER_REPORTS[1:] + ".*")]
+        found = [report for report in reports if any(mark in report for mark in SANITIZER_MARKS)]
+        if found or result.status == SANITIZER_STATUS:
+            raise AssertionError("a sanitizer reports:\n" + b"\n".join(found).decode(errors="replace"))
+
+
+class Running:
+    """A run that was started: `pid`, and wait() for its Result."""
+
+    def __init__(self, sandbox, process, first_record, feed, by_pid):
+        self._sandbox = sandbox
+        self._process = process
+        self._first_record = first_record
+        self._feed = feed
+        self._by_pid = by_pid
+        self.pid = process.pid
+
+    def wait(self, timeout=60):
+        """Waits for the end, at most `timeout` seconds. The records are the run's own, told by its process id."""
+        try:
+            stdout, stderr = self._process.communicate(timeout=timeout)
+        except subprocess.TimeoutExpired:
+            self.kill()
+            raise AssertionError(f"still running after {timeout} seconds: {self._process.args}") from None
+        if self._feed is not None:
+            self._feed.join()
+        records = self._sandbox._records_since(self._first_record)
+        if self._by_pid:
+            records = [record for record in records if record.pid in (self.pid, None)]
+        result = Result(self._process.returncode, stdout or b"", stderr or b"", records)
+        self._sandbox.fail_on_sanitizer_report(result)
+        return result
+
+    def running(self):
+        """Whether it has not ended yet."""
+        return self._process.poll() is None
+
+    def kill(self):
+        """Ends it at once, and what it started."""
+        if self._process.poll() is None:
+            os.killpg(self.pid, signal.SIGKILL)
+            self._process.communicate()
+
+
+def _half_pipe(ours, keep):
+    ends = os.pipe()
+    os.close(ends[1 - keep])
+    ours.callback(os.close, ends[keep])
+    return ends[keep]
+
+
+def _feeding_pipe(ours, content):
+    """The end to read `content` from, and a thread that writes it when it is more than the pipe takes at once."""
+    reader, writer = os.pipe()
+    ours.callback(os.close, reader)
+    if len(content) <= PIPE_ROOM:
+        os.write(writer, content)
+        os.close(writer)
+        return reader, None
+
+    def write_all():
+        with open(writer, "wb", buffering=0) as pipe, contextlib.suppress(BrokenPipeError):
+            rest = memoryview(content)
+            while rest:
+                rest = rest[pipe.write(rest):]
+
+    return reader, threading.Thread(target=write_all, daemon=True)
+
+
+def _entry(path):
+    state = path.lstat()
+    kinds = {stat.S_IFDIR: "dir", stat.S_IFREG: "file", stat.S_IFLNK: "link", stat.S_IFIFO: "fifo",
+             stat.S_IFSOCK: "socket", stat.S_IFCHR: "char", stat.S_IFBLK: "block"}
+    kind = kinds[stat.S_IFMT(state.st_mode)]
+    content = None
+    if kind == "file":
+        content = path.read_bytes()
+    elif kind == "link":
+        content = os.readlink(path)
+    return (kind, stat.S_IMODE(state.st_mode), state.st_uid, state.st_gid, content)

@@ -1,0 +1,99 @@
+"""The system calls of a run: seen, counted and made to fail, by strace inside the private root."""
+
+import functools
+import re
+import shutil
+import subprocess
+import tempfile
+from dataclasses import dataclass
+
+import pytest
+
+# A machine may forbid tracing. This is the one thing whose lack lets tests be left out, and they say so.
+needs_tracing = pytest.mark.usefixtures("needs_tracing")
+
+
+@functools.cache
+def why_not():
+    """Why system calls cannot be traced and changed on this machine; None when they can."""
+    if shutil.which("strace") is None:
+        return "strace is not installed"
+    with tempfile.NamedTemporaryFile() as log:
+        probe = subprocess.run(
+            ["strace", "-f", "-o", log.name, "-e", "inject=fsync:error=EIO", "sh", "-c", "sync /tmp; exit 7"],
+            stdin=subprocess.DEVNULL, capture_output=True, text=True, check=False)
+        if probe.returncode == 7 and b"(INJECTED)" in log.read():
+            return None
+    return "this machine forbids tracing: " + (probe.stderr.strip().splitlines() or ["calls are not changed"])[0]
+
+
+@dataclass(frozen=True)
+class Call:
+    """One system call: the process, its name, its arguments and its result as strace writes them."""
+
+    pid: int
+    name: str
+    args_text: str
+    result: str
+
+    @property
+    def value(self):
+        """The number that the call answered; None when there is none (exit, or the process died in it)."""
+        match = re.match(r"-?\d+", self.result)
+        if self.result.startswith("0x"):
+            return int(self.result.split()[0], 16)
+        return int(match[0]) if match else None
+
+    @property
+    def error(self):
+        """The name of the error, such as ENOENT; None for success."""
+        match = re.match(r"-1 (E\w+)", self.result)
+        return match[1] if match else None
+
+    @property
+    def injected(self):
+        """Whether the result was made up instead of calling the kernel."""
+        return "INJECTED" in self.result
+
+    @property
+    def strings(self):
+        """The quoted arguments, paths for instance, in order; escapes as strace wrote them."""
+        return re.findall(r'"((?:[^"\\]|\\.)*)"', self.args_text)
+
+
+def strace_arguments(log, calls, inject, paths):
+    """The strace command line up to the traced program."""
+    words = ["strace", "-f", "-qq", "-v", "-s", "1000000", "-e", "signal=none", "-o", log]
+    if calls:
+        words += ["-e", f"trace={calls}"]
+    for expression in inject or ():
+        words += ["-e", f"inject={expression}"]
+    for path in paths:
+        words += ["-P", path]
+    return words
+
+
+LINE = re.compile(r"(\d+) +(.*)", re.DOTALL)
+RESUMED = re.compile(r"<\.\.\. (\w+) resumed>(.*)", re.DOTALL)
+UNFINISHED = " <unfinished ...>"
+COMPLETE = re.compile(r"(\w+)\((.*)\)\s+= (.*)", re.DOTALL)
+
+
+def parse_trace(text):
+    """The calls of a strace -f log, in the order in which they ended."""
+    begun, calls = {}, []
+    for line in text.splitlines():
+        pid, rest = LINE.fullmatch(line).groups()
+        if rest.startswith(("---", "+++")):
+            continue
+        resumed = RESUMED.fullmatch(rest)
+        if resumed:
+            rest = begun.pop(pid, resumed[1] + "(") + resumed[2]
+        if rest.endswith(UNFINISHED):
+            begun[pid] = rest[: -len(UNFINISHED)]
+            continue
+        complete = COMPLETE.fullmatch(rest)
+        if complete is None:
+            raise ValueError(f"not understood in the trace: {line!r}")
+        calls.append(Call(int(pid), *complete.groups()))
+    return calls

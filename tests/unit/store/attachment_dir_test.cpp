@@ -1,0 +1,284 @@
+#include "store/attachment_dir.h"
+
+#include <cerrno>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <string>
+
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <gtest/gtest.h>
+
+#include "support/conf.h"
+#include "tests/unit/support/child_process.h"
+
+namespace {
+
+namespace fs = std::filesystem;
+
+const std::string MAILBOX = "/var/qmail/mailnames/unit.test/user";
+const std::string DIRECTORY = "/var/qmail/mailnames/unit.test/user/@attachments";
+constexpr uid_t ROOT = 0;
+constexpr uid_t STRANGER = 1110;
+
+/* The text of errno when `result` is -1, otherwise "done". */
+std::string outcome(int result)
+{
+    const int error = errno;
+    return result == 0 ? "done" : std::strerror(error);
+}
+
+void put_link(const std::string &path, const std::string &target, uid_t owner)
+{
+    fs::create_symlink(target, path);
+    ASSERT_EQ(lchown(path.c_str(), owner, owner), 0);
+}
+
+void put_file(const std::string &path)
+{
+    std::ofstream(path) << "content";
+}
+
+/* user@unit.test has an attachment directory, and everything of it is removed afterwards. */
+class AttachmentDirTest : public testing::Test {
+protected:
+    void SetUp() override { fs::create_directories(DIRECTORY); }
+    void TearDown() override
+    {
+        fs::remove_all("/var/qmail/mailnames/unit.test");
+        fs::remove_all("/var/tmp/unit.test");
+    }
+
+    /* Moves the directory `path` away and puts a link to it in its place. */
+    static void replace_by_link(const std::string &path, uid_t owner)
+    {
+        fs::create_directories("/var/tmp/unit.test");
+        fs::rename(path, "/var/tmp/unit.test/moved");
+        put_link(path, "/var/tmp/unit.test/moved", owner);
+    }
+
+    const AttachmentDir dir_{"user@unit.test"};
+    std::string error_;
+};
+
+// -- from the address to the path
+
+TEST(AttachmentDirPathTest, IsRootDomainLocalPartAndAttachments)
+{
+    EXPECT_EQ(AttachmentDir("user@example.org").path(), "/var/qmail/mailnames/example.org/user/@attachments");
+}
+
+TEST(AttachmentDirPathTest, WithoutAnAtSignTheAddressIsDomainAndLocalPart)
+{
+    EXPECT_EQ(AttachmentDir("shared").path(), "/var/qmail/mailnames/shared/shared/@attachments");
+}
+
+TEST(AttachmentDirPathTest, OfAnEmptyAddressHasThreeSlashes)
+{
+    EXPECT_EQ(AttachmentDir("").path(), "/var/qmail/mailnames///@attachments");
+}
+
+TEST(AttachmentDirPathTest, TheFirstAtSignSplits)
+{
+    EXPECT_EQ(AttachmentDir("a@b@c@").path(), "/var/qmail/mailnames/b@c@/a/@attachments");
+    EXPECT_EQ(AttachmentDir("@@").path(), "/var/qmail/mailnames/@//@attachments");
+}
+
+TEST(AttachmentDirPathTest, EitherPartMayBeEmpty)
+{
+    EXPECT_EQ(AttachmentDir("@example.org").path(), "/var/qmail/mailnames/example.org//@attachments");
+    EXPECT_EQ(AttachmentDir("user@").path(), "/var/qmail/mailnames//user/@attachments");
+    EXPECT_EQ(AttachmentDir("@").path(), "/var/qmail/mailnames///@attachments");
+}
+
+TEST(AttachmentDirPathTest, NothingIsNormalised)
+{
+    EXPECT_EQ(AttachmentDir("U/./x@Example.ORG/../y").path(),
+              "/var/qmail/mailnames/Example.ORG/../y/U/./x/@attachments");
+}
+
+TEST(AttachmentDirPathTest, TheRootIsThatOfTheConfiguration)
+{
+    const ChildResult child = run_in_child([] {
+        std::ofstream(KEL_CONF_PATH) << "QUARN_MAILNAMES_D /srv/mail\n";
+        std::printf("%s", AttachmentDir("user@example.org").path().c_str());
+        unlink(KEL_CONF_PATH);
+    });
+    EXPECT_EQ(child.out, "/srv/mail/example.org/user/@attachments");
+}
+
+TEST(AttachmentDirPathTest, OfAnAttachmentIsTheNameAsGiven)
+{
+    const AttachmentDir dir("user@example.org");
+    EXPECT_EQ(dir.pathOf("report.pdf"), "/var/qmail/mailnames/example.org/user/@attachments/report.pdf");
+    EXPECT_EQ(dir.pathOf("a/../b/"), "/var/qmail/mailnames/example.org/user/@attachments/a/../b/");
+    EXPECT_EQ(dir.pathOf(""), "/var/qmail/mailnames/example.org/user/@attachments/");
+}
+
+// -- checkLinks
+
+TEST_F(AttachmentDirTest, WhatIsNotThereIsFineToWriteTo)
+{
+    EXPECT_EQ(outcome(dir_.checkLinks("report.pdf")), "done");
+    EXPECT_EQ(outcome(AttachmentDir("nobody@nowhere.test").checkLinks("report.pdf")), "done");
+}
+
+TEST_F(AttachmentDirTest, WhatIsThereWithoutAnyLinkIsFineToWriteTo)
+{
+    put_file(DIRECTORY + "/report.pdf");
+    EXPECT_EQ(outcome(dir_.checkLinks("report.pdf")), "done");
+    EXPECT_EQ(outcome(dir_.checkLinks("")), "done");
+}
+
+TEST_F(AttachmentDirTest, WhatLiesInTheWayOfADirectoryIsLeftToWhoMakesTheDirectory)
+{
+    fs::remove(DIRECTORY);
+    put_file(DIRECTORY);
+    EXPECT_EQ(outcome(dir_.checkLinks("report.pdf")), "done");
+}
+
+TEST_F(AttachmentDirTest, ALinkOfAStrangersIsNotWrittenThrough)
+{
+    for (const std::string &path : {DIRECTORY, MAILBOX, std::string("/var/qmail/mailnames/unit.test")}) {
+        replace_by_link(path, STRANGER);
+        EXPECT_EQ(outcome(dir_.checkLinks("report.pdf")), "Too many levels of symbolic links") << path;
+        fs::remove(path);
+        fs::rename("/var/tmp/unit.test/moved", path);
+    }
+}
+
+TEST_F(AttachmentDirTest, ALinkOfRootsIsWrittenThrough)
+{
+    for (const std::string &path : {DIRECTORY, MAILBOX, std::string("/var/qmail/mailnames/unit.test")}) {
+        replace_by_link(path, ROOT);
+        EXPECT_EQ(outcome(dir_.checkLinks("report.pdf")), "done") << path;
+        fs::remove(path);
+        fs::rename("/var/tmp/unit.test/moved", path);
+    }
+}
+
+TEST_F(AttachmentDirTest, ALinkInThePlaceOfTheFileIsWrittenThroughOnlyIfItIsRoots)
+{
+    put_link(DIRECTORY + "/roots", "/var/tmp/file", ROOT);
+    put_link(DIRECTORY + "/strangers", "/var/tmp/file", STRANGER);
+    EXPECT_EQ(outcome(dir_.checkLinks("roots")), "done");
+    EXPECT_EQ(outcome(dir_.checkLinks("strangers")), "Too many levels of symbolic links");
+}
+
+// -- unlinkFile
+
+TEST_F(AttachmentDirTest, AFileIsUnlinked)
+{
+    put_file(DIRECTORY + "/report.pdf");
+    EXPECT_EQ(outcome(dir_.unlinkFile("report.pdf")), "done");
+    EXPECT_TRUE(fs::is_empty(DIRECTORY));
+}
+
+TEST_F(AttachmentDirTest, UnlinkingAnswersWhatTheSystemAnswers)
+{
+    put_file(DIRECTORY + "/report.pdf");
+    EXPECT_EQ(outcome(dir_.unlinkFile("no-such-file")), "No such file or directory");
+    EXPECT_EQ(outcome(AttachmentDir("nobody@nowhere.test").unlinkFile("x")), "No such file or directory");
+    EXPECT_EQ(outcome(dir_.unlinkFile("")), "Is a directory");
+    EXPECT_EQ(outcome(dir_.unlinkFile("//")), "Is a directory");
+    EXPECT_EQ(outcome(dir_.unlinkFile("report.pdf/")), "Not a directory");
+    EXPECT_EQ(outcome(dir_.unlinkFile("report.pdf/x")), "Not a directory");
+    EXPECT_TRUE(fs::exists(DIRECTORY + "/report.pdf"));
+}
+
+TEST_F(AttachmentDirTest, ANameWithSlashesLeadsBelowAndAbove)
+{
+    fs::create_directory(DIRECTORY + "/sub");
+    put_file(DIRECTORY + "/sub/x");
+    put_file(MAILBOX + "/x");
+    EXPECT_EQ(outcome(dir_.unlinkFile("sub//x")), "done");
+    EXPECT_EQ(outcome(dir_.unlinkFile("../x")), "done");
+    EXPECT_TRUE(fs::is_empty(DIRECTORY + "/sub"));
+    EXPECT_FALSE(fs::exists(MAILBOX + "/x"));
+}
+
+TEST_F(AttachmentDirTest, ALinkInThePlaceOfTheFileIsUnlinkedWhoeverOwnsIt)
+{
+    put_file(MAILBOX + "/target");
+    put_link(DIRECTORY + "/roots", MAILBOX + "/target", ROOT);
+    put_link(DIRECTORY + "/strangers", MAILBOX + "/target", STRANGER);
+    EXPECT_EQ(outcome(dir_.unlinkFile("roots")), "done");
+    EXPECT_EQ(outcome(dir_.unlinkFile("strangers")), "done");
+    EXPECT_TRUE(fs::is_empty(DIRECTORY));
+    EXPECT_TRUE(fs::exists(MAILBOX + "/target"));
+}
+
+TEST_F(AttachmentDirTest, NothingIsUnlinkedBehindALinkOfAStrangers)
+{
+    put_file(DIRECTORY + "/x");
+    replace_by_link(MAILBOX, STRANGER);
+    EXPECT_EQ(outcome(dir_.unlinkFile("x")), "Too many levels of symbolic links");
+    EXPECT_TRUE(fs::exists(DIRECTORY + "/x"));
+}
+
+TEST_F(AttachmentDirTest, AFileBehindALinkOfRootsIsUnlinked)
+{
+    put_file(DIRECTORY + "/x");
+    replace_by_link(MAILBOX, ROOT);
+    EXPECT_EQ(outcome(dir_.unlinkFile("x")), "done");
+    EXPECT_FALSE(fs::exists(DIRECTORY + "/x"));
+}
+
+// -- clear
+
+TEST_F(AttachmentDirTest, ClearingLeavesTheEmptyDirectory)
+{
+    fs::create_directories(DIRECTORY + "/one/two/three");
+    for (const char *name : {"/x", "/.hidden", "/one/x", "/one/two/x"})
+        put_file(DIRECTORY + name);
+    EXPECT_EQ(dir_.clear(error_), 0);
+    EXPECT_TRUE(fs::is_empty(DIRECTORY));
+    EXPECT_EQ(error_, "");
+}
+
+TEST_F(AttachmentDirTest, ClearingTellsWhatWentWrongWhere)
+{
+    fs::remove(DIRECTORY);
+    EXPECT_EQ(dir_.clear(error_), -1);
+    EXPECT_EQ(error_, "cannot open directory /var/qmail/mailnames/unit.test/user/@attachments: "
+                      "No such file or directory");
+}
+
+TEST_F(AttachmentDirTest, NothingIsClearedBehindALinkOfAStrangers)
+{
+    put_file(DIRECTORY + "/x");
+    replace_by_link(DIRECTORY, STRANGER);
+    EXPECT_EQ(dir_.clear(error_), -1);
+    EXPECT_EQ(error_, "cannot open directory /var/qmail/mailnames/unit.test/user/@attachments: "
+                      "Too many levels of symbolic links");
+    EXPECT_TRUE(fs::exists(DIRECTORY + "/x"));
+}
+
+TEST_F(AttachmentDirTest, ADirectoryBehindALinkOfRootsIsCleared)
+{
+    put_file(DIRECTORY + "/x");
+    replace_by_link(DIRECTORY, ROOT);
+    EXPECT_EQ(dir_.clear(error_), 0);
+    EXPECT_TRUE(fs::is_empty(DIRECTORY + "/."));
+    EXPECT_TRUE(fs::is_symlink(DIRECTORY));
+}
+
+TEST_F(AttachmentDirTest, LinksInsideAreRemovedAndTheirTargetsStay)
+{
+    put_file(MAILBOX + "/target");
+    fs::create_directory(MAILBOX + "/directory");
+    put_file(MAILBOX + "/directory/x");
+    for (const uid_t owner : {ROOT, STRANGER}) {
+        put_link(DIRECTORY + "/to-file", MAILBOX + "/target", owner);
+        put_link(DIRECTORY + "/to-directory", MAILBOX + "/directory", owner);
+        put_link(DIRECTORY + "/to-nothing", MAILBOX + "/nothing", owner);
+        EXPECT_EQ(dir_.clear(error_), 0);
+        EXPECT_TRUE(fs::is_empty(DIRECTORY));
+    }
+    EXPECT_TRUE(fs::exists(MAILBOX + "/target"));
+    EXPECT_TRUE(fs::exists(MAILBOX + "/directory/x"));
+}
+
+} // namespace

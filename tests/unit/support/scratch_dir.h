@@ -1,0 +1,67 @@
+#ifndef ARSP_TESTS_UNIT_SUPPORT_SCRATCH_DIR_H
+#define ARSP_TESTS_UNIT_SUPPORT_SCRATCH_DIR_H
+
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <sstream>
+#include <string>
+#include <string_view>
+
+#include <sys/stat.h>
+
+/* A directory of its own for a test, removed with all that is in it. */
+class ScratchDir {
+public:
+    ScratchDir()
+    {
+        path_ = (std::filesystem::temp_directory_path() / "arsp-unit-XXXXXX").string();
+        if (mkdtemp(path_.data()) == nullptr)
+            std::abort();
+        chmod(path_.c_str(), 0755);
+    }
+    ScratchDir(const ScratchDir &) = delete;
+    ScratchDir &operator=(const ScratchDir &) = delete;
+    ~ScratchDir()
+    {
+        std::error_code ignored; /* a destructor must not throw */
+        std::filesystem::remove_all(path_, ignored);
+    }
+
+    const std::string &path() const { return path_; }
+    std::string operator/(std::string_view name) const { return path_ + "/" + std::string(name); }
+
+    /* Writes a file and returns its path. */
+    std::string file(std::string_view name, std::string_view text = "") const
+    {
+        std::string path = *this / name;
+        std::ofstream(path, std::ios::binary) << text;
+        return path;
+    }
+
+private:
+    std::string path_;
+};
+
+inline std::string file_text(const std::string &path)
+{
+    std::ostringstream text;
+    text << std::ifstream(path, std::ios::binary).rdbuf();
+    return text.str();
+}
+
+/* stat's answer, without following a symbolic link; all zero when there is nothing. */
+inline struct stat file_status(const std::string &path)
+{
+    struct stat status = {};
+    if (lstat(path.c_str(), &status) != 0)
+        status = {};
+    return status;
+}
+
+inline unsigned permissions(const std::string &path)
+{
+    return file_status(path).st_mode & 07777U;
+}
+
+#endif

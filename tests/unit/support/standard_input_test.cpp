@@ -1,0 +1,119 @@
+#include "support/standard_input.h"
+
+#include <cerrno>
+#include <cstdio>
+#include <limits>
+#include <new>
+#include <string>
+
+#include <dlfcn.h>
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <gtest/gtest.h>
+
+#include "tests/unit/support/scratch_dir.h"
+#include "tests/unit/support/syslog_capture.h"
+
+namespace {
+
+size_t largest_block = std::numeric_limits<size_t>::max(); /* that realloc gives */
+
+} // namespace
+
+/* The linker takes this for realloc. */
+void *realloc_of_little_memory(void *block, size_t size) __asm__("realloc");
+void *realloc_of_little_memory(void *block, size_t size)
+{
+    using Realloc = void *(void *, size_t);
+    static const auto real_realloc = reinterpret_cast<Realloc *>(dlsym(RTLD_NEXT, "realloc"));
+    if (size > largest_block) {
+        errno = ENOMEM;
+        return nullptr;
+    }
+    return real_realloc(block, size);
+}
+
+namespace {
+
+using Records = std::vector<SyslogRecord>;
+
+class StandardInputTest : public testing::Test {
+protected:
+    void SetUp() override { capture_syslog(); }
+    void TearDown() override
+    {
+        largest_block = std::numeric_limits<size_t>::max();
+        dup2(kept_, STDIN_FILENO);
+        close(kept_);
+    }
+
+    /* Makes `fd` standard input. */
+    static void feed(int fd)
+    {
+        dup2(fd, STDIN_FILENO);
+        close(fd);
+    }
+    void feed(const std::string &content) { feed(open(dir_.file("input", content).c_str(), O_RDONLY)); }
+
+    ScratchDir dir_;
+    InputText input_;
+
+private:
+    const int kept_ = dup(STDIN_FILENO);
+};
+
+TEST_F(StandardInputTest, BytesAreReadToTheEnd)
+{
+    const std::string text("a\0b\xff\n\n", 6);
+    feed(text);
+    EXPECT_EQ(read_standard_input(input_), 0);
+    EXPECT_EQ(input_.view(), text);
+}
+
+TEST_F(StandardInputTest, NothingIsAnEmptyText)
+{
+    feed("");
+    EXPECT_EQ(read_standard_input(input_), 0);
+    EXPECT_EQ(input_.view(), "");
+}
+
+TEST_F(StandardInputTest, InputThatFillsABlockIsReadWhole)
+{
+    for (const size_t length : {65535U, 65536U, 65537U, 131072U, 131073U, 1000000U}) {
+        const std::string text(length, 'x');
+        feed(text);
+        EXPECT_EQ(read_standard_input(input_), 0);
+        EXPECT_EQ(input_.view(), text);
+    }
+}
+
+TEST_F(StandardInputTest, EarlierInputIsReplaced)
+{
+    feed("a long first text");
+    read_standard_input(input_);
+    feed("second");
+    EXPECT_EQ(read_standard_input(input_), 0);
+    EXPECT_EQ(input_.view(), "second");
+}
+
+TEST_F(StandardInputTest, FailureToReadIsLoggedAndLeavesErrno)
+{
+    feed(open("/", O_RDONLY));
+    EXPECT_EQ(read_standard_input(input_), -1);
+    EXPECT_EQ(errno, EISDIR);
+    EXPECT_EQ(syslog_capture.records, (Records{{3, "Unable to read standard input: Is a directory"}}));
+}
+
+TEST_F(StandardInputTest, InputThatDoesNotFitIntoMemoryIsThrown)
+{
+    largest_block = 200000;
+    feed(std::string(131072, 'x'));
+    EXPECT_THROW(read_standard_input(input_), std::bad_alloc);
+    largest_block = 65535;
+    feed("x");
+    EXPECT_THROW(read_standard_input(input_), std::bad_alloc);
+    EXPECT_EQ(syslog_capture.records, Records{});
+}
+
+} // namespace
