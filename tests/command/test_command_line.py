@@ -290,8 +290,8 @@ def test_every_option_of_set_resp_reaches_its_column(sandbox):
     sandbox.init_db()
 
     result = sandbox.run("--set-resp", "--mailname", "name@example.org", "--key-str", "key", "--key-where", "anything",
-                         "--subj", "subject", "--reply-to", "reply", "--forward-to", "forward", "--content-type", "html",
-                         "--charset", "KOI8-R", "--ans-freq", "3", "--ans-limit", "4",
+                         "--subj", "subject", "--reply-to", "reply", "--forward-to", "forward",
+                         "--content-type", "html", "--charset", "KOI8-R", "--ans-freq", "3", "--ans-limit", "4",
                          "--real-owner", "owner@example.org", stdin=b"body\n")
 
     assert result == SILENT_SUCCESS
@@ -412,7 +412,9 @@ def test_an_error_is_shown_byte_for_byte(sandbox):
 def test_an_error_longer_than_a_pipe_is_shown_whole(sandbox):
     long_text = "x" * 100_000
 
-    assert sandbox.run("--ans-freq", long_text) == refused(f"the argument ('{long_text}') for option '--ans-freq' is invalid")
+    result = sandbox.run("--ans-freq", long_text)
+
+    assert result == refused(f"the argument ('{long_text}') for option '--ans-freq' is invalid")
 
 
 # -- the log and the configuration

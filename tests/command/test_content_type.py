@@ -56,7 +56,9 @@ def test_content_type_is_plain_text_when_none_is_given(sandbox):
     ],
 )
 def test_other_content_types_are_refused(sandbox, typed):
-    assert sandbox.run("--content-type", typed) == refused(f"the argument ('{typed}') for option '--content-type' is invalid")
+    result = sandbox.run("--content-type", typed)
+
+    assert result == refused(f"the argument ('{typed}') for option '--content-type' is invalid")
 
 
 def test_an_empty_content_type_is_refused(sandbox):
@@ -98,7 +100,7 @@ def test_numbers_have_defaults(sandbox):
 @pytest.mark.parametrize("option", ["--ans-freq", "--ans-limit"])
 @pytest.mark.parametrize(
     "typed",
-    ["abc", "1x", "x1", " 5", "5 ", "1.5", "1e3", "0x10", "-", "--5", "2147483648", "-2147483649", "99999999999999999999"],
+    ["abc", "1x", "x1", " 5", "5 ", "1.5", "1e3", "0x10", "-", "--5", "2147483648", "-2147483649", "9" * 20],
 )
 def test_what_is_no_whole_32_bit_number_is_refused(sandbox, option, typed):
     assert sandbox.run(option, typed) == refused(f"the argument ('{typed}') for option '{option}' is invalid")
