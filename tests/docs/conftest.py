@@ -1,0 +1,19 @@
+"""Fixtures of the document tests: the private roots of the command tests."""
+
+import sys
+from pathlib import Path
+
+import pytest
+
+sys.path.insert(0, str(Path(__file__).resolve().parents[1]))
+
+from command.conftest import make_sandbox, needs_tracing, sandbox, sandbox_directory  # noqa: E402
+from harness.private_root import script  # noqa: E402
+
+__all__ = ["make_sandbox", "needs_tracing", "sandbox", "sandbox_directory", "sandbox_mode"]
+
+
+@pytest.fixture(scope="session")
+def sandbox_mode():
+    """The way into the private roots that this machine allows."""
+    return script.choose_mode()
