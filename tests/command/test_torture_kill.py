@@ -1,0 +1,18 @@
+"""SIGKILL at every call that changes a file or a lock. `scripts/torture kill` prints the same as a table."""
+
+import pytest
+from harness.private_root import script
+from harness.sandbox import program_under_test
+from torture import kill
+from torture.scene import COMMANDS
+
+THIN = 4 if script.is_sanitized(str(program_under_test())) else 1  # such a program takes long to start
+
+
+@pytest.mark.parametrize("command", COMMANDS)
+def test_a_killed_run_leaves_a_committed_state_and_can_be_repeated(sandbox, needs_tracing, command):
+    report = kill.torture(sandbox, command, bounded=True, thin=THIN)
+
+    print(report.table())
+    assert report.problems == []
+    assert report.total("tried") >= 20 // THIN
