@@ -13,6 +13,8 @@ TOOL = "/usr/sbin/arspctl"
 DIRECTORY = "/var/lib/quarn/mail/autoresponder"
 SET_RESP = ("--set-resp", "--mailname", "a@example.org", "--real-owner", "a@example.org", "--subj", "new")
 JOURNAL = DATABASE + "-journal"
+REPLACE = ("REPLACE INTO autoresponder (keystr, key_where, subject, reply_to, forward_to, content_type, charset, body, "
+           "ans_freq, ans_limit, real_owner, mn) VALUES (?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?  );")
 
 # SQLite's own pauses in one call with a busy timeout of 50 ms, in ns; those of the tool are a thousandth of that.
 OF_SQLITE = [1_000_000, 2_000_000, 5_000_000, 10_000_000, 15_000_000, 17_000_000]
@@ -247,8 +249,10 @@ def test_busy_step_is_reset_before_the_next_try(database):
 
     calls = sqlite_shim.calls(database)
     steps = calls[calls.index("bind_text 12 = 0") + 1:calls.index("prepare END TRANSACTION; = 0")]
-    assert len(steps) >= 6
-    assert steps == ["step = 5", "reset"] * (len(steps) // 2 - 1) + ["step = 101", "finalize"]
+    busy = (len(steps) - 2) // 3
+    assert busy >= 2
+    retries = [["step = 5", "reset", f"pause {number * 10_000}"] for number in range(1, busy)]
+    assert steps == ["step = 5", "reset", *sum(retries, []), "step = 101", f"pause {busy * 10_000}", "finalize"]
 
 
 def test_open_is_not_tried_again_and_prepare_is(database):
@@ -265,11 +269,12 @@ def test_open_is_not_tried_again_and_prepare_is(database):
     assert answers == ["5"] * (len(answers) - 1) + ["0"]
 
 
-def test_busy_close_is_tried_again(database, needs_tracing):
+def test_busy_close_is_tried_again(database):
     result = database.run(*SET_RESP, env=sqlite_shim.environment(database, "close 3"))
 
     assert_silent(result, 0)
-    assert sqlite_shim.calls(database)[-4:] == ["close = 5", "close = 5", "close = 5", "close = 0"]
+    assert sqlite_shim.calls(database)[-7:] == ["close = 5", "close = 5", "pause 10000", "close = 5", "pause 20000",
+                                                "close = 0", "pause 30000"]
     assert subjects(database) == ["new"]
 
 
@@ -311,6 +316,26 @@ def test_failed_pause_ends_init_db_in_silence_and_leaves_everything_to_the_exit(
     assert_silent(result, 1)
     assert_last_of_the_database(calls)
     assert sandbox.path(DATABASE).stat().st_size == 0
+
+
+@pytest.mark.parametrize("kind, last", [
+    ("EXCLUSIVE", [f"prepare {REPLACE} = 5"] * 2 + ["pause 10000"]),
+    ("RESERVED", ["step = 5", "reset"] * 2 + ["pause 10000"]),
+    ("SHARED", ["step = 5", "reset"] * 2 + ["pause 10000"])], ids=["prepare", "step", "end"])
+def test_after_a_failed_pause_nothing_is_finalized_or_closed(database, kind, last):
+    with locked(database, kind):
+        result = database.run(*SET_RESP, env=sqlite_shim.environment(database, "pause"))
+
+    assert_silent(result, 1)
+    assert sqlite_shim.calls(database)[-len(last):] == last
+
+
+def test_failed_pause_in_closing_fails_a_command_whose_work_is_done(database):
+    result = database.run(*SET_RESP, env=sqlite_shim.environment(database, "close 3,pause"))
+
+    assert_silent(result, 1)
+    assert sqlite_shim.calls(database)[-3:] == ["close = 5", "close = 5", "pause 10000"]
+    assert subjects(database) == ["new"]
 
 
 def test_failed_pause_lets_the_lock_go_at_the_exit(database, needs_tracing):

@@ -2,6 +2,7 @@
 
 import pytest
 from harness import Result
+from harness.faults import fault_at, places_on
 from harness.mailboxes import (add_attachment_rows, add_autoresponder, attachment_rows, error_texts, make_directories,
                                put_file)
 
@@ -146,6 +147,20 @@ def test_a_file_that_cannot_be_opened_leaves_the_default_in_silence(mailbox, nee
     assert result == DONE
     assert any(call.injected for call in calls)
     assert roots(mailbox) == [DEFAULT]
+
+
+def test_a_file_that_can_only_be_read_in_part_leaves_the_default_in_silence(mailbox, needs_tracing):
+    mailbox.conf("QUARN_MAILNAMES_D /srv/mail\n" + "A b\n" * 5000)
+    command = ("--del-resp", "--mailname", "user@example.org")
+    _, calls = mailbox.trace(*command, calls="openat,close,read")
+    second_read = [place for place in places_on(calls, CONF) if calls[place].name == "read"][1]
+
+    # the file is read anew when its value is needed, so no later read succeeds either
+    result, _ = mailbox.trace(*command, inject=[fault_at(calls, second_read, "EIO") + "+"])
+
+    assert result.status == 0
+    assert error_texts(result) == ["Unable to remove autoresponder attachments: cannot open directory "
+                                   "/var/qmail/mailnames/example.org/user/@attachments: No such file or directory"]
 
 
 def test_a_file_that_cannot_be_opened_at_first_is_read_when_the_value_is_needed(mailbox, needs_tracing):

@@ -66,7 +66,8 @@ def mail_side(box):
 
 
 def set_resp(box, mailbox, *options, body=b"", owner=None):
-    assert box.run("--set-resp", "--mailname", mailbox, "--real-owner", owner or mailbox, *options, stdin=body) == SUCCESS
+    result = box.run("--set-resp", "--mailname", mailbox, "--real-owner", owner or mailbox, *options, stdin=body)
+    assert result == SUCCESS
 
 
 def attach(box, mailbox, name):

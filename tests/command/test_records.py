@@ -79,7 +79,8 @@ def installed(sandbox_directory):
 @pytest.fixture(scope="session")
 def compiler_flags():
     """What a program needs to link libraries that were built like those under test."""
-    return ["-fsanitize=address,undefined"] if in_build_cache("ARSP_SANITIZE") == "ON" else []
+    flags = {"ARSP_SANITIZE": "-fsanitize=address,undefined", "ARSP_COVERAGE": "--coverage"}
+    return [flag for option, flag in flags.items() if in_build_cache(option) == "ON"]
 
 
 @pytest.fixture(scope="session")

@@ -12,7 +12,7 @@ import tempfile
 import pytest
 from harness import DELETED_CWD, Result
 from harness.private_root import REPOSITORY, script
-from harness.sandbox import program_under_test
+from harness.sandbox import DATABASE, program_under_test
 
 SANDBOX = str(REPOSITORY / "scripts" / "sandbox")
 CANNOT_OPEN = "Unable to open database /var/lib/quarn/mail/autoresponder/responder.db: unable to open database file"
@@ -195,6 +195,24 @@ def test_the_call_that_was_asked_for_is_made_to_fail(either_sandbox, needs_traci
 
     assert result.status == 1
     assert [(call.error, call.injected) for call in calls] == [(None, False), ("EROFS", True)]
+
+
+def test_calls_on_a_descriptor_are_found_by_its_path(either_sandbox, needs_tracing):
+    result, calls = either_sandbox.trace("--init-db", calls="fsync,fdatasync,close", paths=[DATABASE],
+                                         inject=["close:error=EIO"])
+
+    assert result.status == 0
+    assert [(call.name, call.error) for call in calls] == [("fdatasync", None), ("close", "EIO")]
+
+
+def test_a_traced_run_has_the_environment_it_was_given(either_sandbox, needs_tracing):
+    given = {"QUARN_LOG_LEVEL": "7", "LD_PRELOAD": "/nowhere.so"}
+
+    _, calls = either_sandbox.trace("--init-db", calls="execve", env=given)
+
+    variables = set(calls[0].args_text.partition("], [")[2].rstrip("]").split(", "))
+    assert {'"QUARN_LOG_LEVEL=7"', '"LD_PRELOAD=/nowhere.so"'} <= variables
+    assert not any("STRACE" in variable or "strace" in variable for variable in variables)
 
 
 # -- the script by itself

@@ -18,6 +18,7 @@ from .private_root import REPOSITORY, script
 DATABASE = "/var/lib/quarn/mail/autoresponder/responder.db"
 BUILD_DIRECTORY = Path(os.environ.get("ARSP_BUILD_DIR") or REPOSITORY / "build" / "release").resolve()
 DELETED_CWD = object()  # as `cwd`: a working directory that is not there any more
+DEFAULT_ENVIRONMENT = {"PATH": "/usr/sbin:/usr/bin:/sbin:/bin"}
 PIPE_ROOM = 65536  # what a pipe takes without a reader
 SANITIZER_STATUS = 99  # never mistaken for a status of the tool
 SANITIZER_REPORTS = "/.sanitizer"
@@ -59,7 +60,8 @@ class Sandbox:
         self._running = []
         self._root = script.PrivateRoot(str(directory), str(program), mode, pool=pool)
         self._root.prepare()
-        self._root.provide_proc(str(program), self._sanitizer_options())
+        attended = self._root.provide_proc(str(program), self._sanitizer_options())
+        self._attendant = script.ProcAttendant(self._root) if attended else None
         self._root.hold()
         self._catcher = script.LogCatcher(self._root, self._received.append)
         self.directory = Path(self._root.directory)
@@ -70,6 +72,8 @@ class Sandbox:
             running.kill()
         if self._catcher is not None:
             self._catcher.stop()
+        if self._attendant is not None:
+            self._attendant.stop()
         self._root.remove()
 
     # -- runs
@@ -110,7 +114,8 @@ class Sandbox:
         inject  strace -e inject= expressions, such as "unlink:error=EACCES:when=1"
         paths   look only at calls on these paths (strace -P); inject counts only those, too
 
-        The execve of the tool comes first, and counts for inject. Calls of the dynamic loader are there as well: paths= keeps them out.
+        The execve of the tool comes first, and counts for inject. Calls of the dynamic loader are there as well:
+        paths= keeps them out.
         """
         if not self._tracing_declared:
             raise RuntimeError("a test that traces asks for the fixture needs_tracing")
@@ -118,8 +123,20 @@ class Sandbox:
             raise TypeError("strace passes neither a closed standard descriptor nor another name on to the tool")
         log = "/.trace"
         timeout = options.pop("timeout", 60)
-        words = tracing.strace_arguments(log, calls, inject, paths)
-        running = self.start_command("/usr/bin/strace", [*words, script.PROGRAM, *args], traced=True, **options)
+        with contextlib.ExitStack() as ours:
+            settings = []
+            if self._root.mode == "chroot":
+                proc = os.open("/proc", os.O_RDONLY | os.O_DIRECTORY)
+                ours.callback(os.close, proc)
+                self.path(tracing.PROC_LIBRARY).write_bytes(tracing.proc_library())
+                environment = dict(DEFAULT_ENVIRONMENT if options.get("env") is None else options["env"])
+                settings = ["STRACE_PROC", "LD_PRELOAD"]
+                if "LD_PRELOAD" in environment:
+                    settings[1] += "=" + environment["LD_PRELOAD"]
+                environment.update(LD_PRELOAD=tracing.PROC_LIBRARY, STRACE_PROC=str(proc))
+                options.update(env=environment, pass_fds=[proc])
+            words = tracing.strace_arguments(log, calls, inject, paths, settings)
+            running = self.start_command("/usr/bin/strace", [*words, script.PROGRAM, *args], traced=True, **options)
         result = running.wait(timeout)
         path = self.path(log)
         seen = tracing.parse_trace(path.read_text(errors="surrogateescape")) if path.exists() else []
@@ -127,9 +144,10 @@ class Sandbox:
         return result, seen
 
     def start_command(self, path, words, *, stdin=b"", stdout=subprocess.PIPE, stderr=subprocess.PIPE, env=None,
-                      umask=0o022, close_fds=(), broken_pipes=(), rlimits=None, ignore=(), cwd=None, traced=False):
+                      umask=0o022, close_fds=(), broken_pipes=(), rlimits=None, ignore=(), cwd=None, traced=False,
+                      pass_fds=()):
         """What start() and the others come down to: `path` inside is run with the argument vector `words`."""
-        environment = {"PATH": "/usr/sbin:/usr/bin:/sbin:/bin"} if env is None else dict(env)
+        environment = dict(DEFAULT_ENVIRONMENT if env is None else env)
         if self._sanitized:
             environment.update(self._sanitizer_options(leaks=not traced))
 
@@ -161,7 +179,7 @@ class Sandbox:
                 ends[0], feed = _feeding_pipe(ours, bytes(ends[0]))
             first_record = len(self._received)
             process = subprocess.Popen(words, executable=path, stdin=ends[0], stdout=ends[1], stderr=ends[2],
-                                       env=environment, preexec_fn=go_in, process_group=0)
+                                       env=environment, preexec_fn=go_in, process_group=0, pass_fds=pass_fds)
         if feed is not None:
             feed.start()
         running = Running(self, process, first_record, feed, by_pid=not traced and path == script.PROGRAM)

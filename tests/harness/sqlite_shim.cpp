@@ -1,17 +1,21 @@
 /* Stands between the tool and SQLite, by LD_PRELOAD: notes the tool's calls, and brings SQLite into a state in which it
  * refuses one of them by itself. What the tool then sees and says is SQLite's own answer and text.
- *   SQLITE_SHIM_LOG    file to which each call of the tool is added as a line
- *   SQLITE_SHIM_FAULT  "open": no memory for a handle
+ *   SQLITE_SHIM_LOG    file to which each call of the tool is added as a line, and each pause that it makes
+ *   SQLITE_SHIM_FAULT  one or more of these, separated by commas:
+ *                      "open": no memory for a handle
  *                      "exec": no memory for the script, nor for the text that says so
  *                      "prepare WORD": a limit on the length of statements that begin so
  *                      "begun": a transaction is open already when the tool comes to begin its own
  *                      "bind FIRST": no parameter from that index on
- *                      "close TIMES": a statement is alive, for so many tries to close */
+ *                      "close TIMES": a statement is alive, for so many tries to close
+ *                      "pause": interrupted at once */
 
+#include <cerrno>
 #include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <ctime>
 
 #include <dlfcn.h>
 #include <fcntl.h>
@@ -44,16 +48,18 @@ void note(const char *format, ...)
     va_end(args);
 }
 
-/* The word after `name` when that is the fault that was asked for; null otherwise. */
+/* The rest after `name` when that fault was asked for, "" when there is none; null otherwise. */
 const char *fault(const char *name)
 {
-    const char *wanted = std::getenv("SQLITE_SHIM_FAULT");
     const size_t length = std::strlen(name);
-    if (wanted == nullptr || depth != 1 || std::strncmp(wanted, name, length) != 0)
-        return nullptr;
-    if (wanted[length] == '\0')
-        return "";
-    return wanted[length] == ' ' ? wanted + length + 1 : nullptr;
+    const char *wanted = std::getenv("SQLITE_SHIM_FAULT");
+    while (wanted != nullptr && depth == 1) {
+        if (std::strncmp(wanted, name, length) == 0 && std::strchr(" ,", wanted[length]) != nullptr)
+            return wanted[length] == ' ' ? wanted + length + 1 : "";
+        wanted = std::strchr(wanted, ',');
+        wanted = wanted != nullptr ? wanted + 1 : nullptr;
+    }
+    return nullptr;
 }
 
 template <typename Function>
@@ -70,11 +76,31 @@ struct NoMemory {
     ~NoMemory() { sqlite3_hard_heap_limit64(0); }
 };
 
+/* After an interrupted pause the tool leaves everything to the end of the process: no leak. */
+__attribute__((constructor)) void expect_leaks()
+{
+    const char *wanted = std::getenv("SQLITE_SHIM_FAULT");
+    if (wanted == nullptr || std::strstr(wanted, "pause") == nullptr)
+        return;
+    if (void *disable = dlsym(RTLD_DEFAULT, "__lsan_disable"); disable != nullptr)
+        reinterpret_cast<void (*)()>(disable)();
+}
+
 } // namespace
 
 #define REAL(name) real(name, #name)
 
 extern "C" {
+
+int nanosleep(const timespec *length, timespec *rest) /* SQLite itself sleeps by usleep */
+{
+    const Nested nested;
+    note("pause %ld\n", length->tv_sec * 1'000'000'000 + length->tv_nsec);
+    if (fault("pause") == nullptr)
+        return REAL(nanosleep)(length, rest);
+    errno = EINTR;
+    return -1;
+}
 
 int sqlite3_open(const char *path, sqlite3 **db)
 {

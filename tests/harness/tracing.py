@@ -6,8 +6,11 @@ import shutil
 import subprocess
 import tempfile
 from dataclasses import dataclass
+from pathlib import Path
 
 import pytest
+
+PROC_LIBRARY = "/.strace_proc.so"
 
 # A machine may forbid tracing. This is the one thing whose lack lets tests be left out, and they say so.
 needs_tracing = pytest.mark.usefixtures("needs_tracing")
@@ -61,9 +64,21 @@ class Call:
         return re.findall(r'"((?:[^"\\]|\\.)*)"', self.args_text)
 
 
-def strace_arguments(log, calls, inject, paths):
-    """The strace command line up to the traced program."""
+@functools.cache
+def proc_library():
+    """What strace needs in a root without /proc, as the bytes of a shared library; see strace_proc.cpp."""
+    with tempfile.TemporaryDirectory() as directory:
+        library = Path(directory, "strace_proc.so")
+        subprocess.run(["g++", "-O1", "-shared", "-fPIC", "-D_GNU_SOURCE", "-static-libstdc++", "-static-libgcc",
+                        Path(__file__).with_name("strace_proc.cpp"), "-o", library], check=True)
+        return library.read_bytes()
+
+
+def strace_arguments(log, calls, inject, paths, environment=()):
+    """The strace command line up to the traced program; `environment` holds what -E of strace takes."""
     words = ["strace", "-f", "-qq", "-v", "-s", "1000000", "-e", "signal=none", "-o", log]
+    for setting in environment:
+        words += ["-E", setting]
     if calls:
         words += ["-e", f"trace={calls}"]
     for expression in inject or ():

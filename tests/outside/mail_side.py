@@ -49,7 +49,8 @@ def answer_in_transaction(db, mailbox, sender, time):
     return {
         "key": [keystr, key_where],
         "to": sender,
-        "headers": [["Subject", subject], ["Reply-To", reply_to], ["Content-Type", f"{content_type}; charset={charset}"],
+        "headers": [["Subject", subject], ["Reply-To", reply_to],
+                    ["Content-Type", f"{content_type}; charset={charset}"],
                     *db.execute("SELECT * FROM extra_headers ORDER BY rowid")],
         "body": body,
         "forward_to": forward_to,

@@ -2,6 +2,8 @@
 #define ARSP_TESTS_UNIT_STORE_PAUSE_CAPTURE_H
 
 #include <cerrno>
+#include <cstdio>
+#include <cstdlib>
 #include <ctime>
 #include <functional>
 #include <vector>
@@ -18,6 +20,8 @@ struct PauseCapture {
 
 inline PauseCapture pause_capture;
 
+constexpr size_t MOST_PAUSES = 1'000'000;
+
 /* The linker takes these for the C library's functions of the names in the asm labels. */
 inline int captured_nanosleep(const timespec *length, timespec *rest) __asm__("nanosleep") __attribute__((used));
 inline int captured_nanosleep(const timespec *length, timespec * /*rest*/)
@@ -25,6 +29,10 @@ inline int captured_nanosleep(const timespec *length, timespec * /*rest*/)
     if (length->tv_sec < 0 || length->tv_nsec < 0 || length->tv_nsec > 999'999'999) {
         errno = EINVAL;
         return -1;
+    }
+    if (pause_capture.pauses.size() == MOST_PAUSES) {
+        std::fprintf(stderr, "%zu pauses: what is waited for does not come\n", MOST_PAUSES);
+        std::abort(); /* without sleeping, an endless loop would soon have used up the memory */
     }
     pause_capture.pauses.push_back(length->tv_sec * 1'000'000'000LL + length->tv_nsec);
     return pause_capture.on_pause ? pause_capture.on_pause() : 0;

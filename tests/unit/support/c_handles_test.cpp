@@ -45,7 +45,7 @@ TEST(DirPtrTest, ClosingKeepsErrno)
 TEST(LineBufferTest, FreesWhatGetdelimPutThere)
 {
     LineBuffer line;
-    const FilePtr file(std::fopen("/proc/self/status", "r"));
+    const FilePtr file(std::fopen("/etc/passwd", "r"));
     EXPECT_GT(getdelim(&line.text, &line.size, '\n', file.get()), 0); /* the leak check of a sanitizer build judges */
 }
 
