@@ -1,0 +1,157 @@
+#!/usr/bin/python3 -I
+"""Writes the SPDX bill of materials of a program: what the linker put into it and what it loads.
+
+It is made from the link map and the program themselves, so nothing linked can be missing; the system's package database
+tells which package and version each library came from.
+"""
+
+import argparse
+import datetime
+import json
+import os
+import re
+import subprocess
+import sys
+import uuid
+from pathlib import Path
+
+# Of what may be linked, by the name of the source package. Whatever else is linked stops the build until somebody has
+# looked at its licence.
+LICENCES = {
+    r"boost[\d.]+": "BSL-1.0",
+    r"sqlite3": "blessing",
+    r"gcc-\d+": "GPL-3.0-or-later WITH GCC-exception-3.1",
+    r"glibc": "LGPL-2.1-or-later",
+}
+FORMAT = "${Package}\t${Version}\t${Architecture}\t${source:Package}\t${source:Version}\n"
+
+
+class BillError(Exception):
+    """Why there is no bill, in words for the user."""
+
+
+def output_of(*words):
+    result = subprocess.run(words, stdin=subprocess.DEVNULL, capture_output=True, text=True, check=False)
+    if result.returncode != 0:
+        raise BillError(f"{' '.join(words)} failed: {result.stderr.strip()}")
+    return result.stdout
+
+
+class Package:
+    """An installed Debian package: name, version, architecture, source, source_version, licence."""
+
+    def __init__(self, name):
+        answer = output_of("dpkg-query", "-W", "-f", FORMAT, name)
+        self.name, self.version, self.architecture, self.source, self.source_version = answer.splitlines()[0].split("\t")
+        for pattern, self.licence in LICENCES.items():
+            if re.fullmatch(pattern, self.source):
+                return
+        raise BillError(f"{name} ({self.source}) is linked: its licence has to be looked at and listed in {__file__}")
+
+
+def package_of(path):
+    """The name of the package that the file came with. It may have been installed through /lib or through /usr/lib."""
+    real = os.path.realpath(path)
+    for candidate in (real, real.removeprefix("/usr")):
+        result = subprocess.run(["dpkg-query", "-S", candidate], stdin=subprocess.DEVNULL, capture_output=True, text=True,
+                                check=False)
+        if result.returncode == 0:
+            return result.stdout.partition(":")[0]
+    raise BillError(f"{path} is linked and came with no package")
+
+
+def linked_files(link_map, build):
+    """What the linker took from outside the build: objects, archives of which it took a member, shared libraries."""
+    text = Path(link_map).read_text(encoding="utf-8", errors="replace")
+    members = text.partition("Archive member included")[2].partition("\n\n\n")[0]
+    archives = {os.path.normpath(path) for path in re.findall(r"^(/\S+\.a)\(", members, re.MULTILINE)}
+    found = set()
+    for path in re.findall(r"^LOAD (/\S+)$", text, re.MULTILINE):
+        path = os.path.normpath(path)
+        if not path.startswith(build + "/") and (not path.endswith(".a") or path in archives):
+            found.add(path)
+    return found
+
+
+def needed(program):
+    """The names of the shared libraries that the program loads."""
+    return set(re.findall(r"\(NEEDED\)\s+Shared library: \[(.*)\]", output_of("readelf", "-dW", program)))
+
+
+def bill(arguments):
+    build = os.path.realpath(arguments.build)
+    files = linked_files(arguments.map, build)
+    shared = {path for path in files if os.path.basename(path) in needed(arguments.program)}
+    linked = {path for path in files if ".so" not in os.path.basename(path)} | set(arguments.header)
+    relations = {"DYNAMIC_LINK": {package_of(path) for path in shared},
+                 "STATIC_LINK": {package_of(path) for path in linked}}
+    missing = needed(arguments.program) - {os.path.basename(path) for path in shared}
+    if missing:
+        raise BillError(f"the link map does not tell where these are: {' '.join(sorted(missing))}")
+
+    name = os.path.basename(arguments.program)
+    packages = [{"SPDXID": f"SPDXRef-{name}", "name": name, "versionInfo": arguments.version,
+                 "downloadLocation": "NOASSERTION", "filesAnalyzed": False, "licenseConcluded": "Apache-2.0",
+                 "licenseDeclared": "Apache-2.0", "copyrightText": "NOASSERTION"}]
+    relationships = [{"spdxElementId": "SPDXRef-DOCUMENT", "relationshipType": "DESCRIBES",
+                      "relatedSpdxElement": f"SPDXRef-{name}"}]
+    for package in map(Package, sorted(relations["DYNAMIC_LINK"] | relations["STATIC_LINK"])):
+        identifier = "SPDXRef-" + re.sub(r"[^A-Za-z0-9.-]", "-", package.name)
+        locator = f"pkg:deb/debian/{package.name}@{package.version}?arch={package.architecture}"
+        packages.append({"SPDXID": identifier, "name": package.name, "versionInfo": package.version,
+                         "sourceInfo": f"{package.source} (= {package.source_version})",
+                         "downloadLocation": "NOASSERTION", "filesAnalyzed": False, "licenseConcluded": package.licence,
+                         "licenseDeclared": package.licence, "copyrightText": "NOASSERTION",
+                         "externalRefs": [{"referenceCategory": "PACKAGE-MANAGER", "referenceType": "purl",
+                                           "referenceLocator": locator.replace("+", "%2B")}]})
+        relationships += [{"spdxElementId": f"SPDXRef-{name}", "relationshipType": relation,
+                           "relatedSpdxElement": identifier}
+                          for relation, names in relations.items() if package.name in names]
+
+    # The same build has the same bill, and every other one another name.
+    content = json.dumps([packages, relationships])
+    epoch = os.environ.get("SOURCE_DATE_EPOCH")
+    created = datetime.datetime.fromtimestamp(float(epoch) if epoch else os.stat(arguments.program).st_mtime,
+                                              datetime.timezone.utc)
+    return {"spdxVersion": "SPDX-2.3", "dataLicense": "CC0-1.0", "SPDXID": "SPDXRef-DOCUMENT",
+            "name": f"{name}-{arguments.version}",
+            "documentNamespace": f"urn:uuid:{uuid.uuid5(uuid.NAMESPACE_URL, content)}",
+            "creationInfo": {"created": created.strftime("%Y-%m-%dT%H:%M:%SZ"),
+                             "creators": ["Tool: bill_of_materials.py"]},
+            "packages": packages, "relationships": relationships}
+
+
+def built_using(path):
+    """The source packages that are linked in, as the value of Debian's field Static-Built-Using."""
+    document = json.loads(Path(path).read_text(encoding="utf-8"))
+    linked = {relation["relatedSpdxElement"] for relation in document["relationships"]
+              if relation["relationshipType"] == "STATIC_LINK"}
+    return ", ".join(sorted({package["sourceInfo"] for package in document["packages"] if package["SPDXID"] in linked}))
+
+
+def parse_arguments():
+    parser = argparse.ArgumentParser(description=__doc__.splitlines()[0])
+    parser.add_argument("--built-using", metavar="BILL", help="only print the value of Static-Built-Using")
+    parser.add_argument("--program", metavar="FILE")
+    parser.add_argument("--version", metavar="VERSION", help="of the program")
+    parser.add_argument("--map", metavar="FILE", help="the link map of the program")
+    parser.add_argument("--build", metavar="DIR", help="what lies below it is the program's own")
+    parser.add_argument("--header", metavar="FILE", action="append", default=[],
+                        help="a header of a library that is compiled in without being linked")
+    parser.add_argument("--output", metavar="FILE")
+    return parser.parse_args()
+
+
+def main():
+    arguments = parse_arguments()
+    if arguments.built_using:
+        print(built_using(arguments.built_using))
+        return
+    Path(arguments.output).write_text(json.dumps(bill(arguments), indent=2) + "\n", encoding="utf-8")
+
+
+if __name__ == "__main__":
+    try:
+        main()
+    except BillError as problem:
+        sys.exit(f"bill of materials: {problem}")

@@ -1,0 +1,174 @@
+/* The JSON document of extra headers: the rows that it becomes, in a database of its own in memory. The input is the
+ * document; its lines, each a name, "=" and a value, are then stored a second time from a document written here. */
+
+#include <cstddef>
+#include <cstdint>
+#include <cstdio>
+#include <exception>
+#include <sstream>
+#include <string>
+#include <string_view>
+#include <utility>
+#include <vector>
+
+#define BOOST_BIND_GLOBAL_PLACEHOLDERS /* the JSON reader uses them; without this each build prints a note */
+#include <boost/property_tree/json_parser.hpp>
+#include <boost/property_tree/ptree.hpp>
+
+#include "fuzz/check.h"
+#include "store/extra_headers.h"
+#include "store/responder_db.h"
+#include "tests/unit/support/syslog_capture.h"
+
+namespace {
+
+using Rows = std::vector<std::pair<std::string, std::string>>;
+
+constexpr int DEEPEST = 2000; /* levels of nesting that are read */
+constexpr char REFUSED[] = "Unable to parse auto-reply headers json: ";
+
+/* The deepest nesting in the document, whatever else is wrong with it. */
+int nesting(std::string_view text)
+{
+    int depth = 0;
+    int deepest = 0;
+    for (std::size_t i = 0; i < text.size(); ++i) {
+        if (text[i] == '"') {
+            for (++i; i < text.size() && text[i] != '"'; ++i)
+                i += text[i] == '\\' ? 1 : 0;
+        } else if (text[i] == '[' || text[i] == '{') {
+            deepest = std::max(deepest, ++depth);
+        } else if (text[i] == ']' || text[i] == '}') {
+            --depth;
+        }
+    }
+    return deepest;
+}
+
+/* Answers whether the document can be read, and its members: C strings, as they go through C interfaces. */
+bool read_document(const std::string &text, Rows &members)
+{
+    if (nesting(text) > DEEPEST)
+        return false;
+    boost::property_tree::ptree tree;
+    std::istringstream stream(text);
+    try {
+        boost::property_tree::read_json(stream, tree);
+    } catch (const std::exception &) {
+        return false;
+    }
+    for (const auto &[name, child] : tree)
+        members.emplace_back(c_text(name), c_text(child.data()));
+    return true;
+}
+
+ResponderDb &database()
+{
+    static ResponderDb db;
+    static const bool made = [] {
+        SqliteText message;
+        return db.open(":memory:") == 0 &&
+               db.exec("CREATE TABLE extra_headers (name TEXT NOT NULL,value TEXT NOT NULL);", message) == 0;
+    }();
+    expect(made, "no database can be made");
+    return db;
+}
+
+std::string column(const ResponderStatement &stmt, int index)
+{
+    const char *text = stmt.columnText(index);
+    expect(text != nullptr, "NULL is stored");
+    return text;
+}
+
+Rows stored()
+{
+    Rows rows;
+    ResponderStatement stmt;
+    expect(stmt.prepare(database(), "SELECT name, value FROM extra_headers ORDER BY rowid") == 0,
+           "the connection was closed");
+    while (stmt.step() == SQLITE_ROW)
+        rows.emplace_back(column(stmt, 0), column(stmt, 1));
+    return rows;
+}
+
+/* Runs what --set-extra-headers does after reading its input; `log` takes what it logs. */
+int set_headers(const std::string &text, std::vector<SyslogRecord> &log)
+{
+    syslog_capture = {};
+    log_init(nullptr, LOG_ERR, LOG_MAIL, 0, "fuzz");
+    expect(delete_extra_headers(&database()) == 0, "the rows cannot be deleted");
+    expect(stored().empty(), "rows are left over");
+    const int result = import_extra_headers_json(&database(), text);
+    log = syslog_capture.records;
+    return result;
+}
+
+/* Writes a JSON text that stands for the bytes of `text`, each one taken for a character. */
+std::string quoted(std::string_view text)
+{
+    std::string json = "\"";
+    for (const char c : text) {
+        char escape[7];
+        std::snprintf(escape, sizeof escape, "\\u%04x", static_cast<unsigned char>(c));
+        json += escape;
+    }
+    return json + "\"";
+}
+
+std::string utf8(std::string_view text)
+{
+    std::string encoded;
+    for (const char c : c_text(text)) {
+        const auto byte = static_cast<unsigned char>(c);
+        if (byte >= 0x80)
+            encoded += static_cast<char>(0xc0 | (byte >> 6));
+        encoded += static_cast<char>(byte >= 0x80 ? 0x80 | (byte & 0x3f) : byte);
+    }
+    return encoded;
+}
+
+void check_document(const std::string &text)
+{
+    Rows members;
+    const bool readable = read_document(text, members);
+    std::vector<SyslogRecord> log;
+    const int result = set_headers(text, log);
+    if (readable) {
+        expect(result == 0 && log.empty(), "a document is refused");
+    } else {
+        expect(result == -1, "a broken document is no failure");
+        expect(log.size() == 1 && log[0].priority == LOG_ERR && log[0].text.starts_with(REFUSED) &&
+                   log[0].text != REFUSED,
+               "record of a broken document");
+    }
+    expect(stored() == members, "rows of the document");
+}
+
+void check_written(std::string_view lines)
+{
+    Rows wanted;
+    std::string json = "{";
+    while (!lines.empty()) {
+        const std::string_view line = lines.substr(0, lines.find('\n'));
+        lines.remove_prefix(std::min(line.size() + 1, lines.size()));
+        const std::size_t equals = std::min(line.find('='), line.size());
+        const std::string_view name = line.substr(0, equals);
+        const std::string_view value = line.substr(std::min(equals + 1, line.size()));
+        json += (wanted.empty() ? "" : ",") + quoted(name) + ":" + quoted(value);
+        wanted.emplace_back(utf8(name), utf8(value));
+    }
+    std::vector<SyslogRecord> log;
+    expect(set_headers(json + "}", log) == 0 && log.empty(), "a written document is refused");
+    expect(stored() == wanted, "rows of a written document");
+}
+
+} // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t *data, std::size_t size)
+{
+    const std::string text(reinterpret_cast<const char *>(data), size);
+    check_document(text);
+    check_written(text);
+    return 0;
+}

@@ -1,0 +1,36 @@
+"""Fixtures of the installation tests: the build under test, and where it was installed."""
+
+import subprocess
+import sys
+from pathlib import Path
+
+import pytest
+
+sys.path.insert(0, str(Path(__file__).resolve().parents[1]))
+
+from harness.sandbox import BUILD_DIRECTORY, program_under_test  # noqa: E402
+
+
+@pytest.fixture(scope="session")
+def program():
+    """The arspctl under test."""
+    return program_under_test()
+
+
+@pytest.fixture(scope="session")
+def archives():
+    """The libraries that other programs link."""
+    return [BUILD_DIRECTORY / folder / f"libarsp_{folder}.a" for folder in ("store", "support")]
+
+
+@pytest.fixture
+def install(tmp_path):
+    """Installs one component and answers its files, in order, without the installation's prefix."""
+
+    def install(component):
+        place = tmp_path / component
+        subprocess.run(["cmake", "--install", BUILD_DIRECTORY, "--prefix", place, "--component", component],
+                       capture_output=True, check=True)
+        return sorted(str(path.relative_to(place)) for path in place.rglob("*") if not path.is_dir())
+
+    return install

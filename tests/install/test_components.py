@@ -1,0 +1,46 @@
+"""What `cmake --install` puts where: one component for who administers the panel, one for other programs."""
+
+import re
+
+from harness.private_root import REPOSITORY
+
+
+def test_the_runtime_is_the_tool_its_pages_completions_and_documents(install):
+    assert install("runtime") == [
+        "sbin/arspctl",
+        "share/bash-completion/completions/arspctl",
+        "share/doc/arspctl/CHANGELOG.md",
+        "share/doc/arspctl/LICENSE",
+        "share/doc/arspctl/README.md",
+        "share/doc/arspctl/SECURITY.md",
+        "share/doc/arspctl/arspctl.spdx.json",
+        "share/doc/arspctl/database.md",
+        "share/doc/arspctl/examples/responder.py",
+        "share/doc/arspctl/failures.md",
+        "share/man/man5/kel.conf.5",
+        "share/man/man8/arspctl.8",
+        "share/zsh/vendor-completions/_arspctl",
+    ]
+
+
+def test_the_development_files_are_libraries_headers_and_what_finds_them(install):
+    files = [re.sub(r"^lib/([^/]+-linux-gnu/)?", "lib/", name) for name in install("development")]
+    files = [re.sub(r"arsp-targets-(release|none)", "arsp-targets-TYPE", name) for name in files]
+
+    assert [name for name in files if not name.startswith("include/")] == [
+        "lib/cmake/arsp/arsp-config-version.cmake",
+        "lib/cmake/arsp/arsp-config.cmake",
+        "lib/cmake/arsp/arsp-targets-TYPE.cmake",
+        "lib/cmake/arsp/arsp-targets.cmake",
+        "lib/libarsp_store.a",
+        "lib/libarsp_support.a",
+        "lib/pkgconfig/arsp.pc",
+    ]
+    assert {name.rsplit("/", 1)[0] for name in files if name.startswith("include/")} == {
+        "include/arsp/store", "include/arsp/support"}
+
+
+def test_the_debian_packages_have_the_version_of_the_project():
+    version = re.search(r"project\(arsp VERSION ([\d.]+)", (REPOSITORY / "CMakeLists.txt").read_text())[1]
+
+    assert (REPOSITORY / "debian" / "changelog").read_text().startswith(f"arspctl ({version}-")
