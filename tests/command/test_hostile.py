@@ -362,11 +362,6 @@ def test_a_system_log_that_nobody_reads_holds_a_run_up_for_seconds_only(stuck_lo
     assert 1 <= time.monotonic() - begin < 10
 
 
-def test_a_system_log_that_nobody_reads_does_not_hinder_a_command(stuck_log):
-    assert stuck_log.run(*SET_RESP, "--subj", "new") == SUCCESS
-    assert text_columns(stuck_log)["subj"] == b"new"
-
-
 def test_a_command_goes_on_after_a_record_that_nobody_reads(stuck_log):
     result = stuck_log.run("--del-resp", "--mailname", USER)  # there is no directory to clear
 
