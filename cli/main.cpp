@@ -1,15 +1,18 @@
+#include <algorithm>
 #include <cerrno>
 #include <cstddef>
 #include <cstring>
 #include <exception>
 #include <iterator>
 #include <sstream>
+#include <string>
 
 #include <poll.h>
 #include <sys/uio.h>
 #include <syslog.h>
 #include <unistd.h>
 
+#include <boost/program_options/errors.hpp>
 #include <boost/program_options/parsers.hpp>
 #include <boost/program_options/variables_map.hpp>
 
@@ -69,11 +72,38 @@ int run(int argc, char *argv[])
     return run_command(vm) == 0 ? 0 : 1;
 }
 
+/* Gives access to what the library's errors keep to themselves; never made. */
+struct OptionError : po::error_with_option_name {
+    static std::string message(po::error_with_option_name &error);
+};
+
+/* The library fills its messages in by replacing "%value%" and the like until none is left, and never ends when the
+ * argument that it fills in holds the same word. Then a NUL, which no argument holds, stands for each percent sign
+ * meanwhile. */
+std::string OptionError::message(po::error_with_option_name &error)
+{
+    auto &texts = error.*&OptionError::m_substitutions;
+    const bool endless = std::any_of(texts.begin(), texts.end(), [](const auto &entry) {
+        return entry.second.find("%" + entry.first + "%") != std::string::npos ||
+               entry.second.find("%canonical_option%") != std::string::npos;
+    });
+    if (!endless)
+        return error.what();
+    for (auto &entry : texts)
+        std::replace(entry.second.begin(), entry.second.end(), '%', '\0');
+    static_cast<void>(error.what());
+    std::string message = error.*&OptionError::m_message;
+    std::replace(message.begin(), message.end(), '\0', '%');
+    return message;
+}
+
 /* The command line's problems arrive as exceptions, and so does what a command did not foresee. */
 int run_guarded(int argc, char *argv[])
 {
     try {
         return run(argc, argv);
+    } catch (po::error_with_option_name &error) {
+        print("Error: ", OptionError::message(error).c_str(), "\n");
     } catch (const std::exception &error) {
         print("Error: ", error.what(), "\n");
     } catch (...) {
@@ -82,10 +112,18 @@ int run_guarded(int argc, char *argv[])
     return 1;
 }
 
+/* The run-time library aborts when not even an exception finds memory for itself. */
+[[noreturn]] void report_no_memory()
+{
+    print("Error: ", "std::bad_alloc", "\n");
+    _exit(1);
+}
+
 } // namespace
 
 int main(int argc, char *argv[])
 {
+    std::set_terminate(report_no_memory);
     if (secure_standard_streams() != 0)
         return 1;
     log_init(nullptr, LOG_ERR, LOG_MAIL, LOG_PERROR, argc > 0 ? basename(argv[0]) : nullptr);

@@ -595,3 +595,12 @@ def test_a_refusal_is_one_write(sandbox):
 
     assert result.stdout == b"Error: unrecognised option '--no-such-option'\n"
     assert [call.name for call in calls if call.args_text.startswith("1, ")] == ["writev"]
+
+
+@pytest.mark.parametrize("arguments, text", [
+    (["--content-type=%value%"], b"Error: the argument ('%value%') for option '--content-type' is invalid\n"),
+    (["--ans-freq=%value%"], b"Error: the argument ('%value%') for option '--ans-freq' is invalid\n"),
+    (["--%canonical_option%"], b"Error: unrecognised option '--%canonical_option%'\n"),
+])
+def test_a_placeholder_of_the_option_librarys_messages_is_an_argument_like_any_other(sandbox, arguments, text):
+    assert sandbox.run(*arguments) == Result(1, text, b"", [])
