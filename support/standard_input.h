@@ -7,7 +7,7 @@
 #include "support/c_handles.h"
 
 /* The bytes of standard input, owned: one malloc'ed block, because realloc moves hundreds of megabytes by remapping
- * pages where a std::string would copy them. Not NUL-terminated; `bytes` is null when nothing was read. */
+ * pages where a std::string would copy them. Not NUL-terminated. */
 struct InputText {
     CString bytes;
     std::size_t length = 0; /* bytes */
