@@ -64,6 +64,8 @@ def copying(sandbox):
 def start_other(sandbox, *args):
     """A run that has written and waits for the last reader."""
     running = sandbox.start(*args, stdin=b"body")
+    # In this order: PENDING is held for a moment, too, by whoever begins to read.
+    until(lambda: lock_holder(sandbox, RESERVED) == running.pid, "the other run has written")
     until(lambda: lock_holder(sandbox, PENDING) == running.pid, "the other run waits for the last reader")
     return running
 
