@@ -115,6 +115,7 @@ TEST_F(ResponderDbTest, ErrorTextWithoutAHandleIsFixed)
 TEST_F(ResponderDbTest, ClosingTwiceIsHarmless)
 {
     EXPECT_EQ(db_.close(), 0);
+    EXPECT_STREQ(db_.errorText(), "general DB errror"); /* no handle is left that could be closed again */
     EXPECT_EQ(db_.close(), 0);
     EXPECT_EQ(ResponderDb().close(), 0);
     EXPECT_EQ(syslog_capture.records, Records{});
