@@ -24,6 +24,7 @@ class MailSide:
         uid, gid = sandbox.popuser
         self._process = subprocess.Popen([sys.executable, program, sandbox.directory, str(uid), str(gid)],
                                          stdin=subprocess.PIPE, stdout=subprocess.PIPE, text=True)
+        assert self.ask("sql", "SELECT 1") == [[1]]  # connected: from here on a test may replace the file
 
     def begin(self, *request):
         """Sends a request without waiting for the reply."""
