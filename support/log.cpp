@@ -6,6 +6,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <optional>
 
 #include <strings.h>
 #include <sys/time.h>
@@ -105,7 +106,9 @@ private:
 void system_vmessage(int priority, const char *format, va_list args)
 {
     const KeepErrno keep;
-    const RecordDeadline deadline;
+    std::optional<RecordDeadline> deadline;
+    if (LOG_PRI(priority) <= log_threshold) /* the others syslog drops, without waiting for anybody */
+        deadline.emplace();
     errno = keep.saved(); /* for %m */
     if ((log_option_bits & LOG_OPT_TRACE_ID) == 0 || log_trace_id[0] == '\0') {
         vsyslog(priority, format, args);
