@@ -6,6 +6,7 @@
 #include <cstring>
 
 #include "support/c_handles.h"
+#include "support/write_deadline.h"
 
 const char *error_program_path = nullptr;
 
@@ -75,8 +76,11 @@ void fatal_verror(int status, int flag, const char *format, va_list args)
 int error_emit(const char *message, int status, int /*flag*/)
 {
     const KeepErrno keep;
-    print_message(stderr, message);
-    print_message(stdout, message);
+    {
+        const WriteDeadline deadline;
+        print_message(stderr, message);
+        print_message(stdout, message);
+    }
     if (status != 0)
         std::exit(status);
     return 0;

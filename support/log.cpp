@@ -2,17 +2,16 @@
 
 #include <cctype>
 #include <cerrno>
-#include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <optional>
 
 #include <strings.h>
-#include <sys/time.h>
 #include <unistd.h>
 
 #include "support/c_handles.h"
+#include "support/write_deadline.h"
 
 namespace {
 
@@ -62,51 +61,10 @@ void console_vmessage(int priority, const char *format, va_list args)
     va_end(again);
 }
 
-volatile std::sig_atomic_t log_stuck = 0; /* a record has had to be given up */
-
-void give_up_record(int)
-{
-    log_stuck = 1;
-}
-
-/* Bounds the time that one record may take, while it lives. syslog(3) waits for ever when nobody reads the system log
- * or standard error; a signal makes it give the record up. Once that happened, the records after it get hardly any
- * time. */
-class RecordDeadline {
-public:
-    RecordDeadline()
-    {
-        struct sigaction interrupt = {}; /* no SA_RESTART: the waiting call is to fail */
-        interrupt.sa_handler = give_up_record;
-        sigaction(SIGALRM, &interrupt, &old_action_);
-        sigset_t alarm_only;
-        sigemptyset(&alarm_only);
-        sigaddset(&alarm_only, SIGALRM);
-        sigprocmask(SIG_UNBLOCK, &alarm_only, &old_mask_);
-        /* Again and again, since syslog tries a second time. */
-        const timeval wait = log_stuck != 0 ? timeval{0, 1000} : timeval{1, 0};
-        const itimerval timer = {wait, wait};
-        setitimer(ITIMER_REAL, &timer, &old_timer_);
-    }
-    RecordDeadline(const RecordDeadline &) = delete;
-    RecordDeadline &operator=(const RecordDeadline &) = delete;
-    ~RecordDeadline()
-    {
-        setitimer(ITIMER_REAL, &old_timer_, nullptr);
-        sigprocmask(SIG_SETMASK, &old_mask_, nullptr);
-        sigaction(SIGALRM, &old_action_, nullptr);
-    }
-
-private:
-    struct sigaction old_action_ = {};
-    sigset_t old_mask_ = {};
-    itimerval old_timer_ = {};
-};
-
 void system_vmessage(int priority, const char *format, va_list args)
 {
     const KeepErrno keep;
-    std::optional<RecordDeadline> deadline;
+    std::optional<WriteDeadline> deadline;
     if (LOG_PRI(priority) <= log_threshold) /* the others syslog drops, without waiting for anybody */
         deadline.emplace();
     errno = keep.saved(); /* for %m */
