@@ -64,7 +64,7 @@ class Arena:
         self._put(build / "cli" / "arspctl", competitors.ARSPCTL)
         if shared_build is not None:
             self._put(shared_build / "cli" / "arspctl", competitors.SHARED_ARSPCTL)
-        for program in (competitors.BARE, competitors.FIXTURE, competitors.RUNNER):
+        for program in (competitors.BARE, competitors.FIXTURE, competitors.RUNNER, competitors.FUNCTIONS):
             self._put(build / "bench" / Path(program).name, program)
         for script in (competitors.SCRIPT, competitors.PYTHON_SCRIPT):
             self._put(REPOSITORY / "bench" / Path(script).name, script)
@@ -92,10 +92,17 @@ class Arena:
     def write(self, inside, content):
         self.path(inside).write_bytes(content if isinstance(content, bytes) else content.encode())
 
+    def write_large(self, inside, size):
+        """A file of so many bytes of text, which is never whole in the memory of this process."""
+        line = b"I am away until Monday. In urgent cases write to office@example.org, or come by." * 1000
+        with open(self.path(inside), "wb") as file:
+            for begin in range(0, size, len(line)):
+                file.write(line[:size - begin])
+
     # -- runs
 
     def run(self, words, stdin=""):
-        """Runs a program inside, fed from the file `stdin` inside, and answers what it wrote to standard error."""
+        """Runs a program inside, fed from the file `stdin` inside, and answers what it wrote to standard output."""
         with contextlib.ExitStack() as files:
             source = files.enter_context(open(self.path(stdin) if stdin else os.devnull, "rb"))
             pipe = subprocess.Popen(["cat"], stdin=source, stdout=subprocess.PIPE)
@@ -106,7 +113,7 @@ class Arena:
         if answer.returncode != 0:
             raise ArenaError(f"{' '.join(words)[:200]} ended with {answer.returncode}: "
                              f"{answer.stderr.decode(errors='replace')}")
-        return answer.stderr.decode(errors="replace")
+        return answer.stdout.decode(errors="replace")
 
     def fixture(self, *words):
         self.run([competitors.FIXTURE, *map(str, words)])

@@ -1,6 +1,7 @@
 /* The same system work as arspctl's and nothing else: what a program must at least cost that changes this database.
  * Arguments stand at fixed places, nothing is checked, a failure ends the run with status 2 and no word. It is linked
- * as arspctl is, with SQLite inside and the C library outside, and reads the configuration only where it needs it. */
+ * as arspctl is, with SQLite inside, the C library outside and no libm, and reads the configuration only where it needs
+ * it. */
 #define _GNU_SOURCE
 #include <assert.h>
 #include <dirent.h>
@@ -20,6 +21,14 @@ static void need(int holds)
 {
     if (!holds)
         _exit(2);
+}
+
+/* In the place of libm's functions: no statement here calls one. */
+void no_math(void);
+
+void no_math(void)
+{
+    _exit(2);
 }
 
 static sqlite3 *open_database(void)

@@ -7,7 +7,8 @@ is measured. The sqlite3 shell competes twice:
            input. This is what a user would write, and what "the same work" means.
   direct   the sqlite3 program alone, with everything in the statements among its arguments. It is spared the shell and
            reading the text; whoever calls it has made correct SQL of the text himself, at his own cost. The files are
-           seen to by .shell. No way to use the sqlite3 shell is cheaper.
+           seen to by .shell, in a directory that is known already, and nobody asks whether that went well. No way to use
+           the sqlite3 shell is cheaper.
 """
 
 import json
@@ -19,6 +20,7 @@ SHARED_ARSPCTL = "/usr/sbin/arspctl-shared"
 BARE = "/usr/sbin/bench_bare"
 FIXTURE = "/usr/sbin/bench_fixture"
 RUNNER = "/usr/sbin/bench_runner"
+FUNCTIONS = "/usr/sbin/bench_functions"
 SCRIPT = "/usr/sbin/sqlite3_way.sh"
 PYTHON_SCRIPT = "/usr/sbin/python_way.py"
 PYTHON_PROGRAM = ["/usr/bin/python3", "-I", "-S", PYTHON_SCRIPT]  # no site modules: the quickest start that it has

@@ -77,3 +77,29 @@ def instructions(totals, names):
     table(["command", *(TITLES[name] for name in names), "ratio"],
           [[command, *(f"{counts[name] / 1000:.0f}" for name in names), f"{counts[TOOL] / counts[BARE_C]:.3f}"]
            for command, counts in totals.items()])
+
+
+def curve(curve, points, exponents):
+    """`exponents` is {competitor: (exponent, number of sizes)}."""
+    print(f"### {curve.title}\n")
+    head, rows = [curve.unit, "rounds"], []
+    for name in curve.names:
+        head += [f"{TITLES[name]}, ms", "MiB"]
+    compared = TOOL in curve.names and BARE_C in curve.names
+    if compared:
+        head += ["ratio of wall time", "of memory"]
+    for point in points:
+        row = [f"{point.size:,}", point.rounds]
+        for name in curve.names:
+            row += [f"{point.wall[name]:.2f}", f"{point.memory[name]:.1f}"]
+        if compared:
+            row += [f"{values[TOOL] / values[BARE_C]:.3f}" for values in (point.wall, point.memory)]
+        rows.append(row)
+    table(head, rows)
+    if len(points) < len(curve.sizes):
+        print(f"No room for {curve.sizes[len(points)]:,} {curve.unit} and more.\n")
+    what = "of the time" if curve.flat else f"of the time beyond that of {points[0].size:,} {curve.unit}"
+    for name, (exponent, sizes) in exponents.items():
+        fitted = "too few sizes to fit one" if exponent is None else f"{exponent:.3f} (fitted to {sizes} sizes)"
+        print(f"- {TITLES[name]}: exponent {what}: {fitted}")
+    print()

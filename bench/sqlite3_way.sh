@@ -37,10 +37,14 @@ text, 10, 1000, '$3', '$mailbox' FROM temp.input" 'END TRANSACTION'
       "DELETE FROM autoresponder WHERE mn='$mailbox'" "DELETE FROM resp_freq WHERE mn='$mailbox'" 'END TRANSACTION'
     ;;
   add-attach)
-    database 'BEGIN TRANSACTION' "SELECT real_owner FROM autoresponder WHERE mn='$mailbox'" \
-      ".shell [ -d $attachments ] || install -d -o popuser -g popuser -m 0700 $attachments; \
-/bin/cp $4 $attachments/$3 && exec chown popuser:popuser $attachments/$3" \
-      "REPLACE INTO attachments VALUES ('$mailbox', '$3')" 'END TRANSACTION'
+    # The owner says where the file goes, and no row may be added when it cannot be copied: sqlite3 does not learn how a
+    # .shell command ended, so it takes two runs of it.
+    owner=$(database "SELECT real_owner FROM autoresponder WHERE mn='$mailbox'")
+    [ -n "$owner" ] || exit 1
+    attachments=$mailnames/${owner#*@}/${owner%%@*}/@attachments
+    [ -d "$attachments" ] || install -d -o popuser -g popuser -m 0700 "$attachments" || exit 1
+    /bin/cp "$4" "$attachments/$3" && chown popuser:popuser "$attachments/$3" || exit 1
+    database "REPLACE INTO attachments VALUES ('$mailbox', '$3')"
     ;;
   del-attach)
     database 'BEGIN TRANSACTION' "SELECT real_owner FROM autoresponder WHERE mn='$mailbox'" \
