@@ -4,14 +4,18 @@ import contextlib
 import ctypes
 import mmap
 import os
+import resource
 import tty
 
 import pytest
-from harness.sandbox import DATABASE
+from harness.private_root import script
+from harness.sandbox import DATABASE, program_under_test
 from harness.waiting import has_open, until_it_sleeps
 
 DIRECTORY = "/var/lib/quarn/mail/autoresponder"
 SET_RESP = ("--set-resp", "--mailname", "a@example.org", "--real-owner", "a@example.org")
+SANITIZED = script.is_sanitized(str(program_under_test()))
+MIB = 1024 * 1024
 
 
 @pytest.fixture
@@ -147,6 +151,36 @@ def test_interrupted_read_is_made_again(database, needs_tracing):
     assert [call.error for call in calls if call.args_text.startswith("0,")] == ["EINTR", None, None]
     assert_stored(result)
     assert bodies(database) == [b"the whole body"]
+
+
+# -- input that is too large
+
+
+if not SANITIZED:  # such a program takes more room for addresses than any limit leaves
+
+    def test_body_larger_than_memory_ends_in_an_error(database):
+        with open("/dev/zero", "rb") as endless:
+            result = database.run(*SET_RESP, stdin=endless, rlimits={resource.RLIMIT_AS: 64 * MIB})
+
+        assert (result.status, result.stdout) == (1, b"Error: std::bad_alloc\n")
+        assert (result.stderr, result.records) == (b"", [])
+        assert bodies(database) == [b"former"]
+
+    def test_body_is_stored_whole_or_not_at_all_however_little_memory_there_is(database, tmp_path):
+        body = b"a line of the body, and the next line is another\n" * 200_000
+        path = tmp_path / "body"
+        path.write_bytes(body)
+
+        statuses = []
+        for room in range(12, 64, 4):
+            with contextlib.closing(database.db()) as db:
+                db.execute("UPDATE autoresponder SET body = 'former'")
+            with open(path, "rb") as file:
+                statuses.append(database.run(*SET_RESP, stdin=file, rlimits={resource.RLIMIT_AS: room * MIB}).status)
+            assert bodies(database) == [body if statuses[-1] == 0 else b"former"]
+
+        assert statuses == sorted(statuses, reverse=True)
+        assert {0, 1} == set(statuses)
 
 
 # -- input that comes slowly, or not at all
