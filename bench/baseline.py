@@ -4,6 +4,8 @@ They depend on the compiler, on the C library and on the processor's features, n
 same build counts the same on every run. The file tells each command's total and its functions from LEAST on.
 """
 
+import platform
+import subprocess
 from pathlib import Path
 
 FILE = Path(__file__).with_name("instructions.txt")
@@ -11,8 +13,16 @@ LEAST = 1000
 TOLERATED = 0.005  # of a command's total: less than this is not worth a line
 
 
+def tools():
+    """What the counts depend on, but for the processor's features."""
+    words = {"g++": ["g++", "-dumpfullversion"], "valgrind": ["valgrind", "--version"]}
+    versions = {name: subprocess.run(command, stdout=subprocess.PIPE, text=True, check=True).stdout.strip()
+                for name, command in words.items()}
+    return f"# g++ {versions['g++']}, glibc {platform.libc_ver()[1]}, {versions['valgrind']}, {platform.machine()}"
+
+
 def record(counted):
-    lines = ["# Instructions per command and function, written by: scripts/bench --counts --record"]
+    lines = ["# Instructions per command and function, written by: scripts/bench --counts --record", tools()]
     for command, costs in counted.items():
         lines.append(f"{command} {sum(costs.values())}")
         lines += [f"\t{number} {function}" for function, number in sorted(costs.items(), key=lambda item: (-item[1], item[0]))
@@ -39,6 +49,8 @@ def read():
 def compare(counted):
     """Prints what changed and answers whether a command has grown."""
     recorded, grown = read(), False
+    if tools() not in FILE.read_text(encoding="utf-8").splitlines():
+        print("The recorded counts are of other tools: a difference may be theirs, not the code's")
     for command, costs in counted.items():
         total, (before, functions) = sum(costs.values()), recorded[command]
         change = (total - before) / before
