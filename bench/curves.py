@@ -61,6 +61,11 @@ def _by_powers(most):
     return [10**power for power in range(round(math.log10(most)) + 1)]
 
 
+def _closer_together(most):
+    """The powers of ten, and at the end, where the size tells, three more of each decade."""
+    return sorted({*_by_powers(most), *(most * part // 1000 for part in (20, 50, 200, 500))})
+
+
 def curves():
     """All of them, in the order of the report; each leaves a small database behind."""
     return [
@@ -73,26 +78,26 @@ def curves():
         Curve("del-resp, counters of other mailboxes", "counters", _by_powers(10_000_000),
               lambda arena, size: arena.fixture("database", 1, size),
               lambda size: competitors.del_resp(MAILBOX, 3, 1), room=200, flat=True),
-        Curve("del-resp, counters of the deleted mailbox", "counters", _by_powers(1_000_000),
+        Curve("del-resp, counters of the deleted mailbox", "counters", _closer_together(1_000_000),
               lambda arena, size: arena.fixture("database", 1, 0),
               lambda size: competitors.del_resp(MAILBOX, size, 1), room=400),
-        Curve("set-resp, bytes of the body", "bytes", [1000, 10**4, 10**5, 10**6, 10**7, 10**8, 2 * 10**8, 5 * 10**8],
+        Curve("set-resp, bytes of the body", "bytes", [1000, 10**4, 10**5, 10**6, 10**7, 5 * 10**7, 10**8, 2 * 10**8, 5 * 10**8],
               lambda arena, size: (arena.fixture("database", 1, 0), arena.write_large(competitors.BODY, size)),
               lambda size: competitors.set_resp(MAILBOX, None), room=6),
-        Curve("set-extra-headers, pairs", "pairs", _by_powers(100_000),
+        Curve("set-extra-headers, pairs", "pairs", _closer_together(100_000),
               lambda arena, size: arena.write(competitors.HEADERS, competitors.headers_document(size)),
               lambda size: competitors.set_extra_headers(size), room=2000),
-        Curve("del-resp, files in the attachment directory", "files", _by_powers(10_000),
+        Curve("del-resp, files in the attachment directory", "files", _closer_together(10_000),
               lambda arena, size: arena.fixture("database", 1, 0),
               lambda size: competitors.del_resp(MAILBOX, 3, size), room=10_000),
-        Curve("del-attach, comment lines in the configuration", "lines", _by_powers(100_000),
+        Curve("del-attach, comment lines in the configuration", "lines", _closer_together(1_000_000),
               lambda arena, size: arena.write(competitors.CONF, _conf([COMMENT] * size)),
               lambda size: competitors.del_attach(MAILBOX, "old.txt"), room=200),
-        Curve("del-attach, lines in the configuration that define one of 30 names", "lines", _by_powers(100_000),
+        Curve("del-attach, lines in the configuration that define one of 30 names", "lines", _closer_together(1_000_000),
               lambda arena, size: arena.write(competitors.CONF, _conf(
                   f"PANEL_VARIABLE_{number % 30} /opt/panel/value/{number}\n" for number in range(size))),
               lambda size: competitors.del_attach(MAILBOX, "old.txt"), room=200),
-        Curve("del-attach, lines in the configuration that define a name each", "lines", _by_powers(10_000),
+        Curve("del-attach, lines in the configuration that define a name each", "lines", _closer_together(10_000),
               lambda arena, size: arena.write(competitors.CONF, _conf(
                   f"PANEL_VARIABLE_{number} /opt/panel/value/{number}\n" for number in range(size))),
               lambda size: competitors.del_attach(MAILBOX, "old.txt"), room=200),
