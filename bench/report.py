@@ -79,27 +79,34 @@ def instructions(totals, names):
            for command, counts in totals.items()])
 
 
-def curve(curve, points, exponents):
-    """`exponents` is {competitor: (exponent, number of sizes)}."""
-    print(f"### {curve.title}\n")
-    head, rows = [curve.unit, "rounds"], []
-    for name in curve.names:
-        head += [f"{TITLES[name]}, ms", "MiB"]
-    compared = TOOL in curve.names and BARE_C in curve.names
-    if compared:
-        head += ["ratio of wall time", "of memory"]
+def curve(measured, points):
+    """What each size of one curve took; `points` in the order of the sizes."""
+    print(f"### {measured.title}\n")
+    compared = {TOOL, BARE_C} <= {*measured.names}
+    head = [measured.unit, "rounds"] + [text for name in measured.names for text in (f"{TITLES[name]}, ms", "MiB")]
+    rows = []
     for point in points:
         row = [f"{point.size:,}", point.rounds]
-        for name in curve.names:
+        for name in measured.names:
             row += [f"{point.wall[name]:.2f}", f"{point.memory[name]:.1f}"]
         if compared:
             row += [f"{values[TOOL] / values[BARE_C]:.3f}" for values in (point.wall, point.memory)]
         rows.append(row)
-    table(head, rows)
-    if len(points) < len(curve.sizes):
-        print(f"No room for {curve.sizes[len(points)]:,} {curve.unit} and more.\n")
-    what = "of the time" if curve.flat else f"of the time beyond that of {points[0].size:,} {curve.unit}"
-    for name, (exponent, sizes) in exponents.items():
-        fitted = "too few sizes to fit one" if exponent is None else f"{exponent:.3f} (fitted to {sizes} sizes)"
-        print(f"- {TITLES[name]}: exponent {what}: {fitted}")
-    print()
+    table(head + (["ratio of wall time", "of memory"] if compared else []), rows)
+    if len(points) < len(measured.sizes):
+        print(f"No room for {measured.sizes[len(points)]:,} {measured.unit} and more.\n")
+
+
+def exponents(lines):
+    """`lines` holds for each curve itself, its points and {competitor: (exponent or None, number of sizes)}."""
+    print("### Exponents\n")
+    rows = []
+    for measured, points, fitted in lines:
+        row = [measured.title, f"{points[0].size:,} to {points[-1].size:,}",
+               f"{points[-1].wall[TOOL] / points[0].wall[TOOL]:.3g}", "the time" if measured.flat else "what is added"]
+        for name in (TOOL, BARE_C):
+            exponent, sizes = fitted.get(name, (None, 0))
+            row.append("-" if exponent is None else f"{exponent:.3f} ({sizes})")
+        rows.append(row)
+    table(["curve", "sizes", "time at the last size over that at the first", "exponent of",
+           f"{TITLES[TOOL]} (sizes it is fitted to)", f"{TITLES[BARE_C]}"], rows)
