@@ -11,7 +11,7 @@ import threading
 from dataclasses import dataclass
 from pathlib import Path
 
-from . import tracing
+from . import memcheck, tracing
 from .log_records import Record, parse_record
 from .private_root import REPOSITORY, script
 
@@ -142,6 +142,30 @@ class Sandbox:
         seen = tracing.parse_trace(path.read_text(errors="surrogateescape")) if path.exists() else []
         path.unlink(missing_ok=True)
         return result, seen
+
+    def memcheck(self, *args, **options):
+        """Like run() under valgrind's memcheck; fails with its report when there is an error or something is lost."""
+        timeout = options.pop("timeout", 120)
+        with contextlib.ExitStack() as ours:
+            if self._root.mode == "chroot":
+                self.path(memcheck.PROGRAM).parent.mkdir(parents=True, exist_ok=True)
+                self.path(memcheck.PROGRAM).write_bytes(memcheck.without_proc())
+                self.path(memcheck.PROGRAM).chmod(0o755)
+                proc = os.open("/proc", os.O_PATH | os.O_DIRECTORY)
+                ours.callback(os.close, proc)
+                options.update(cwd=proc)
+            for path in [*memcheck.FILES, memcheck.loader_symbols(self._root.program)]:
+                self._root.provide(path)
+            environment = dict(DEFAULT_ENVIRONMENT if options.get("env") is None else options["env"])
+            options.update(env=environment | memcheck.ENVIRONMENT)
+            running = self.start_command(memcheck.PROGRAM, [*memcheck.ARGUMENTS, script.PROGRAM, *args], **options)
+        result = running.wait(timeout)
+        report = self.path(memcheck.REPORT)
+        text = report.read_text(errors="replace")  # it is there, or memcheck was not
+        report.unlink()
+        if text or result.status == memcheck.STATUS:
+            raise AssertionError(f"memcheck reports:\n{text}")
+        return result
 
     def start_command(self, path, words, *, stdin=b"", stdout=subprocess.PIPE, stderr=subprocess.PIPE, env=None,
                       umask=0o022, close_fds=(), broken_pipes=(), rlimits=None, ignore=(), cwd=None, traced=False,
