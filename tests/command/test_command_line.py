@@ -520,19 +520,47 @@ def preload(sandbox, tmp_path):
     return build
 
 
-NOTHING_OPENS = """
+ROOT_DOES_NOT_OPEN = """
 #include <cerrno>
-extern "C" int open(const char *, int, ...)
+#include <cstring>
+#include <fcntl.h>
+extern "C" int open(const char *path, int flags, ...)
 {
+    if (std::strcmp(path, "/") != 0)
+        return openat(AT_FDCWD, path, flags, 0666);
     errno = EMFILE;
     return -1;
+}
+"""
+
+ROOT_OPENS_ELSEWHERE = """
+#include <cstring>
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+extern "C" int open(const char *path, int flags, ...)
+{
+    const int fd = openat(AT_FDCWD, path, flags, 0666);
+    return std::strcmp(path, "/") == 0 ? dup2(fd, 9) : fd;
+}
+extern "C" int close(int fd)
+{
+    if (fd == 9)
+        mkdir("/tmp/closed", 0755);
+    return static_cast<int>(syscall(SYS_close, fd));
 }
 """
 
 
 @pytest.mark.parametrize("closed", CLOSED)
 def test_a_closed_stream_that_cannot_be_filled_ends_the_run_in_silence(sandbox, preload, closed):
-    assert sandbox.run("--help", env=preload(NOTHING_OPENS), close_fds=closed) == Result(1, b"", b"", [])
+    assert sandbox.run("--help", env=preload(ROOT_DOES_NOT_OPEN), close_fds=closed) == Result(1, b"", b"", [])
+
+
+def test_a_closed_stream_whose_place_another_thread_took_ends_the_run_in_silence(sandbox, preload):
+    assert sandbox.run("--help", env=preload(ROOT_OPENS_ELSEWHERE), close_fds=(0,)) == Result(1, b"", b"", [])
+    assert sandbox.path("/tmp/closed").exists()
 
 
 def test_a_vanished_reader_of_standard_output_ends_nothing(sandbox):

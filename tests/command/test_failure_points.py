@@ -136,6 +136,15 @@ def test_a_header_transaction_that_cannot_begin_leaves_the_list_empty(mailbox):
                          "Unable to prepare SQL statement for query 'BEGIN TRANSACTION;': string or blob too big")
 
 
+def test_a_header_transaction_that_is_refused_keeps_the_list(mailbox):
+    result = run(mailbox, "set-extra-headers", env=sqlite_shim.environment(mailbox, "begun"))
+
+    assert (result.status, result.stdout) == (1, b"")
+    assert error_texts(result) == [
+        "Unable to begin sqlite transaction: cannot start a transaction within a transaction"]
+    assert headers(mailbox) == [("X-Old", "yes")]  # it was emptied in the transaction that is lost
+
+
 def test_a_header_statement_that_cannot_be_prepared_leaves_the_list_empty(mailbox):
     result = run(mailbox, "set-extra-headers", env=sqlite_shim.environment(mailbox, "prepare REPLACE"))
 
@@ -210,20 +219,26 @@ extern "C" int __vasprintf_chk(char **, int, const char *, va_list) { errno = EN
     assert mailbox.tree(MAIL_TREE) == before
 
 
-if not SANITIZED:  # AddressSanitizer brings its own allocator, and nothing gets in front of that
-
-    def test_without_memory_for_the_configuration_the_defaults_hold(mailbox):
-        environment = preload(mailbox, """
+CALLED_BY_THE_TOOL = """
 #include <cerrno>
 #include <cstddef>
 #include <cstring>
 #include <dlfcn.h>
+static bool called_by_the_tool(void *place)
+{
+    Dl_info caller;
+    return dladdr(place, &caller) != 0 && std::strstr(caller.dli_fname, "arspctl") != nullptr;
+}
+"""
+
+if not SANITIZED:  # AddressSanitizer brings its own allocator, and nothing gets in front of that
+
+    def test_without_memory_for_the_configuration_the_defaults_hold(mailbox):
+        environment = preload(mailbox, CALLED_BY_THE_TOOL + """
 extern "C" void *__libc_calloc(size_t, size_t);
 extern "C" void *calloc(size_t count, size_t size)
 {
-    Dl_info caller;
-    if (count != 1 || size != 32 || dladdr(__builtin_return_address(0), &caller) == 0 ||
-        std::strstr(caller.dli_fname, "arspctl") == nullptr)
+    if (count != 1 || size != 32 || !called_by_the_tool(__builtin_return_address(0)))
         return __libc_calloc(count, size);
     errno = ENOMEM;
     return nullptr;
@@ -237,3 +252,23 @@ extern "C" void *calloc(size_t count, size_t size)
         assert set(error_texts(result)) == {
             "Not enough memory to allocate Quarn runtime configuration structure"}
         assert mailbox.tree(DIRECTORY) == {".": ("dir", 0o700, *mailbox.popuser, None)}
+
+    def test_without_memory_for_the_message_a_run_that_ends_says_so(mailbox):
+        environment = preload(mailbox, CALLED_BY_THE_TOOL + """
+extern "C" void *__libc_malloc(size_t);
+extern "C" void *malloc(size_t size)
+{
+    if (size != 4096 || !called_by_the_tool(__builtin_return_address(0)))
+        return __libc_malloc(size);
+    errno = ENOMEM;
+    return nullptr;
+}
+""")
+        mailbox.path(MAIL_TREE + "/example.org").rename(mailbox.path("/tmp/moved"))
+        put_file(mailbox, MAIL_TREE + "/example.org")  # in the way of the directory
+
+        result = run(mailbox, "add-attach", env=environment)
+
+        message = b"Can't allocate memory for error message\n"
+        assert result == Result(1, message, message, [])
+        assert_rows_are_as_before(mailbox)

@@ -14,6 +14,7 @@ int arspctl_main(int argc, char *argv[]);
 #include <gtest/gtest.h>
 
 #include "store/init_db.h"
+#include "tests/unit/support/child_process.h"
 
 namespace {
 
@@ -59,6 +60,14 @@ TEST(GuardTest, StandardExceptionOfACommandIsReportedByItsMessage)
 TEST(GuardTest, ExhaustedMemoryIsReportedLikeOtherExceptions)
 {
     EXPECT_EQ(run_with([]() -> int { throw std::bad_alloc(); }), (Reported{1, "Error: std::bad_alloc\n"}));
+}
+
+TEST(GuardTest, ExhaustedMemoryIsReportedEvenWhenThereIsNoneForAnException)
+{
+    const ChildResult child = run_in_child(report_no_memory);
+    EXPECT_EQ(child.exit_status, 1);
+    EXPECT_EQ(child.out, "Error: std::bad_alloc\n");
+    EXPECT_EQ(child.err, "");
 }
 
 TEST(GuardTest, ExceptionWithoutAMessageIsReportedAllTheSame)

@@ -5,7 +5,9 @@
 
 #include <gtest/gtest.h>
 
+#include "tests/unit/store/pause_capture.h"
 #include "tests/unit/store/responder_fixture.h"
+#include "tests/unit/support/child_process.h"
 
 namespace {
 
@@ -115,6 +117,23 @@ TEST_F(SelectRealOwnerTest, AnOwnerForWhichThereIsNoMemoryIsAFailure)
     EXPECT_EQ(owner_, "as before");
     EXPECT_EQ(errors(), Texts{"Unable to read data from database: out of memory"});
     EXPECT_STREQ(db_.errorText(), "out of memory");
+}
+
+TEST_F(SelectRealOwnerTest, AnInterruptedPauseIsTheResultAndLeavesEverythingToTheExit)
+{
+    run("SELECT * FROM autoresponder"); /* what the tables are is known then: only the step reads */
+    const ChildResult child = run_in_child([this] {
+        ResponderDb other;
+        SqliteText message;
+        other.open();
+        other.exec("BEGIN EXCLUSIVE", message);
+        pause_capture.on_pause = interrupted;
+        std::printf("%d", selectRealOwner(db_, "sales@example.org", owner_));
+        std::printf(", %s, %zu errors", db_.errorText(), errors().size());
+        std::fflush(nullptr);
+        _exit(0);
+    });
+    EXPECT_EQ(child.out, "-2, general DB errror, 0 errors");
 }
 
 class AddAttachTest : public ResponderTest {

@@ -12,27 +12,16 @@
 #include <gtest/gtest.h>
 
 #include "tests/unit/store/database_fixture.h"
+#include "tests/unit/support/child_process.h"
+#include "tests/unit/support/little_memory.h"
 
 namespace {
 
-bool no_memory_for_copies = false;
 bool no_dirname = false;
 
 } // namespace
 
-/* The linker takes these two for strdup and dirname. */
-char *strdup_of_little_memory(const char *text) __asm__("strdup");
-char *strdup_of_little_memory(const char *text)
-{
-    if (no_memory_for_copies) {
-        errno = ENOMEM;
-        return nullptr;
-    }
-    const size_t size = std::strlen(text) + 1;
-    void *copy = std::malloc(size);
-    return copy == nullptr ? nullptr : static_cast<char *>(std::memcpy(copy, text, size));
-}
-
+/* The linker takes this for dirname. */
 char *dirname_of_some_c_library(char *path) __asm__("dirname");
 char *dirname_of_some_c_library(char *path)
 {
@@ -51,7 +40,8 @@ class InitDbTest : public DatabaseTest {
 protected:
     void TearDown() override
     {
-        no_memory_for_copies = no_dirname = false;
+        copies_left = AS_MANY_AS_ASKED_FOR;
+        no_dirname = false;
         DatabaseTest::TearDown();
     }
 };
@@ -79,7 +69,7 @@ TEST_F(InitDbTest, DirectoryThatCannotBeMadeIsCritical)
 
 TEST_F(InitDbTest, PathThatCannotBeCopiedIsCritical)
 {
-    no_memory_for_copies = true;
+    copies_left = 0;
     EXPECT_EQ(db_make_parent_dir(path_.c_str(), "things"), -1);
     EXPECT_EQ(errno, ENOMEM);
     EXPECT_EQ(syslog_capture.records, (Records{{2, "Memory allocation error"}}));
@@ -115,10 +105,30 @@ TEST_F(InitDbTest, DatabaseThatCannotBeOpenedIsLogged)
               (Records{{3, "Unable to open database " + dir_.path() + ": unable to open database file"}}));
 }
 
+/* Every connection opened from now on has a statement that keeps it from being closed. */
+int keep_open(sqlite3 *db, const char **, const sqlite3_api_routines *)
+{
+    sqlite3_stmt *lost = nullptr;
+    return sqlite3_prepare_v2(db, "SELECT 1", -1, &lost, nullptr);
+}
+
+TEST_F(InitDbTest, InterruptedPauseInClosingFailsThoughTheScriptIsDone)
+{
+    const ChildResult child =
+        run_in_child([this] { /* that the connection is lost with */
+                              sqlite3_auto_extension(reinterpret_cast<void (*)()>(keep_open));
+                              pause_capture.on_pause = interrupted;
+                              std::printf("%d", db_recreate(path_.c_str(), "CREATE TABLE u (y);", "things"));
+                              std::printf(", %zu records", syslog_capture.records.size());
+        });
+    EXPECT_EQ(child.out, "-1, 0 records");
+    EXPECT_EQ(other_.values("SELECT name FROM sqlite_master"), "t|u");
+}
+
 TEST_F(InitDbTest, PermissionsAreNotTouchedWithoutACopyOfThePath)
 {
     chmod(path_.c_str(), 0640);
-    no_memory_for_copies = true;
+    copies_left = 0;
     EXPECT_EQ(fix_responder_db_permissions(path_.c_str()), -1);
     EXPECT_EQ(syslog_capture.records, (Records{{3, "Unable to fix '" + path_ +
                                                        "' permissions. Failed to get directory path: "

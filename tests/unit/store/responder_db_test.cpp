@@ -284,6 +284,16 @@ TEST_F(ResponderDbTest, ScriptThatIsBusyAfterItsBeginStartsAgainFromTheBeginning
     EXPECT_EQ(other_.values("SELECT y FROM u"), "1");
 }
 
+TEST_F(ResponderDbTest, ScriptThatIsBusyBeforeItsBeginIsDoneKeepsItsConnection)
+{
+    db_.exec("CREATE TEMP TABLE of_this_connection (x)", message_);
+    other_.exec("BEGIN IMMEDIATE");
+    in_pause(1, "COMMIT");
+    EXPECT_EQ(db_.execScript(path_.c_str(), "BEGIN IMMEDIATE;CREATE TABLE u (y);COMMIT;", message_), SQLITE_OK);
+    EXPECT_EQ(other_.values("SELECT name FROM sqlite_master"), "t|u");
+    EXPECT_EQ(db_.exec("SELECT x FROM of_this_connection", message_), SQLITE_OK);
+}
+
 TEST_F(ResponderDbTest, ScriptThatIsBusyAtItsCommitStartsAgainFromTheBeginning)
 {
     other_.exec("BEGIN; SELECT * FROM t");

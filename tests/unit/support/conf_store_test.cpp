@@ -8,6 +8,7 @@
 
 #include <gtest/gtest.h>
 
+#include "tests/unit/support/little_memory.h"
 #include "tests/unit/support/syslog_capture.h"
 
 /* What AddressSanitizer, where there is one, asks at the start: an impossible size is to be answered as malloc answers.
@@ -125,6 +126,20 @@ TEST_F(ConfStoreTest, PairsAreCopied)
     name = "XXXX";
     value = "xxxxx";
     EXPECT_STREQ(conf_store_find("NAME", store_.get()), "value");
+}
+
+TEST_F(ConfStoreTest, PairThatCanNotBeCopiedIsNotStored)
+{
+    conf_store_set("NAME", "former", store_.get());
+    for (const int copies : {0, 1}) { /* not even the name, and not the value */
+        syslog_capture.records.clear();
+        copies_left = copies;
+        EXPECT_EQ(conf_store_set("NAME", "value", store_.get()), -1);
+        EXPECT_EQ(errno, ENOMEM);
+        EXPECT_EQ(syslog_capture.records, (Records{{12, "Unable to form configuration: Cannot allocate memory"}}));
+    }
+    copies_left = AS_MANY_AS_ASKED_FOR;
+    EXPECT_STREQ(conf_store_find("NAME", store_.get()), "former");
 }
 
 TEST_F(ConfStoreTest, NewPairIsAppendedAndTheStoreIsNotSortedAnyMore)

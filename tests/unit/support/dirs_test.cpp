@@ -13,6 +13,7 @@
 #include <gtest/gtest.h>
 
 #include "tests/unit/support/child_process.h"
+#include "tests/unit/support/little_memory.h"
 #include "tests/unit/support/scratch_dir.h"
 
 namespace {
@@ -280,6 +281,16 @@ TEST_F(MkdirPTest, FailureToLookIsTold)
     errno = 0;
     EXPECT_EQ(mkdir_p("loop/a"), 0);
     EXPECT_EQ(errno, ELOOP);
+}
+
+TEST_F(MkdirPTest, WithoutMemoryForThePathNothingIsMade)
+{
+    copies_left = 0;
+    errno = 0;
+    EXPECT_EQ(mkdir_p("a/b"), 0);
+    EXPECT_EQ(errno, ENOMEM);
+    copies_left = AS_MANY_AS_ASKED_FOR;
+    EXPECT_FALSE(std::filesystem::exists(dir_ / "a"));
 }
 
 TEST_F(MkdirPTest, NothingIsPrinted)

@@ -1,10 +1,13 @@
 #include "support/text.h"
 
 #include <string>
+#include <vector>
 
 #include <gtest/gtest.h>
 
 #include "support/c_handles.h"
+#include "tests/unit/support/little_memory.h"
+#include "tests/unit/support/syslog_capture.h"
 
 namespace {
 
@@ -66,6 +69,15 @@ TEST(StrDupLowerTest, ReturnsALoweredCopy)
 TEST(StrDupLowerTest, ReturnsNullForNull)
 {
     EXPECT_EQ(str_dup_lower(nullptr), nullptr);
+}
+
+TEST(StrDupLowerTest, LogsThatThereIsNoMemoryForTheCopy)
+{
+    capture_syslog();
+    copies_left = 0;
+    EXPECT_EQ(str_dup_lower("Text"), nullptr);
+    copies_left = AS_MANY_AS_ASKED_FOR;
+    EXPECT_EQ(syslog_capture.records, (std::vector<SyslogRecord>{{3, "System error: Cannot allocate memory\n"}}));
 }
 
 TEST(StrRtrimSpaceTest, ClearsTrailingWhiteSpaceOnly)
