@@ -253,8 +253,7 @@ extern "C" void *calloc(size_t count, size_t size)
             "Not enough memory to allocate Quarn runtime configuration structure"}
         assert mailbox.tree(DIRECTORY) == {".": ("dir", 0o700, *mailbox.popuser, None)}
 
-    def test_without_memory_for_the_message_a_run_that_ends_says_so(mailbox):
-        environment = preload(mailbox, CALLED_BY_THE_TOOL + """
+    NO_MEMORY_FOR_THE_MESSAGE = CALLED_BY_THE_TOOL + """
 extern "C" void *__libc_malloc(size_t);
 extern "C" void *malloc(size_t size)
 {
@@ -263,7 +262,10 @@ extern "C" void *malloc(size_t size)
     errno = ENOMEM;
     return nullptr;
 }
-""")
+"""
+
+    def test_without_memory_for_the_message_a_run_that_ends_says_so(mailbox):
+        environment = preload(mailbox, NO_MEMORY_FOR_THE_MESSAGE)
         mailbox.path(MAIL_TREE + "/example.org").rename(mailbox.path("/tmp/moved"))
         put_file(mailbox, MAIL_TREE + "/example.org")  # in the way of the directory
 
@@ -272,3 +274,24 @@ extern "C" void *malloc(size_t size)
         message = b"Can't allocate memory for error message\n"
         assert result == Result(1, message, message, [])
         assert_rows_are_as_before(mailbox)
+
+    def test_without_memory_for_the_message_a_run_that_goes_on_says_so_and_goes_on(mailbox):
+        environment = preload(mailbox, NO_MEMORY_FOR_THE_MESSAGE + """
+#include <fcntl.h>
+#include <unistd.h>
+extern "C" int chown(const char *path, uid_t uid, gid_t gid)
+{
+    if (std::strstr(path, "/new.pdf") != nullptr)
+        return fchownat(AT_FDCWD, path, uid, gid, 0);
+    errno = EROFS;
+    return -1;
+}
+""")
+        mailbox.path(MAIL_TREE + "/example.org").rename(mailbox.path("/tmp/moved"))
+
+        result = run(mailbox, "add-attach", env=environment)
+
+        message = b"Can't allocate memory for error message\n" * 3  # example.org, user and @attachments
+        assert result == Result(0, message, message, [])
+        assert attachment_rows(mailbox) == [("user@example.org", "new.pdf"), ("user@example.org", "report.pdf")]
+        assert mailbox.path(DIRECTORY + "/new.pdf").read_bytes() == b"a new one"
