@@ -69,6 +69,12 @@ def build(directory):
             raise OSError(f"{place} is still writable")
 
 
+def default_signals():
+    """What whoever started this ignores, as nohup(1) does, would be ignored by the tests' programs as well."""
+    for number in (signal.SIGHUP, signal.SIGINT, signal.SIGQUIT, signal.SIGTERM):
+        signal.signal(number, signal.SIG_DFL)
+
+
 def main():
     directory = os.path.realpath(sys.argv[1])
     if os.getpid() != 1:
@@ -77,7 +83,7 @@ def main():
     os.chdir(directory)
     resource.setrlimit(resource.RLIMIT_AS, (PROGRAM_MEMORY, PROGRAM_MEMORY))
     resource.setrlimit(resource.RLIMIT_CORE, (0, 0))
-    process = subprocess.Popen(sys.argv[2:], stdin=subprocess.DEVNULL)
+    process = subprocess.Popen(sys.argv[2:], stdin=subprocess.DEVNULL, preexec_fn=default_signals)
     while True:  # as the first process it also inherits what others leave behind
         pid, status = os.wait()
         if pid == process.pid:

@@ -245,10 +245,18 @@ class Source:
         first = self._text(statement[0])
         return first != ";" and first not in NO_STATEMENT and not DECLARATION.match(self.text[start:end])
 
-    def _does_something(self, statement):
-        """Whether its place matters: a constant, or a variable without a call, is the same one line further down."""
-        start, end = self._span(statement)
-        return self._is_action(statement) or ("(" in self.text[start:end] and self._text(statement[0]) != "constexpr")
+    def _order_matters(self, one, other):
+        """Whether the two statements may depend on each other: by what their calls do, or by what one assigns."""
+        texts = [self.text[slice(*self._span(statement))] for statement in (one, other)]
+        if "constexpr" in (self._text(one[0]), self._text(other[0])):
+            return False
+        if all("(" in text for text in texts):
+            return True
+        for text, another in (texts, reversed(texts)):
+            for name in re.findall(r"(\w+)[\])]*\s*[-+*/|&]?=(?!=)", text):
+                if name == "errno" or re.search(rf"\b{name}\b", another):
+                    return True
+        return False
 
     def _of_statements(self, blocks):
         for start, own in blocks:
@@ -264,8 +272,9 @@ class Source:
                 elif self._is_action(statement) or self._text(statement[0]) in ("break", "continue", "throw"):
                     yield "statement removed", begin, before, ["{}" if start is None else ""]
                 other = own[position + 1] if position + 1 < len(own) else None
-                if other is not None and self._does_something(statement) and self._does_something(other):
-                    if self._text(other[0]) not in ("return", "break", "continue", "throw"):
+                if other is not None and (self._is_action(statement) or self._is_action(other)):
+                    ends = self._text(other[0]) in ("return", "break", "continue", "throw")
+                    if not ends and self._order_matters(statement, other):
                         second = self._span(other)
                         texts = self.text[begin:end], self.text[end:second[0]], self.text[second[0]:second[1]]
                         yield "statements swapped", begin, "".join(texts), [texts[2] + texts[1] + texts[0]]

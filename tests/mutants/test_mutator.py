@@ -63,6 +63,11 @@ def test_statements_with_something_between_are_not_swapped():
     assert not [change for change in changes("g(a); if (a) k(); h(b);") if change.startswith("statements swapped")]
 
 
+def test_statements_that_do_not_depend_on_each_other_are_not_swapped():
+    assert not [change for change in changes("c = a; d = b;") if change.startswith("statements swapped")]
+    assert "statements swapped: c = a; d = c; -> d = c; c = a;" in changes("c = a; d = c;")
+
+
 def test_conditions_are_negated():
     assert changes("if (int c = g(); c < a) h();") >= {"condition negated: c < a -> !(c < a)"}
 
