@@ -3,12 +3,9 @@
 import itertools
 import os
 import shutil
-import subprocess
 
 import pytest
-from harness import Result, needs_tracing
-from harness.private_root import script
-from harness.sandbox import program_under_test
+from harness import Result, needs_tracing, preload
 
 DATABASE = "/var/lib/quarn/mail/autoresponder/responder.db"
 ADDRESS = ["--mailname", "user@example.org"]
@@ -504,22 +501,6 @@ def test_closed_streams_do_not_change_the_exit_status_of_help_and_errors(sandbox
     assert sandbox.run("--no-such-option", close_fds=closed).status == 1
 
 
-@pytest.fixture
-def preload(sandbox, tmp_path):
-    """Has the tool of the sandbox load a piece of C++ of the test first; answers the environment that does it."""
-
-    def build(code):
-        source, library = tmp_path / "preloaded.cpp", sandbox.path("/tmp/preloaded.so")
-        source.write_text(code)
-        subprocess.run(["g++", "-shared", "-fPIC", "-o", library, source], check=True)
-        libraries = ["/tmp/preloaded.so"]
-        if script.is_sanitized(str(program_under_test())):
-            libraries.insert(0, "libasan.so.8")  # insists on being the first of all
-        return {"PATH": os.environ["PATH"], "LD_PRELOAD": " ".join(libraries)}
-
-    return build
-
-
 ROOT_DOES_NOT_OPEN = """
 #include <cerrno>
 #include <cstring>
@@ -554,12 +535,12 @@ extern "C" int close(int fd)
 
 
 @pytest.mark.parametrize("closed", CLOSED)
-def test_a_closed_stream_that_cannot_be_filled_ends_the_run_in_silence(sandbox, preload, closed):
-    assert sandbox.run("--help", env=preload(ROOT_DOES_NOT_OPEN), close_fds=closed) == Result(1, b"", b"", [])
+def test_a_closed_stream_that_cannot_be_filled_ends_the_run_in_silence(sandbox, closed):
+    assert sandbox.run("--help", env=preload.environment(sandbox, ROOT_DOES_NOT_OPEN), close_fds=closed) == Result(1, b"", b"", [])
 
 
-def test_a_closed_stream_whose_place_another_thread_took_ends_the_run_in_silence(sandbox, preload):
-    assert sandbox.run("--help", env=preload(ROOT_OPENS_ELSEWHERE), close_fds=(0,)) == Result(1, b"", b"", [])
+def test_a_closed_stream_whose_place_another_thread_took_ends_the_run_in_silence(sandbox):
+    assert sandbox.run("--help", env=preload.environment(sandbox, ROOT_OPENS_ELSEWHERE), close_fds=(0,)) == Result(1, b"", b"", [])
     assert sandbox.path("/tmp/closed").exists()
 
 

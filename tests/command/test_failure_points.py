@@ -1,11 +1,9 @@
 """What fails alike in every command: the frame around its statements, the pause on a locked database, memory."""
 
 import contextlib
-import os
-import subprocess
 
 import pytest
-from harness import Result, sqlite_shim
+from harness import Result, preload, sqlite_shim
 from harness.mailboxes import (add_attachment_rows, add_autoresponder, attachment_rows, autoresponder_rows, error_texts,
                                make_directories, put_file)
 from harness.private_root import script
@@ -193,17 +191,8 @@ def test_a_pause_that_fails_ends_the_command_in_silence(mailbox, needs_tracing, 
 # -- memory
 
 
-def preload(sandbox, code):
-    """The environment in which the tool loads this piece of C++ first."""
-    sandbox.path("/tmp/preloaded.cpp").write_text(code)
-    subprocess.run(["g++", "-D_GNU_SOURCE", "-shared", "-fPIC", "-o", sandbox.path("/tmp/preloaded.so"),
-                    sandbox.path("/tmp/preloaded.cpp")], check=True)
-    libraries = ["libasan.so.8"] if SANITIZED else []  # insists on being the first of all
-    return {"PATH": os.environ["PATH"], "LD_PRELOAD": " ".join([*libraries, "/tmp/preloaded.so"])}
-
-
 def test_without_memory_for_the_path_adding_an_attachment_ends_before_the_copy(mailbox):
-    environment = preload(mailbox, """
+    environment = preload.environment(mailbox, """
 #include <cerrno>
 #include <cstdarg>
 extern "C" int vasprintf(char **, const char *, va_list) { errno = ENOMEM; return -1; }
@@ -234,7 +223,7 @@ static bool called_by_the_tool(void *place)
 if not SANITIZED:  # AddressSanitizer brings its own allocator, and nothing gets in front of that
 
     def test_without_memory_for_the_configuration_the_defaults_hold(mailbox):
-        environment = preload(mailbox, CALLED_BY_THE_TOOL + """
+        environment = preload.environment(mailbox, CALLED_BY_THE_TOOL + """
 extern "C" void *__libc_calloc(size_t, size_t);
 extern "C" void *calloc(size_t count, size_t size)
 {
@@ -265,7 +254,7 @@ extern "C" void *malloc(size_t size)
 """
 
     def test_without_memory_for_the_message_a_run_that_ends_says_so(mailbox):
-        environment = preload(mailbox, NO_MEMORY_FOR_THE_MESSAGE)
+        environment = preload.environment(mailbox, NO_MEMORY_FOR_THE_MESSAGE)
         mailbox.path(MAIL_TREE + "/example.org").rename(mailbox.path("/tmp/moved"))
         put_file(mailbox, MAIL_TREE + "/example.org")  # in the way of the directory
 
@@ -276,7 +265,7 @@ extern "C" void *malloc(size_t size)
         assert_rows_are_as_before(mailbox)
 
     def test_without_memory_for_the_message_a_run_that_goes_on_says_so_and_goes_on(mailbox):
-        environment = preload(mailbox, NO_MEMORY_FOR_THE_MESSAGE + """
+        environment = preload.environment(mailbox, NO_MEMORY_FOR_THE_MESSAGE + """
 #include <fcntl.h>
 #include <unistd.h>
 extern "C" int chown(const char *path, uid_t uid, gid_t gid)

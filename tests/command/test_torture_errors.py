@@ -2,13 +2,9 @@
 
 import pytest
 from harness.mailboxes import error_texts
-from harness.private_root import script
-from harness.sandbox import program_under_test
 from torture import errors
 from torture.points import points_of, start_disturbed
-from torture.scene import COMMANDS, Scene
-
-THIN = 4 if script.is_sanitized(str(program_under_test())) else 1  # such a program takes long to start
+from torture.scene import COMMANDS, THIN, Scene
 
 
 @pytest.mark.parametrize("command", COMMANDS)

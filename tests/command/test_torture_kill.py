@@ -1,12 +1,8 @@
 """SIGKILL at every call that changes a file or a lock. `scripts/torture kill` prints the same as a table."""
 
 import pytest
-from harness.private_root import script
-from harness.sandbox import program_under_test
 from torture import kill
-from torture.scene import COMMANDS
-
-THIN = 4 if script.is_sanitized(str(program_under_test())) else 1  # such a program takes long to start
+from torture.scene import COMMANDS, THIN
 
 
 @pytest.mark.parametrize("command", COMMANDS)

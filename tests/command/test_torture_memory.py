@@ -18,7 +18,7 @@ if not script.is_sanitized(str(program_under_test())):  # such a program has an 
 
 
 TOLD_BY_LIBRARY = """signal 6 at allocation 7
-/.allocation_failures.so(+0x130b)[0x7f98448c430b]
+/.preload.so(+0x130b)[0x7f98448c430b]
 /lib/x86_64-linux-gnu/libc.so.6(+0x3c050)[0x7f9844632050]
 """
 ABORT = """/lib/x86_64-linux-gnu/libc.so.6(+0x8aeec)[0x7f9844680eec]

@@ -10,6 +10,8 @@ from pathlib import Path
 
 import pytest
 
+from .shared_library import compiled
+
 PROC_LIBRARY = "/.strace_proc.so"
 
 # A machine may forbid tracing. This is the one thing whose lack lets tests be left out, and they say so.
@@ -64,14 +66,10 @@ class Call:
         return re.findall(r'"((?:[^"\\]|\\.)*)"', self.args_text)
 
 
-@functools.cache
 def proc_library():
     """What strace needs in a root without /proc, as the bytes of a shared library; see strace_proc.cpp."""
-    with tempfile.TemporaryDirectory() as directory:
-        library = Path(directory, "strace_proc.so")
-        subprocess.run(["g++", "-O1", "-shared", "-fPIC", "-D_GNU_SOURCE", "-static-libstdc++", "-static-libgcc",
-                        Path(__file__).with_name("strace_proc.cpp"), "-o", library], check=True)
-        return library.read_bytes()
+    code = Path(__file__).with_name("strace_proc.cpp").read_text()
+    return compiled(code, "-static-libstdc++", "-static-libgcc")
 
 
 def strace_arguments(log, calls, inject, paths, environment=()):

@@ -1,15 +1,14 @@
 """Every allocation has failed once, alone and with all after it: the status tells the truth, and nobody dies of it."""
 
 import re
-import subprocess
 from pathlib import Path
 
+from harness import preload
 
 from .errors import look
 from .report import Report
 from .scene import Scene
 
-INSIDE = "/.allocation_failures.so"
 REPORT = "/.allocations"
 WAYS = ("once", "from then on")
 COLUMNS = ["allocations", "tried", *(f"{way}: {outcome}" for way in WAYS for outcome in ("0", "1")),
@@ -27,7 +26,6 @@ def torture(sandbox, name, bounded=False):
     """Tries the command; with all its allocations, or with some when `bounded`."""
     report = empty_report()
     scene = Scene(sandbox, name)
-    sandbox.path(INSIDE).write_bytes(built(sandbox.directory.parent).read_bytes())
     total = allocations(scene)
     report.count((name,), *["allocations"] * total)
     numbers = range(1, total + 1)
@@ -41,21 +39,11 @@ def torture(sandbox, name, bounded=False):
     return report
 
 
-def built(directory):
-    """The library that is loaded before all others, compiled when it is not in the directory yet."""
-    library = directory / "allocation_failures.so"
-    if not library.exists():
-        source = Path(__file__).with_name("allocation_failures.cpp")
-        subprocess.run(["g++", "-std=c++20", "-Wall", "-Wextra", "-Werror", "-O1", "-D_GNU_SOURCE", "-shared", "-fPIC",
-                        "-static-libgcc", source, "-o", library], check=True)
-    return library
-
-
 def run(scene, fails=None):
     """A run of the command; answers its Result and what the library has written."""
-    environment = {"PATH": "/usr/sbin:/usr/bin:/sbin:/bin", "LD_PRELOAD": INSIDE, "ALLOCATION_REPORT": REPORT}
-    if fails is not None:
-        environment["ALLOCATION_FAILS"] = fails
+    code = Path(__file__).with_name("allocation_failures.cpp").read_text()
+    failing = {} if fails is None else {"ALLOCATION_FAILS": fails}
+    environment = preload.environment(scene.sandbox, code, ALLOCATION_REPORT=REPORT, **failing)
     result = scene.sandbox.run(*scene.command.args, stdin=scene.command.stdin, env=environment, timeout=LIMIT)
     path = scene.sandbox.path(REPORT)
     text = path.read_text() if path.exists() else ""
@@ -95,7 +83,7 @@ def try_allocation(report, scene, number, way):
 def frames_of_death(text):
     """From inside out, what called abort() or got the deadly signal, and its callers."""
     frames = [line for line in text.splitlines() if line.endswith("]") and "[0x" in line]
-    while frames and INSIDE in frames[0]:
+    while frames and preload.INSIDE in frames[0]:
         del frames[0]
     del frames[:1]  # the return from the signal
     aborts = [place for place, line in enumerate(frames) if "(abort+" in line]
