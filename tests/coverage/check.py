@@ -1,0 +1,44 @@
+"""Line coverage has to be complete but for the lines in exclusions.txt: check.py COUNTS, a report of gcovr in JSON."""
+
+import json
+import sys
+from pathlib import Path
+
+REPOSITORY = Path(__file__).resolve().parents[2]
+
+
+def exclusions():
+    """(file, text of the line, reason) of every line that is left out."""
+    text = Path(__file__).with_name("exclusions.txt").read_text(encoding="utf-8")
+    paragraphs = [paragraph.splitlines() for paragraph in text.strip().split("\n\n")]
+    return [(lines[0], lines[1], " ".join(lines[2:])) for lines in paragraphs if not lines[0].startswith("#")]
+
+
+def places(file, line):
+    """The numbers that the line has in the file."""
+    path = REPOSITORY / file
+    texts = path.read_text(encoding="utf-8").splitlines() if path.exists() else []
+    return [number for number, text in enumerate(texts, 1) if text.strip() == line]
+
+
+def main():
+    with open(sys.argv[1], encoding="utf-8") as report:
+        files = json.load(report)["files"]
+    counts = {(file["file"], line["line_number"]): line["count"] for file in files for line in file["lines"]
+              if not line["gcovr/noncode"]}
+    missed = {place for place, count in counts.items() if count == 0}
+    print(f"Lines: {len(counts) - len(missed)} of {len(counts)} ran, {len(missed)} did not")
+
+    problems = []
+    for file, line, _ in exclusions():
+        left_out = {(file, number) for number in places(file, line)} & missed
+        if len(left_out) != 1:
+            problems.append(f"exclusions.txt names {len(left_out)} lines that did not run, instead of one: {file}: {line}")
+        missed -= left_out
+    problems += [f"{file}:{number} did not run, and is not in exclusions.txt" for file, number in sorted(missed)]
+    print("\n".join(problems) if problems else f"All ran but the {len(exclusions())} that exclusions.txt tells of")
+    sys.exit(1 if problems else 0)
+
+
+if __name__ == "__main__":
+    main()

@@ -1,0 +1,29 @@
+/* Linked into the programs of the preset "coverage": lets them leave their counts at ends that would lose them. */
+
+#include <cstdlib>
+
+#include <sys/syscall.h>
+#include <unistd.h>
+
+extern "C" void __gcov_dump();
+
+namespace {
+
+[[gnu::destructor]] void before_the_counts_are_written()
+{
+    const int spare = dup(STDIN_FILENO);
+    close(spare >= 0 ? spare : STDIN_FILENO);  /* so that there is a descriptor, whatever the limit is */
+    setenv("GCOV_ERROR_FILE", "/dev/null", 1); /* not standard error, which tests look at */
+}
+
+} // namespace
+
+/* The linker takes this for _exit. */
+extern "C" [[noreturn]] void counted_end(int status) __asm__("_exit");
+extern "C" void counted_end(int status)
+{
+    before_the_counts_are_written();
+    __gcov_dump();
+    syscall(SYS_exit_group, status);
+    __builtin_unreachable();
+}
