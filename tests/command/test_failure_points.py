@@ -188,6 +188,22 @@ def test_a_pause_that_fails_ends_the_command_in_silence(mailbox, needs_tracing, 
     assert mailbox.tree(MAIL_TREE) == before
 
 
+# -- directories
+
+
+def test_an_emptied_directory_that_cannot_be_removed_is_told_and_the_rows_go(mailbox, needs_tracing):
+    mailbox.path(DIRECTORY + "/report.pdf").unlink()
+    make_directories(mailbox, DIRECTORY + "/old")
+
+    # the first call finds out that it is a directory
+    result, _ = mailbox.trace(*COMMANDS["del-resp"], calls="unlinkat", inject=["unlinkat:error=EBUSY:when=2"])
+
+    assert (result.status, error_texts(result)) == (0, [
+        f"Unable to remove autoresponder attachments: cannot remove {DIRECTORY}/old: Device or resource busy"])
+    assert sorted(mailbox.tree(DIRECTORY)) == [".", "old"]
+    assert (autoresponder_rows(mailbox), attachment_rows(mailbox)) == ([], [])
+
+
 # -- memory
 
 
