@@ -7,6 +7,7 @@
 #include <cstring>
 #include <optional>
 
+#include <poll.h>
 #include <strings.h>
 #include <unistd.h>
 
@@ -28,6 +29,7 @@ const char *log_target = nullptr; /* null: none; never "" */
 int log_threshold = LOG_INFO;
 int log_facility = LOG_MAIL;
 int log_option_bits = LOG_PID;
+int log_syslog_options = LOG_PID; /* what openlog got last */
 char log_ident[64] = "";
 char log_trace_id[64] = "";
 VMessage *log_backend = console_vmessage;
@@ -61,12 +63,28 @@ void console_vmessage(int priority, const char *format, va_list args)
     va_end(again);
 }
 
+/* Once a record had to be given up because nobody reads standard error, its copies there are left out: the system log
+ * gets all its time. */
+void leave_stuck_copies_out()
+{
+    if (!WriteDeadline::wasMissed() || (log_syslog_options & LOG_PERROR) == 0)
+        return;
+    pollfd copies = {STDERR_FILENO, POLLOUT, 0};
+    if (poll(&copies, 1, 0) != 0)
+        return;
+    log_syslog_options &= ~LOG_PERROR;
+    openlog(log_ident, log_syslog_options, log_facility);
+    WriteDeadline::forget();
+}
+
 void system_vmessage(int priority, const char *format, va_list args)
 {
     const KeepErrno keep;
     std::optional<WriteDeadline> deadline;
-    if (LOG_PRI(priority) <= log_threshold) /* the others syslog drops, without waiting for anybody */
+    if (LOG_PRI(priority) <= log_threshold) { /* the others syslog drops, without waiting for anybody */
+        leave_stuck_copies_out();
         deadline.emplace();
+    }
     errno = keep.saved(); /* for %m */
     if ((log_option_bits & LOG_OPT_TRACE_ID) == 0 || log_trace_id[0] == '\0') {
         vsyslog(priority, format, args);
@@ -104,7 +122,8 @@ void log_init(const char *target, unsigned level, int facility, int options, con
         copy_cut(log_ident, ident != nullptr ? ident : program_invocation_short_name);
         if ((log_option_bits & LOG_OPT_TRACE_ID) != 0)
             find_trace_id();
-        openlog(log_ident, log_option_bits & SYSLOG_OPTIONS, log_facility);
+        log_syslog_options = log_option_bits & SYSLOG_OPTIONS;
+        openlog(log_ident, log_syslog_options, log_facility);
         log_backend = system_vmessage;
     }
     log_set_level(level);

@@ -26,6 +26,16 @@ WriteDeadline::WriteDeadline()
     setitimer(ITIMER_REAL, &timer, &old_timer_);
 }
 
+bool WriteDeadline::wasMissed()
+{
+    return a_write_was_given_up != 0;
+}
+
+void WriteDeadline::forget()
+{
+    a_write_was_given_up = 0;
+}
+
 WriteDeadline::~WriteDeadline()
 {
     setitimer(ITIMER_REAL, &old_timer_, nullptr);

@@ -15,6 +15,10 @@ public:
     WriteDeadline &operator=(const WriteDeadline &) = delete;
     ~WriteDeadline();
 
+    /* Whether a write was given up so far; forget() starts anew, once the stream in question is left alone. */
+    static bool wasMissed();
+    static void forget();
+
 private:
     struct sigaction old_action_ = {};
     sigset_t old_mask_ = {};

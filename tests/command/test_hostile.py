@@ -396,6 +396,16 @@ def test_many_records_go_to_the_log_though_nobody_reads_standard_error(mailbox, 
     assert error_texts(result) == ["Unable to add autoresponder extra headers: refused"] * 200
 
 
+def test_a_standard_error_that_nobody_reads_is_tried_once(mailbox, full_pipe, needs_tracing):
+    run_sql(mailbox, "CREATE TRIGGER refuse BEFORE INSERT ON extra_headers BEGIN SELECT RAISE(ABORT, 'refused'); END")
+
+    result, calls = mailbox.trace("--set-extra-headers", stdin=b'{"X-A": "", "X-B": "", "X-C": ""}', stderr=full_pipe,
+                                  calls="write,writev")
+
+    assert [call.args_text[:3] for call in calls] == ["2, "]
+    assert error_texts(result) == ["Unable to add autoresponder extra headers: refused"] * 3
+
+
 @pytest.mark.parametrize("streams", [("stdout", "stderr"), ("stdout",), ("stderr",)])
 def test_a_fatal_message_that_nobody_reads_does_not_keep_the_run(mailbox, full_pipe, streams):
     put_file(mailbox, "/var/qmail/mailnames/example.org", b"where a directory is wanted", mode=0o644)
