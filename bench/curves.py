@@ -62,12 +62,12 @@ def _by_powers(most):
 
 
 def _closer_together(most):
-    """The powers of ten, and at the end, where the size tells, three more of each decade."""
+    """The powers of ten, and between the last ones, where the size tells, four sizes more."""
     return sorted({*_by_powers(most), *(most * part // 1000 for part in (20, 50, 200, 500))})
 
 
 def curves():
-    """All of them, in the order of the report; each leaves a small database behind."""
+    """All of them, in the order of the report."""
     return [
         Curve("set-resp, mailboxes in the database", "mailboxes", _by_powers(1_000_000),
               lambda arena, size: arena.fixture("database", size, 0),
