@@ -102,8 +102,9 @@ def exponents(lines):
     print("### Exponents\n")
     rows = []
     for measured, points, fitted in lines:
+        times = points[-1].wall[TOOL] / points[0].wall[TOOL]
         row = [measured.title, f"{points[0].size:,} to {points[-1].size:,}",
-               f"{points[-1].wall[TOOL] / points[0].wall[TOOL]:.3g}", "the time" if measured.flat else "what is added"]
+               f"{times:.2f}" if times < 10 else f"{times:,.0f}", "the time" if measured.flat else "what is added"]
         for name in (TOOL, BARE_C):
             exponent, sizes = fitted.get(name, (None, 0))
             row.append("-" if exponent is None else f"{exponent:.3f} ({sizes})")
