@@ -280,3 +280,18 @@ def test_del_resp_removes_the_links_inside_and_leaves_their_targets(mailbox, own
     assert mailbox.tree(DIRECTORY) == {".": ("dir", 0o700, 1110, 31, None)}
     assert mailbox.tree("/srv") == before
     assert mailbox.path(DIRECTORY).exists()
+
+
+def test_del_resp_does_not_enter_a_link_that_was_a_directory_a_moment_ago(mailbox, needs_tracing):
+    make_directories(mailbox, "/srv/target")
+    put_file(mailbox, "/srv/target/report.pdf", b"precious")
+    make_directories(mailbox, DIRECTORY)
+    put_link(mailbox, DIRECTORY + "/papers", "/srv/target", POPUSER)
+    before = everything(mailbox)
+
+    result, _ = mailbox.trace(*DEL_RESP, inject=["unlinkat:error=EISDIR:when=1"])
+
+    assert result.status == 0
+    assert error_texts(result) == ["Unable to remove autoresponder attachments: cannot open directory "
+                                   "/var/qmail/mailnames/example.org/user/@attachments/papers: Not a directory"]
+    assert everything(mailbox) == before
