@@ -281,4 +281,35 @@ TEST_F(AttachmentDirTest, LinksInsideAreRemovedAndTheirTargetsStay)
     EXPECT_TRUE(fs::exists(MAILBOX + "/directory/x"));
 }
 
+// -- descriptors
+
+/* Does the three things that walk down to the directory, in a process whose first free descriptor is 0. */
+ChildResult work_without_standard_input(const AttachmentDir &dir)
+{
+    return run_in_child([&dir] {
+        std::string error;
+        close(STDIN_FILENO);
+        const int checked = dir.checkLinks("x");
+        const int unlinked = dir.unlinkFile("x");
+        _exit(checked == 0 && unlinked == 0 && dir.clear(error) == 0 ? 0 : 1);
+    });
+}
+
+TEST_F(AttachmentDirTest, DescriptorZeroIsAsGoodAsAnyForADirectory)
+{
+    put_file(DIRECTORY + "/x");
+    put_file(DIRECTORY + "/y");
+    EXPECT_EQ(work_without_standard_input(dir_).exit_status, 0);
+    EXPECT_TRUE(fs::is_empty(DIRECTORY));
+}
+
+TEST_F(AttachmentDirTest, DescriptorZeroIsAsGoodAsAnyForADirectoryBehindALink)
+{
+    put_file(DIRECTORY + "/x");
+    put_file(DIRECTORY + "/y");
+    replace_by_link(MAILBOX, ROOT);
+    EXPECT_EQ(work_without_standard_input(dir_).exit_status, 0);
+    EXPECT_TRUE(fs::is_empty(DIRECTORY));
+}
+
 } // namespace
