@@ -416,3 +416,10 @@ def test_a_fatal_message_that_nobody_reads_does_not_keep_the_run(mailbox, full_p
     told = b"Cannot create directory /var/qmail/mailnames/example.org/user: Not a directory\nSystem error 20: Not a directory\n"
     assert (result.status, error_texts(result)) == (1, [])
     assert (result.stdout, result.stderr) == tuple(b"" if name in streams else told for name in ("stdout", "stderr"))
+
+
+def test_a_record_may_wait_for_a_second(sandbox, needs_tracing):
+    _, calls = sandbox.trace("--del-resp", "--mailname", "user@example.org", calls="setitimer")
+
+    begun = next(call.args_text for call in calls if call.name == "setitimer")
+    assert begun.startswith("ITIMER_REAL, {it_interval={tv_sec=1, tv_usec=0}, it_value={tv_sec=1, tv_usec=0}}, ")
