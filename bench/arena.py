@@ -66,8 +66,9 @@ class Arena:
             self._put(shared_build / "cli" / "arspctl", competitors.SHARED_ARSPCTL)
         for program in (competitors.BARE, competitors.FIXTURE, competitors.RUNNER, competitors.FUNCTIONS):
             self._put(build / "bench" / Path(program).name, program)
-        for script in (competitors.SCRIPT, competitors.PYTHON_SCRIPT):
+        for script in (competitors.SCRIPT, competitors.PYTHON_SCRIPT, competitors.PYTHON_TOOL):
             self._put(REPOSITORY / "bench" / Path(script).name, script)
+        self.write(competitors.PYTHON_SCHEMA, competitors.schema(REPOSITORY))
         if not self.in_namespace:
             for program in ("/usr/bin/install", "/usr/bin/rm", "/usr/bin/chown"):
                 self._root.add_program(program)

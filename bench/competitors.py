@@ -9,6 +9,9 @@ is measured. The sqlite3 shell competes twice:
            reading the text; whoever calls it has made correct SQL of the text himself, at his own cost. The files are
            seen to by .shell, in a directory that is known already, and nobody asks whether that went well. No way to use
            the sqlite3 shell is cheaper.
+
+So does Python: as python_tool.py, which has the tool's own command line and checks it and is started as programs are, and
+as python_way.py, which takes the values by their places as they are and is started without the site's modules.
 """
 
 import json
@@ -23,9 +26,11 @@ RUNNER = "/usr/sbin/bench_runner"
 FUNCTIONS = "/usr/sbin/bench_functions"
 SCRIPT = "/usr/sbin/sqlite3_way.sh"
 PYTHON_SCRIPT = "/usr/sbin/python_way.py"
-PYTHON_PROGRAM = ["/usr/bin/python3", "-I", "-S", PYTHON_SCRIPT]  # no site modules: the quickest start that it has
+PYTHON_TOOL = "/usr/sbin/python_tool.py"
+PYTHON_SCHEMA = "/usr/sbin/schema.sql"
 
-TOOL, SHARED, BARE_C, SHELL, DIRECT, PYTHON = "arspctl", "shared", "bare C", "script", "direct", "Python"
+TOOL, SHARED, BARE_C, SHELL, DIRECT = "arspctl", "shared", "bare C", "script", "direct"
+PYTHON, BARE_PYTHON = "Python", "bare Python"
 
 DATABASE = "/var/lib/quarn/mail/autoresponder/responder.db"
 DIRECTORY = "/var/lib/quarn/mail/autoresponder"
@@ -68,7 +73,8 @@ def _programs(command, options, places, direct):
     """`options` are the tool's, `places` the arguments of those who take them by place."""
     programs = {TOOL: [ARSPCTL, "--" + command, *options], SHARED: [SHARED_ARSPCTL, "--" + command, *options],
                 BARE_C: [BARE, command, *places], SHELL: [SCRIPT, command, *places],
-                PYTHON: [*PYTHON_PROGRAM, command, *places]}
+                PYTHON: ["/usr/bin/python3", PYTHON_TOOL, "--" + command, *options],
+                BARE_PYTHON: ["/usr/bin/python3", "-I", "-S", PYTHON_SCRIPT, command, *places]}
     if direct is not None:
         programs[DIRECT] = direct
     return programs

@@ -43,13 +43,15 @@ def init_db(schema):
     os.chmod(DATABASE, 0o600)
 
 
-def set_resp(mailname, real_owner, subject):
+def set_resp(mailname, real_owner, subject, keystr="", key_where="no", reply_to="", forward_to="",
+             content_type="text/html", charset="UTF-8", ans_freq=10, ans_limit=1000):
     body = sys.stdin.buffer.read().decode("utf-8", "surrogateescape")
     db = connect()
     db.execute("BEGIN TRANSACTION")
     db.execute("REPLACE INTO autoresponder (keystr, key_where, subject, reply_to, forward_to, content_type, charset, "
                "body, ans_freq, ans_limit, real_owner, mn) VALUES (?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?)",
-               ("", "no", subject, "", "", "text/html", "UTF-8", body, 10, 1000, real_owner, mailname))
+               (keystr, key_where, subject, reply_to, forward_to, content_type, charset, body, ans_freq, ans_limit,
+                real_owner, mailname))
     db.execute("END TRANSACTION")
     db.close()
 

@@ -3,10 +3,10 @@
 import math
 import statistics
 
-from competitors import BARE_C, DIRECT, PYTHON, SHARED, SHELL, TOOL
+from competitors import BARE_C, BARE_PYTHON, DIRECT, PYTHON, SHARED, SHELL, TOOL
 
 TITLES = {TOOL: "arspctl", SHARED: "arspctl, shared libraries", BARE_C: "bare C", SHELL: "sqlite3 script",
-          DIRECT: "sqlite3 directly", PYTHON: "Python"}
+          DIRECT: "sqlite3 directly", PYTHON: "Python", BARE_PYTHON: "bare Python"}
 
 
 def table(head, rows):
