@@ -6,6 +6,7 @@
 #include <fstream>
 #include <string>
 
+#include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -39,6 +40,14 @@ void put_link(const std::string &path, const std::string &target, uid_t owner)
 void put_file(const std::string &path)
 {
     std::ofstream(path) << "content";
+}
+
+/* What the next file opened gets; it grows when a descriptor stays open. */
+int next_descriptor()
+{
+    const int fd = open("/", O_PATH | O_CLOEXEC);
+    close(fd);
+    return fd;
 }
 
 /* user@unit.test has an attachment directory, and everything of it is removed afterwards. */
@@ -263,6 +272,25 @@ TEST_F(AttachmentDirTest, ADirectoryBehindALinkOfRootsIsCleared)
     EXPECT_EQ(dir_.clear(error_), 0);
     EXPECT_TRUE(fs::is_empty(DIRECTORY + "/."));
     EXPECT_TRUE(fs::is_symlink(DIRECTORY));
+}
+
+TEST_F(AttachmentDirTest, EveryDescriptorIsClosedAgain)
+{
+    fs::create_directories(DIRECTORY + "/sub");
+    put_file(DIRECTORY + "/sub/file");
+    put_file(DIRECTORY + "/other");
+    const AttachmentDir directory("user@unit.test");
+    const int before = next_descriptor();
+    std::string error;
+
+    EXPECT_EQ(directory.checkLinks("other"), 0);
+    EXPECT_EQ(directory.unlinkFile("other"), 0);
+    EXPECT_EQ(directory.clear(error), 0);
+    replace_by_link(DIRECTORY, STRANGER);
+    EXPECT_EQ(directory.checkLinks("other"), -1);
+    EXPECT_EQ(directory.clear(error), -1);
+
+    EXPECT_EQ(next_descriptor(), before);
 }
 
 TEST_F(AttachmentDirTest, LinksInsideAreRemovedAndTheirTargetsStay)
