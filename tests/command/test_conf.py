@@ -1,14 +1,19 @@
 """kel.conf: under which root the attachments are, seen from outside."""
 
+import resource
+
 import pytest
 from harness import Result
 from harness.faults import fault_at, places_on
 from harness.mailboxes import (add_attachment_rows, add_autoresponder, attachment_rows, error_texts, make_directories,
                                put_file)
+from harness.private_root import script
+from harness.sandbox import program_under_test
 
 CONF = "/etc/kel/kel.conf"
 DEFAULT = "/var/qmail/mailnames"
 DONE = Result(0, b"", b"", [])
+SANITIZED = script.is_sanitized(str(program_under_test()))
 
 
 @pytest.fixture
@@ -161,6 +166,20 @@ def test_a_file_that_can_only_be_read_in_part_leaves_the_default_in_silence(mail
     assert result.status == 0
     assert error_texts(result) == ["Unable to remove autoresponder attachments: cannot open directory "
                                    "/var/qmail/mailnames/example.org/user/@attachments: No such file or directory"]
+
+
+if not SANITIZED:  # such a program takes more room for addresses than any limit leaves
+
+    def test_a_file_with_a_line_larger_than_memory_leaves_the_default_in_silence(mailbox):
+        mailbox.conf("QUARN_MAILNAMES_D /srv/mail\n")
+        with open(mailbox.path(CONF), "ab") as conf:
+            conf.truncate(1 << 30)
+
+        result = mailbox.run("--del-resp", "--mailname", "user@example.org", rlimits={resource.RLIMIT_AS: 64 << 20})
+
+        assert result.status == 0
+        assert error_texts(result) == ["Unable to remove autoresponder attachments: cannot open directory "
+                                       "/var/qmail/mailnames/example.org/user/@attachments: No such file or directory"]
 
 
 def test_a_file_that_cannot_be_opened_at_first_is_read_when_the_value_is_needed(mailbox, needs_tracing):
