@@ -400,9 +400,11 @@ def test_a_standard_error_that_nobody_reads_is_tried_once(mailbox, full_pipe, ne
     run_sql(mailbox, "CREATE TRIGGER refuse BEFORE INSERT ON extra_headers BEGIN SELECT RAISE(ABORT, 'refused'); END")
 
     result, calls = mailbox.trace("--set-extra-headers", stdin=b'{"X-A": "", "X-B": "", "X-C": ""}', stderr=full_pipe,
-                                  calls="write,writev")
+                                  calls="write,writev,setitimer")
 
-    assert [call.args_text[:3] for call in calls] == ["2, "]
+    assert [call.args_text[:3] for call in calls if call.name != "setitimer"] == ["2, "]
+    limits = [call.args_text.split("it_value=")[1].split("}")[0] for call in calls if call.name == "setitimer"]
+    assert limits == ["{tv_sec=1, tv_usec=0", "{tv_sec=0, tv_usec=0"] * 3  # the log has its second for each record
     assert error_texts(result) == ["Unable to add autoresponder extra headers: refused"] * 3
 
 
