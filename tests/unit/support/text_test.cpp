@@ -114,6 +114,14 @@ TEST(StrRtrimCharTest, ClearsTrailingBytesOfThatValueOnly)
     EXPECT_EQ(trimmed("a\xff\xff", [](char *s) { return str_rtrim_char(s, '\xff'); }).in_place, "a");
 }
 
+TEST(StrTrimSpaceTest, OfATextOfBlanksWhatStandsBeforeItStays)
+{
+    char text[] = "\t\t \n";
+
+    EXPECT_STREQ(str_trim_space(text + 1), "");
+    EXPECT_EQ(text[0], '\t');
+}
+
 TEST(StrTrimSpaceTest, ClearsTheEndAndSkipsTheBeginning)
 {
     const Trimmed result = trimmed(" \t\n\v\f\ra b\r\n ", str_trim_space);
