@@ -402,7 +402,7 @@ def test_a_standard_error_that_nobody_reads_is_tried_once(mailbox, full_pipe, ne
     result, calls = mailbox.trace("--set-extra-headers", stdin=b'{"X-A": "", "X-B": "", "X-C": ""}', stderr=full_pipe,
                                   calls="write,writev,setitimer")
 
-    assert [call.args_text[:3] for call in calls if call.name != "setitimer"] == ["2, "]
+    assert len([call for call in calls if call.name != "setitimer" and call.args_text.startswith("2, ")]) == 1
     limits = [call.args_text.split("it_value=")[1].split("}")[0] for call in calls if call.name == "setitimer"]
     assert limits == ["{tv_sec=1, tv_usec=0", "{tv_sec=0, tv_usec=0"] * 3  # the log has its second for each record
     assert error_texts(result) == ["Unable to add autoresponder extra headers: refused"] * 3
