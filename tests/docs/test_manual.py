@@ -160,8 +160,8 @@ def provide(sandbox, *programs):
 
 
 def run_example(sandbox, intro, **options):
-    """Runs an example of the page in /root."""
-    return sandbox.execute("/bin/sh", "-euc", manual.examples(manual.ARSPCTL)[intro], cwd="/root", **options)
+    """Runs an example of the page in /tmp."""
+    return sandbox.execute("/bin/sh", "-euc", manual.examples(manual.ARSPCTL)[intro], cwd="/tmp", **options)
 
 
 def succeeded(result):
@@ -190,7 +190,7 @@ def prepare_autoresponder(sandbox):
 @example("An HTML vacation answer")
 def test_example_vacation(sandbox):
     sandbox.init_db()
-    sandbox.path("/root/vacation.html").write_text("<p>Über alle Berge</p>\n")
+    sandbox.path("/tmp/vacation.html").write_text("<p>Über alle Berge</p>\n")
 
     assert succeeded(run_example(sandbox, test_example_vacation.intro))
 
@@ -234,7 +234,7 @@ def test_example_headers(sandbox):
 def test_example_valid_headers_only(sandbox, document, stored):
     sandbox.init_db()
     sandbox.run("--set-extra-headers", stdin=b'{"X-Old": "yes"}')
-    sandbox.path("/root/headers.json").write_text(document)
+    sandbox.path("/tmp/headers.json").write_text(document)
 
     provide(sandbox, "/usr/bin/sqlite3")
     result = run_example(sandbox, test_example_valid_headers_only.intro)
@@ -270,18 +270,18 @@ def test_example_timeout_tells_that_the_time_was_up(sandbox):
 def test_example_migration(sandbox):
     sandbox.init_db()
     names = [f"box{number}@example.org" for number in range(20)]
-    sandbox.path("/root/mailboxes.txt").write_text("".join(f"{name} owner-of-{name}\n" for name in names))
-    sandbox.path("/root/bodies").mkdir()
+    sandbox.path("/tmp/mailboxes.txt").write_text("".join(f"{name} owner-of-{name}\n" for name in names))
+    sandbox.path("/tmp/bodies").mkdir()
     for name in names:
-        sandbox.path(f"/root/bodies/{name}").write_text(f"This is {name}.\n")
-    sandbox.path(f"/root/bodies/{names[7]}").unlink()
+        sandbox.path(f"/tmp/bodies/{name}").write_text(f"This is {name}.\n")
+    sandbox.path(f"/tmp/bodies/{names[7]}").unlink()
 
     result = run_example(sandbox, test_example_migration.intro)
 
     assert result.status == 0
     assert sandbox.rows("SELECT mn, real_owner, body FROM autoresponder ORDER BY rowid") == [
         (name, f"owner-of-{name}", f"This is {name}.\n") for name in names if name != names[7]]
-    assert sandbox.path("/root/failed.txt").read_text() == names[7] + "\n"
+    assert sandbox.path("/tmp/failed.txt").read_text() == names[7] + "\n"
 
 
 @example("A backup while others write")
@@ -291,9 +291,9 @@ def test_example_backup(sandbox):
 
     assert succeeded(run_example(sandbox, test_example_backup.intro))
 
-    copy = sandbox.path("/root/responder-backup.db")
+    copy = sandbox.path("/tmp/responder-backup.db")
     assert copy.stat().st_mode & 0o777 == 0o600
-    dump = sandbox.execute("/usr/bin/sqlite3", "/root/responder-backup.db", "SELECT mn FROM autoresponder")
+    dump = sandbox.execute("/usr/bin/sqlite3", "/tmp/responder-backup.db", "SELECT mn FROM autoresponder")
     assert dump.stdout == b"anna@example.org\n"
 
 

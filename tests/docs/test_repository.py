@@ -37,10 +37,10 @@ MADE_BY = {
 
 
 def test_the_example_of_the_readme_works(sandbox):
-    sandbox.path("/root/reply.html").write_text("<p>I am away.</p>\n")
+    sandbox.path("/tmp/reply.html").write_text("<p>I am away.</p>\n")
     example = re.search(r"```sh\n(.*?)```", README, re.DOTALL)[1]
 
-    result = sandbox.execute("/bin/sh", "-euc", example, cwd="/root")
+    result = sandbox.execute("/bin/sh", "-euc", example, cwd="/tmp")
 
     assert (result.status, result.stdout, result.stderr) == (0, b"", b"")
     assert sandbox.rows("SELECT mn, subject, content_type, body FROM autoresponder") == [
