@@ -402,14 +402,27 @@ def test_a_copy_that_grows_beyond_the_limit_on_files_is_told_and_its_half_stays(
     assert attachment_rows(mailbox) == []
 
 
-def test_the_child_is_judged_though_the_caller_ignores_children(mailbox):
-    result = mailbox.run(*options(source="/tmp/none"), ignore=[signal.SIGCHLD])
+def test_ignored_sigchld_hides_the_end_of_the_copy_and_fails_the_command(mailbox):
+    result = mailbox.run(*options(), ignore=[signal.SIGCHLD])
 
-    assert result.status == 1
+    assert (result.status, result.stdout) == (1, b"")
     assert error_texts(result) == [
+        "Unable to move attachment /tmp/source to "
+        "/var/qmail/mailnames/example.org/user/@attachments/report.pdf: No child processes"]
+    assert mailbox.tree(MAIL_TREE) == copied(owner=(0, 0))
+    assert attachment_rows(mailbox) == []
+
+
+def test_env_gives_sigchld_its_default_action_back(mailbox):
+    command = ["/usr/bin/env", "--default-signal=CHLD", "/usr/sbin/arspctl"]
+
+    failed = mailbox.execute(*command, *options(source="/tmp/none"), ignore=[signal.SIGCHLD])
+    done = mailbox.execute(*command, *options(), ignore=[signal.SIGCHLD])
+
+    assert (failed.status, done) == (1, DONE)
+    assert error_texts(failed) == [
         "Unable to move attachment /tmp/none to "
         "/var/qmail/mailnames/example.org/user/@attachments/report.pdf: Child status 1"]
-    assert mailbox.run(*options(), ignore=[signal.SIGCHLD]) == DONE
     assert mailbox.tree(MAIL_TREE) == copied()
 
 
