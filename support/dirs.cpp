@@ -137,7 +137,6 @@ int rename_dir(const char *from, const char *to)
     if (stat(from, &status) != 0)
         return 0;
     if (stat(to, &status) == 0) {
-        errno = 0; /* no call failed: a number from earlier would be printed as the reason */
         fatal_error(0, 1, "Directory rename error: target directory %s already exists.\n", to);
         return -1;
     }

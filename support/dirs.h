@@ -21,7 +21,8 @@ int mkdir_p(const char *path);
 int mkdir_chown_chmod(const char *path, uid_t uid, gid_t gid, mode_t mode);
 
 /* Renames a directory. Returns 0, also when there is no `from`; or -1 after printing "Directory rename error: ..."
- * (`to` exists: errno is 0 then) or "Remaming ..." (errno is rename's) through fatal_error. */
+ * (`to` exists) or "Remaming ..." (errno is rename's) through fatal_error. errno is not cleared before
+ * the first: a line about an earlier error may follow. */
 int rename_dir(const char *from, const char *to);
 
 /* Looks in directory `dir` for an entry that is called `name`, in whatever case, and overwrites `name` with the

@@ -44,7 +44,6 @@ int chown_chmod_if_exists(const char *path, uid_t uid, gid_t gid, mode_t mode)
 
 int chown_chmod_to_user(const char *path, const char *user, mode_t mode)
 {
-    errno = 0; /* an absent user leaves it alone */
     const passwd *account = getpwnam(user);
     if (account == nullptr) {
         fatal_error(0, 1, "user %s not found", user);
@@ -109,7 +108,6 @@ int read_first_line(char *buffer, size_t size, const char *path)
     const char *text = str_trim_space(line.text);
     const size_t length = std::strlen(text);
     if (length >= size) {
-        errno = 0; /* no call failed: a number from earlier would be printed as the reason */
         fatal_error(0, 1, "The buffer too short\n");
         return -1;
     }

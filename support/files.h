@@ -15,7 +15,8 @@ int chown_chmod(const char *path, uid_t uid, gid_t gid, mode_t mode);
 /* The same; also returns 0, having done nothing, when stat does not find `path`. */
 int chown_chmod_if_exists(const char *path, uid_t uid, gid_t gid, mode_t mode);
 
-/* The same with the ids of a user; prints "user ... not found". */
+/* The same with the ids of a user; prints "user ... not found". errno is not cleared first: a line about an earlier
+ * error may follow. */
 int chown_chmod_to_user(const char *path, const char *user, mode_t mode);
 
 /* Creates `path` with mode 0644 less the umask, or empties it. Logs "Unable to truncate or create file ...". */
@@ -35,8 +36,8 @@ int first_existing_path(const char **out, const char *const *candidates);
 /* Reads the first line of `path` into `buffer`, without the white space at its ends; an empty file fills the buffer
  * with NUL bytes.
  *   size  bytes in `buffer`: the line and its NUL must fit.
- * Prints "Unable to open file ...", "Unable to read line from file: ...", or "The buffer too short" (errno is 0 then).
- */
+ * Prints "Unable to open file ...", "Unable to read line from file: ...", or "The buffer too short". errno is not
+ * cleared before the last: a line about an earlier error may follow. */
 int read_first_line(char *buffer, size_t size, const char *path);
 
 /* Names the file type of a stat mode; "unknown" when it is none. The result is a literal. */

@@ -379,17 +379,22 @@ TEST_F(RenameDirTest, WithoutASourceThereIsNothingToDo)
     EXPECT_EQ(child.err, "");
 }
 
-TEST_F(RenameDirTest, ExistingTargetIsPrintedWithoutAnErrorFromEarlier)
+TEST_F(RenameDirTest, ExistingTargetIsPrintedWithAnEarlierError)
 {
     make_dir("a");
     make_dir("b");
-    const ChildResult child = run_in_child([this] {
-        errno = EIO;
-        _exit(rename_dir((dir_ / "a").c_str(), (dir_ / "b").c_str()) == -1 ? 7 : 8);
-    });
-    EXPECT_EQ(child.exit_status, 7);
-    EXPECT_EQ(child.err, "Directory rename error: target directory " + dir_ / "b" + " already exists.\n");
-    EXPECT_EQ(child.out, child.err);
+    const std::string message = "Directory rename error: target directory " + dir_ / "b" + " already exists.\n";
+    const auto printed = [this](int error) {
+        const ChildResult child = run_in_child([&] {
+            errno = error;
+            _exit(rename_dir((dir_ / "a").c_str(), (dir_ / "b").c_str()) == -1 ? 7 : 8);
+        });
+        EXPECT_EQ(child.exit_status, 7);
+        EXPECT_EQ(child.out, child.err);
+        return child.err;
+    };
+    EXPECT_EQ(printed(0), message);
+    EXPECT_EQ(printed(EIO), message + "\nSystem error 5: Input/output error\n");
     EXPECT_TRUE(is_dir(dir_ / "a"));
 }
 

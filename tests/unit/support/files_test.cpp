@@ -5,6 +5,8 @@
 #include <cstring>
 #include <string>
 
+#include <dlfcn.h>
+#include <pwd.h>
 #include <unistd.h>
 
 #include <gtest/gtest.h>
@@ -12,6 +14,15 @@
 #include "tests/unit/support/child_process.h"
 #include "tests/unit/support/scratch_dir.h"
 #include "tests/unit/support/syslog_capture.h"
+
+/* The linker takes this for getpwnam. Of "absent-user" it leaves errno alone, as a name service may. */
+passwd *getpwnam_of_some_name_service(const char *name) __asm__("getpwnam");
+passwd *getpwnam_of_some_name_service(const char *name)
+{
+    using Look = passwd *(const char *);
+    static const auto real_getpwnam = reinterpret_cast<Look *>(dlsym(RTLD_NEXT, "getpwnam"));
+    return std::strcmp(name, "absent-user") == 0 ? nullptr : real_getpwnam(name);
+}
 
 namespace {
 
@@ -108,15 +119,24 @@ TEST_F(FilesTest, ChownChmodToUserTakesTheIdsOfTheUser)
     EXPECT_EQ(owned(path), "640 65534:65534");
 }
 
-TEST_F(FilesTest, UnknownUserIsPrintedWithoutAnErrorFromEarlier)
+TEST_F(FilesTest, UnknownUserIsPrinted)
 {
     const std::string path = dir_.file("file");
     EXPECT_EQ(failure([&] {
-                  errno = EIO;
+                  errno = 0;
                   return chown_chmod_to_user(path.c_str(), "no-such-user", 0600);
               }),
               "user no-such-user not found\n");
     EXPECT_EQ(owned(path), "644 0:0");
+}
+
+TEST_F(FilesTest, UnknownUserIsPrintedWithAnEarlierError)
+{
+    EXPECT_EQ(failure([] {
+                  errno = EIO;
+                  return chown_chmod_to_user("/", "absent-user", 0600);
+              }),
+              "user absent-user not found\nSystem error 5: Input/output error\n");
 }
 
 TEST_F(FilesTest, FailureToGiveAFileToAUserIsLogged)
@@ -269,10 +289,21 @@ TEST_F(ReadFirstLineTest, LineAndItsNulMustFit)
     const std::string path = dir_.file("file", "four\n");
     EXPECT_EQ(failure([&] {
                   char buffer[4] = "";
-                  errno = EIO;
+                  errno = 0;
                   return read_first_line(buffer, sizeof buffer, path.c_str());
               }),
               "The buffer too short\n");
+}
+
+TEST_F(ReadFirstLineTest, LineThatDoesNotFitIsPrintedWithAnEarlierError)
+{
+    const std::string path = dir_.file("file", "four\n");
+    EXPECT_EQ(failure([&] {
+                  char buffer[4] = "";
+                  errno = EIO;
+                  return read_first_line(buffer, sizeof buffer, path.c_str());
+              }),
+              "The buffer too short\n\nSystem error 5: Input/output error\n");
 }
 
 TEST_F(ReadFirstLineTest, EmptyFileClearsTheWholeBuffer)
