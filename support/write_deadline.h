@@ -4,10 +4,12 @@
 #include <csignal>
 #include <sys/time.h>
 
-/* Bounds, while it lives, the time that each write may wait for a reader: syslog(3) and the standard streams wait for
- * ever when nobody reads the other end, and a run may hold a database lock meanwhile. The waiting call fails with EINTR
- * after a second; once that happened, those after it, in this and all later deadlines, get a millisecond.
- * Uses SIGALRM and the real-time timer of the process, and puts both back. */
+/* Limits, while it lives, how long each write may wait for a reader: syslog(3) and the standard streams wait for ever
+ * for a process that does not read, and a run may hold a database lock meanwhile. After a second an alarm interrupts
+ * the waiting call, which fails with EINTR; after the first alarm, later deadlines allow a millisecond.
+ *
+ * Uses SIGALRM and the real-time timer of the process and restores both. An alarm of the caller's that was blocked and
+ * pending is pending again afterwards. */
 class WriteDeadline {
 public:
     WriteDeadline();
@@ -15,14 +17,22 @@ public:
     WriteDeadline &operator=(const WriteDeadline &) = delete;
     ~WriteDeadline();
 
-    /* Whether a write was given up so far; forget() starts anew, once the stream in question is left alone. */
+    /* Begins the wait anew, and forgets an alarm: the reader is slow, but it reads. */
+    void restart();
+
+    /* Returns whether an alarm has come since this deadline began. */
+    bool passed() const;
+
+    /* Whether any deadline has passed; forget() starts anew, once the stream in question is left alone. */
     static bool wasMissed();
     static void forget();
 
 private:
+    itimerval old_timer_ = {};
     struct sigaction old_action_ = {};
     sigset_t old_mask_ = {};
-    itimerval old_timer_ = {};
+    bool was_pending_ = false;
+    const int alarms_before_;
 };
 
 #endif

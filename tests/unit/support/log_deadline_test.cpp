@@ -7,6 +7,7 @@
 
 #include <gtest/gtest.h>
 
+#include "support/write_deadline.h"
 #include "tests/unit/support/syslog_capture.h"
 
 namespace {
@@ -105,6 +106,21 @@ TEST_F(LogDeadlineTest, WithoutATimerOfTheCallerNoneRunsAfterARecord)
 
     EXPECT_EQ(timer_now().it_value.tv_sec, 0);
     EXPECT_EQ(timer_now().it_value.tv_usec, 0);
+}
+
+TEST_F(LogDeadlineTest, PendingAlarmIsPendingAfterARecord)
+{
+    sigset_t alarm;
+    sigemptyset(&alarm);
+    sigaddset(&alarm, SIGALRM);
+    sigprocmask(SIG_BLOCK, &alarm, nullptr);
+    raise(SIGALRM);
+
+    log_message(LOG_ERR, "text");
+
+    const timespec at_once = {0, 0};
+    EXPECT_EQ(sigtimedwait(&alarm, nullptr, &at_once), SIGALRM);
+    EXPECT_FALSE(WriteDeadline::wasMissed());
 }
 
 TEST_F(LogDeadlineTest, RecordWithTraceIdLeavesNoTimerEither)
