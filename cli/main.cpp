@@ -1,14 +1,10 @@
 #include <algorithm>
-#include <cerrno>
-#include <cstddef>
+#include <cstdio>
 #include <cstring>
 #include <exception>
-#include <iterator>
 #include <sstream>
 #include <string>
 
-#include <poll.h>
-#include <sys/uio.h>
 #include <syslog.h>
 #include <unistd.h>
 
@@ -21,40 +17,11 @@
 #include "cli/startup.h"
 #include "support/conf.h"
 #include "support/log.h"
+#include "support/stream.h"
 
 namespace po = boost::program_options;
 
 namespace {
-
-/* Writes the three texts to standard output as one piece, so that runs that share it do not mix their lines. Allocates
- * nothing: it also reports that memory ran out. What cannot be written is lost; the exit status says the same. */
-void print(const char *prefix, const char *text, const char *suffix)
-{
-    iovec pieces[] = {{const_cast<char *>(prefix), std::strlen(prefix)},
-                      {const_cast<char *>(text), std::strlen(text)},
-                      {const_cast<char *>(suffix), std::strlen(suffix)}};
-    iovec *rest = pieces;
-    iovec *const end = std::end(pieces);
-    while (rest != end) {
-        const ssize_t answer = writev(STDOUT_FILENO, rest, static_cast<int>(end - rest));
-        if (answer < 0 && errno == EINTR)
-            continue;
-        if (answer < 0 && errno == EAGAIN) { /* the caller's pipe does not block, and it is full */
-            pollfd room = {STDOUT_FILENO, POLLOUT, 0};
-            poll(&room, 1, -1);
-            continue;
-        }
-        if (answer <= 0)
-            return;
-        auto written = static_cast<std::size_t>(answer);
-        while (rest != end && written >= rest->iov_len)
-            written -= (rest++)->iov_len;
-        if (rest != end) {
-            rest->iov_base = static_cast<char *>(rest->iov_base) + written;
-            rest->iov_len -= written;
-        }
-    }
-}
 
 int run(int argc, char *argv[])
 {
@@ -66,7 +33,7 @@ int run(int argc, char *argv[])
     if (argc <= 1 || vm.count("help") != 0) {
         std::ostringstream page;
         page << options;
-        print(page.str().c_str(), "\n", "");
+        write_text(stdout, page.str(), "\n");
         return 1; /* nothing was done: showing the page is no success */
     }
     return run_command(vm) == 0 ? 0 : 1;
@@ -103,11 +70,11 @@ int run_guarded(int argc, char *argv[])
     try {
         return run(argc, argv);
     } catch (po::error_with_option_name &error) {
-        print("Error: ", OptionError::message(error).c_str(), "\n");
+        write_text(stdout, "Error: ", OptionError::message(error), "\n");
     } catch (const std::exception &error) {
-        print("Error: ", error.what(), "\n");
+        write_text(stdout, "Error: ", error.what(), "\n");
     } catch (...) {
-        print("Unknown error", "", "\n");
+        write_text(stdout, "Unknown error\n");
     }
     return 1;
 }
@@ -115,7 +82,7 @@ int run_guarded(int argc, char *argv[])
 /* The run-time library aborts when not even an exception finds memory for itself. */
 [[noreturn]] void report_no_memory()
 {
-    print("Error: ", "std::bad_alloc", "\n");
+    write_text(stdout, "Error: std::bad_alloc\n");
     _exit(1);
 }
 

@@ -4,26 +4,16 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <string_view>
 
 #include "support/c_handles.h"
-#include "support/write_deadline.h"
+#include "support/stream.h"
 
 const char *error_program_path = nullptr;
 
 namespace {
 
 constexpr size_t FIRST_BUFFER = 4096; /* bytes */
-
-void print_message(FILE *stream, const char *message)
-{
-    const char *slash = error_program_path == nullptr ? nullptr : std::strrchr(error_program_path, '/');
-    const char *name = slash == nullptr ? error_program_path : slash + 1;
-    const bool prefixed = name != nullptr && *name != '\0';
-    const size_t length = std::strlen(message);
-    const bool ended = length > 0 && message[length - 1] == '\n';
-    std::fprintf(stream, "%s%s%s%s", prefixed ? name : "", prefixed ? ": " : "", message, ended ? "" : "\n");
-    std::fflush(stream);
-}
 
 /* Appends the line about `error` to the text of `length` bytes, all of it or none. */
 void append_system_error(char *text, size_t length, size_t capacity, int error)
@@ -75,12 +65,11 @@ void fatal_verror(int status, int flag, const char *format, va_list args)
 
 int error_emit(const char *message, int status, int /*flag*/)
 {
-    const KeepErrno keep;
-    {
-        const WriteDeadline deadline;
-        print_message(stderr, message);
-        print_message(stdout, message);
-    }
+    const std::string_view path = error_program_path == nullptr ? "" : error_program_path;
+    const std::string_view name = path.substr(path.rfind('/') + 1);
+    const std::string_view text = message;
+    for (FILE *stream : {stderr, stdout})
+        write_text(stream, name, name.empty() ? "" : ": ", text, text.ends_with('\n') ? "" : "\n");
     if (status != 0)
         std::exit(status);
     return 0;

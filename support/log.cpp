@@ -12,6 +12,7 @@
 #include <unistd.h>
 
 #include "support/c_handles.h"
+#include "support/stream.h"
 #include "support/write_deadline.h"
 
 namespace {
@@ -39,14 +40,6 @@ void copy_cut(char (&to)[64], const char *from)
     std::snprintf(to, sizeof to, "%s", from);
 }
 
-void print_line(FILE *stream, const char *format, va_list args) __attribute__((format(printf, 2, 0)));
-void print_line(FILE *stream, const char *format, va_list args)
-{
-    std::vfprintf(stream, format, args);
-    std::fputc('\n', stream);
-    std::fflush(stream);
-}
-
 void console_vmessage(int priority, const char *format, va_list args)
 {
     const KeepErrno keep;
@@ -55,12 +48,13 @@ void console_vmessage(int priority, const char *format, va_list args)
     const bool both = log_target == nullptr || strcasecmp(log_target, "console") == 0;
     if (!both && strcasecmp(log_target, "stderr") != 0)
         return;
-    va_list again;
-    va_copy(again, args);
-    print_line(stderr, format, args);
+    char *made = nullptr;
+    const CString text(vasprintf(&made, format, args) < 0 ? nullptr : made);
+    if (text == nullptr)
+        return;
+    write_text(stderr, text.get(), "\n");
     if (both)
-        print_line(stdout, format, again);
-    va_end(again);
+        write_text(stdout, text.get(), "\n");
 }
 
 /* Once a record had to be given up because nobody reads standard error, its copies there are left out: the system log

@@ -416,6 +416,23 @@ def test_a_standard_error_that_nobody_reads_is_tried_once(mailbox, full_pipe, ne
     assert error_texts(result) == ["Unable to add autoresponder extra headers: refused"] * 3
 
 
+either_pipe = pytest.mark.parametrize("full_pipe", ["blocking", "nonblocking"], indirect=True)
+
+
+@either_pipe
+@pytest.mark.parametrize("arguments", [[], ["--help"], ["--no-such-option"], ["--set-resp"]])
+def test_text_on_standard_output_that_is_not_read_does_not_hold_the_run(sandbox, full_pipe, arguments):
+    assert sandbox.run(*arguments, stdout=full_pipe, timeout=20) == Result(1, b"", b"", [])
+
+
+@pytest.mark.parametrize("arguments", [["--help"], ["--no-such-option"]])
+def test_text_on_standard_output_has_a_second(sandbox, needs_tracing, arguments):
+    _, calls = sandbox.trace(*arguments, calls="setitimer,writev")
+
+    assert started_timers(calls) == [SECOND]
+
+
+@either_pipe
 @pytest.mark.parametrize("streams", [("stdout", "stderr"), ("stdout",), ("stderr",)])
 def test_a_fatal_message_that_nobody_reads_does_not_keep_the_run(mailbox, full_pipe, streams):
     put_file(mailbox, "/var/qmail/mailnames/example.org", b"where a directory is wanted", mode=0o644)

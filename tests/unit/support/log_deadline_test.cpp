@@ -8,6 +8,8 @@
 #include <gtest/gtest.h>
 
 #include "support/write_deadline.h"
+#include "tests/unit/support/child_process.h"
+#include "tests/unit/support/full_pipe.h"
 #include "tests/unit/support/syslog_capture.h"
 
 namespace {
@@ -135,5 +137,38 @@ TEST_F(LogDeadlineTest, RecordWithTraceIdLeavesNoTimerEither)
     EXPECT_EQ(timer_now().it_value.tv_usec, 0);
     capture_syslog();
 }
+
+/* What the console back end writes to standard output of a record, and whether it returns, when standard error, or both
+ * streams, are the pipe. */
+ChildResult logged_to(const FullPipe &pipe, bool standard_output)
+{
+    return run_in_child([&] {
+        kill_after(20);
+        dup2(pipe.writer(), STDERR_FILENO);
+        if (standard_output)
+            dup2(pipe.writer(), STDOUT_FILENO);
+        log_init("console", LOG_ERR, LOG_MAIL, 0, "unit-test");
+        log_message(LOG_ERR, "%s", "text");
+        _exit(7);
+    });
+}
+
+class LogToFullPipeTest : public testing::TestWithParam<int> {};
+
+TEST_P(LogToFullPipeTest, ConsoleWaitsNoLongerThanTheDeadline)
+{
+    const FullPipe pipe(GetParam());
+    EXPECT_EQ(logged_to(pipe, true).exit_status, 7);
+}
+
+TEST_P(LogToFullPipeTest, StandardOutputGetsTheRecordThatStandardErrorDoesNotTake)
+{
+    const FullPipe pipe(GetParam());
+    const ChildResult child = logged_to(pipe, false);
+    EXPECT_EQ(child.exit_status, 7);
+    EXPECT_EQ(child.out, "text\n");
+}
+
+INSTANTIATE_TEST_SUITE_P(BlockingOrNot, LogToFullPipeTest, testing::Values(0, O_NONBLOCK));
 
 } // namespace

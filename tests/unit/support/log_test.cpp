@@ -381,6 +381,20 @@ TEST_F(LogTest, ConsoleAddsALineFeedEvenToAMessageThatHasOne)
     EXPECT_EQ(streams([] { log_message(LOG_ERR, "hello\n"); }), "|hello\n\n");
 }
 
+TEST_F(LogTest, ConsoleRecordHasNoLimit)
+{
+    log_init("stderr", 3, LOG_MAIL, 0, "x");
+    const std::string text(20000, 'm');
+    EXPECT_EQ(streams([&] { log_message(LOG_ERR, "%s", text.c_str()); }), "|" + text + "\n");
+}
+
+TEST_F(LogTest, ConsoleRecordThatCannotBeFormattedIsLost)
+{
+    log_init("console", 3, LOG_MAIL, 0, "x");
+    EXPECT_EQ(streams([] { log_message(LOG_ERR, "%ls", L"\u20ac"); }), "|"); /* the locale "C" has no euro sign */
+    EXPECT_EQ(streams([] { log_message(LOG_ERR, "hello"); }), "hello\n|hello\n");
+}
+
 TEST_F(LogTest, GoingBackToTheSystemLogLeavesTheConsole)
 {
     log_init("console", 3, LOG_MAIL, 0, "x");
