@@ -6,7 +6,8 @@
  * - SIGPIPE is ignored, here and in the programs started later: a reader that went away must not end a run in the
  *   middle of its work.
  * - SIGXFSZ is ignored likewise: a write beyond the caller's limit on file sizes fails, and is reported, instead of
- * killing the run, or a copy, whose death would count as success.
+ *   killing the run. cp fails in the same case with status 1 and a message of its own; if the signal killed it, the
+ *   shell would report 153 (dash, as Debian has it).
  * - A descriptor 0, 1 or 2 that the caller left closed is filled with one that can be neither read nor written (EBADF,
  *   as if it were closed still). Otherwise the next file opened, be it the database, the configuration file or the
  *   connection to the system log, would take its number and receive what is meant for a standard stream.

@@ -389,12 +389,14 @@ def test_a_killed_cp_is_told_by_the_shell_and_its_half_copy_stays(mailbox):
     assert attachment_rows(mailbox) == []
 
 
-def test_a_copy_that_grows_beyond_the_limit_on_files_is_told_and_its_half_stays(mailbox):
+def test_copy_beyond_the_file_size_limit_fails_with_status_1_and_its_beginning_stays(mailbox):
     put_file(mailbox, "/tmp/source", b"x" * 300_000, owner=(0, 0), mode=0o644)
 
     result = mailbox.run(*options(), rlimits={resource.RLIMIT_FSIZE: 200_000})
 
-    assert result.status == 1
+    assert (result.status, result.stdout) == (1, b"")
+    assert result.stderr.startswith(b"/bin/cp: ")
+    assert b": File too large\n" in result.stderr
     assert error_texts(result) == [
         "Unable to move attachment /tmp/source to "
         "/var/qmail/mailnames/example.org/user/@attachments/report.pdf: Child status 1"]
