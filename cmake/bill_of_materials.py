@@ -38,26 +38,39 @@ def output_of(*words):
 
 
 class Package:
-    """An installed Debian package: name, version, architecture, source, source_version, licence."""
+    """An installed Debian package, given as "name" or "name:architecture": name, version, architecture, source,
+    source_version, licence."""
 
     def __init__(self, name):
         answer = output_of("dpkg-query", "-W", "-f", FORMAT, name)
-        self.name, self.version, self.architecture, self.source, self.source_version = answer.splitlines()[0].split("\t")
+        self.name, self.version, self.architecture, self.source, self.source_version = answer.rstrip("\n").split("\t")
         for pattern, self.licence in LICENCES.items():
             if re.fullmatch(pattern, self.source):
                 return
         raise BillError(f"{name} ({self.source}) is linked: its licence has to be looked at and listed in {__file__}")
 
 
-def package_of(path):
-    """The name of the package that the file came with. It may have been installed through /lib or through /usr/lib."""
+def owners_of(path):
+    """The packages that the file came with, several if their architectures share it: ["libsqlite3-dev:amd64"].
+
+    It may have been installed through /lib or through /usr/lib.
+    """
     real = os.path.realpath(path)
     for candidate in (real, real.removeprefix("/usr")):
         result = subprocess.run(["dpkg-query", "-S", candidate], stdin=subprocess.DEVNULL, capture_output=True, text=True,
                                 check=False)
         if result.returncode == 0:
-            return result.stdout.partition(":")[0]
+            return result.stdout.partition(": ")[0].split(", ")
     raise BillError(f"{path} is linked and came with no package")
+
+
+def packages_of(paths):
+    """The package of each file, as a dictionary. Of the owners of a shared file, the one counts that is of the
+    architecture of the other files."""
+    owners = {path: owners_of(path) for path in paths}
+    architectures = {names[0].partition(":")[2] for names in owners.values() if len(names) == 1}
+    return {path: next((name for name in names if name.partition(":")[2] in architectures), names[0])
+            for path, names in owners.items()}
 
 
 def linked_files(link_map, build):
@@ -83,8 +96,8 @@ def bill(arguments):
     files = linked_files(arguments.map, build)
     shared = {path for path in files if os.path.basename(path) in needed(arguments.program)}
     linked = {path for path in files if ".so" not in os.path.basename(path)} | set(arguments.header)
-    relations = {"DYNAMIC_LINK": {package_of(path) for path in shared},
-                 "STATIC_LINK": {package_of(path) for path in linked}}
+    owners = packages_of(sorted(shared | linked))
+    linkage = {"DYNAMIC_LINK": {owners[path] for path in shared}, "STATIC_LINK": {owners[path] for path in linked}}
     missing = needed(arguments.program) - {os.path.basename(path) for path in shared}
     if missing:
         raise BillError(f"the link map does not tell where these are: {' '.join(sorted(missing))}")
@@ -95,7 +108,8 @@ def bill(arguments):
                  "licenseDeclared": "Apache-2.0", "copyrightText": "NOASSERTION"}]
     relationships = [{"spdxElementId": "SPDXRef-DOCUMENT", "relationshipType": "DESCRIBES",
                       "relatedSpdxElement": f"SPDXRef-{name}"}]
-    for package in map(Package, sorted(relations["DYNAMIC_LINK"] | relations["STATIC_LINK"])):
+    for owner in sorted(set(owners.values())):
+        package = Package(owner)
         identifier = "SPDXRef-" + re.sub(r"[^A-Za-z0-9.-]", "-", package.name)
         locator = f"pkg:deb/debian/{package.name}@{package.version}?arch={package.architecture}"
         packages.append({"SPDXID": identifier, "name": package.name, "versionInfo": package.version,
@@ -106,7 +120,7 @@ def bill(arguments):
                                            "referenceLocator": locator.replace("+", "%2B")}]})
         relationships += [{"spdxElementId": f"SPDXRef-{name}", "relationshipType": relation,
                            "relatedSpdxElement": identifier}
-                          for relation, names in relations.items() if package.name in names]
+                          for relation, linked_owners in linkage.items() if owner in linked_owners]
 
     # The same build has the same bill, and every other one another name.
     content = json.dumps([packages, relationships])

@@ -90,10 +90,14 @@ def test_the_version_of_sqlite_is_the_one_inside(packages, program):
     assert b"\0" + version.encode() + b"\0" in program.read_bytes()
 
 
-def test_versions_are_those_of_the_installed_packages(packages):
+def test_versions_are_those_of_the_packages_of_this_architecture(packages):
+    architecture = output_of("dpkg", "--print-architecture").strip()
     for package in packages.values():
         if package["name"] != "arspctl":
-            assert output_of("dpkg-query", "-W", "-f", "${Version}", package["name"]) == package["versionInfo"]
+            (reference,) = package["externalRefs"]
+            assert reference["referenceLocator"].endswith(f"?arch={architecture}")
+            name = f"{package['name']}:{architecture}"
+            assert output_of("dpkg-query", "-W", "-f", "${Version}", name) == package["versionInfo"]
 
 
 def test_every_entry_has_what_the_format_asks_for(bill, packages):
