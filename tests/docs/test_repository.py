@@ -12,26 +12,6 @@ README = (REPOSITORY / "README.md").read_text()
 HACKING = (REPOSITORY / "HACKING.md").read_text()
 DOCUMENTS = [*REPOSITORY.glob("*.md"), *REPOSITORY.glob("docs/*.md")]
 
-# Words of messages that administrators report, as one would give them to grep, and the file that makes each.
-MADE_BY = {
-    "Missing option": "cli/required_option.cpp",
-    "incorrect format of local part": "cli/mail_address_option.cpp",
-    "Unable to open database": "store/responder_db.cpp",
-    "Unable to bind parameter": "store/responder_db.cpp",
-    "Unable to end sqlite transaction": "store/responder_db.cpp",
-    "general DB errror": "store/responder_db.cpp",
-    "Unable to change permissions of": "store/init_db.cpp",
-    "Unable to add/update autoresponder": "store/autoresponder_row.cpp",
-    "Unable to move attachment": "store/attachments.cpp",
-    "Unable to delete autoresponder (": "store/del_resp.cpp",
-    "cannot open directory": "store/attachment_dir.cpp",
-    "Unable to remove autoresponder extra headers": "store/extra_headers.cpp",
-    "Unable to add autoresponder data": "store/records.cpp",
-    "Unable to read standard input": "support/standard_input.cpp",
-    "Cannot create directory": "support/dirs.cpp",
-    "Invalid variable definition": "support/conf_parse.cpp",
-}
-
 
 # -- README.md
 
@@ -100,20 +80,6 @@ def test_every_source_has_a_place_in_the_layout():
     sources_of_product = [path for folder in sources.FOLDERS for path in (REPOSITORY / folder).glob("*.cpp")]
 
     assert [path for path in sources_of_product if path not in known and not str(path).startswith(folders)] == []
-
-
-@pytest.mark.parametrize("words", MADE_BY)
-def test_grep_finds_the_file_of_a_message(words):
-    result = subprocess.run(["grep", "-rlF", "--include=*.cpp", words, *sources.FOLDERS], cwd=REPOSITORY,
-                            capture_output=True, text=True, check=True)
-
-    assert result.stdout.split() == [MADE_BY[words]]
-
-
-def test_every_file_that_makes_messages_stands_in_the_guide():
-    guide = HACKING.split("## Finding the file of a message")[1].split("\n## ")[0]
-
-    assert set(sources.messages().values()) - set(re.findall(r"`(\w+/\w+\.cpp)`", guide)) == set()
 
 
 # -- all documents
