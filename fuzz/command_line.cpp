@@ -30,6 +30,8 @@ int arspctl_main(int argc, char *argv[]);
 #include "store/schema.h"
 #include "tests/unit/support/syslog_capture.h"
 
+using namespace arsp;
+
 namespace {
 
 namespace fs = std::filesystem;

@@ -20,6 +20,8 @@
 #include "store/responder_db.h"
 #include "tests/unit/support/syslog_capture.h"
 
+using namespace arsp;
+
 namespace {
 
 using Rows = std::vector<std::pair<std::string, std::string>>;

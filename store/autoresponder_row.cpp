@@ -4,7 +4,10 @@
 
 #include <sys/syslog.h>
 
+#include "store/run_statement.h"
 #include "support/log.h"
+
+namespace arsp {
 
 namespace {
 
@@ -22,16 +25,17 @@ std::vector<Param> row_params(const AutoresponderRow &row)
 
 Outcome replace_autoresponder_row(ResponderDb &db, const AutoresponderRow &row, Ending when_refused)
 {
-    const int step = run_statement(db,
-                                   "REPLACE INTO autoresponder (keystr, key_where, subject, reply_to, forward_to, "
-                                   "content_type, charset, body, ans_freq, ans_limit, real_owner, mn) "
-                                   "VALUES (?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?  );",
-                                   row_params(row));
-    if (step < 0)
-        return GIVEN_UP;
-    if (step != SQLITE_DONE) {
+    const StepResult result =
+        run_statement(db,
+                      "REPLACE INTO autoresponder (keystr, key_where, subject, reply_to, forward_to, content_type, "
+                      "charset, body, ans_freq, ans_limit, real_owner, mn) "
+                      "VALUES (?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?  );",
+                      row_params(row));
+    if (result == StepResult::refused) {
         log_message(LOG_ERR, "Unable to add/update autoresponder (%s): %s", row.mn.data(), db.errorText());
         return {when_refused, -1};
     }
-    return COMMITTED;
+    return result == StepResult::done ? COMMITTED : GIVEN_UP;
 }
+
+} // namespace arsp

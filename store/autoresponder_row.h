@@ -6,6 +6,8 @@
 #include "store/responder_db.h"
 #include "store/transaction.h"
 
+namespace arsp {
+
 /* One row of the table autoresponder, borrowed: the texts outlive the call that it is given to. */
 struct AutoresponderRow {
     std::string_view keystr;
@@ -26,5 +28,7 @@ struct AutoresponderRow {
  * statement can't be prepared or bound; {`when_refused`, -1} when its step fails. Logs at LOG_ERR what run_statement
  * logs and "Unable to add/update autoresponder (%s): %s". */
 Outcome replace_autoresponder_row(ResponderDb &db, const AutoresponderRow &row, Ending when_refused);
+
+} // namespace arsp
 
 #endif

@@ -1,6 +1,5 @@
 #include "store/extra_headers.h"
 
-#include <algorithm>
 #include <exception>
 #include <sstream>
 #include <stdexcept>
@@ -11,9 +10,12 @@
 #include <boost/property_tree/ptree.hpp>
 #include <sys/syslog.h>
 
+#include "store/run_statement.h"
 #include "store/transaction.h"
 #include "support/log.h"
 #include "support/standard_input.h"
+
+using namespace arsp;
 
 namespace {
 
@@ -47,11 +49,11 @@ void parse_json(const std::string &text, boost::property_tree::ptree &tree)
 Outcome insert_headers(ResponderDb &db, const char *const *names, const char *const *values, int count)
 {
     for (int i = 0; i < count; ++i) {
-        const int step = run_statement(db, "REPLACE INTO extra_headers VALUES (?, ?  );",
-                                       {{"name", names[i]}, {"value", values[i]}});
-        if (step < 0)
+        const StepResult result = run_statement(db, "REPLACE INTO extra_headers VALUES (?, ?  );",
+                                                {{"name", names[i]}, {"value", values[i]}});
+        if (gave_up(result))
             return GIVEN_UP;
-        if (step != SQLITE_DONE)
+        if (result == StepResult::refused)
             log_message(LOG_ERR, "Unable to add autoresponder extra headers: %s", db.errorText());
     }
     return COMMITTED;
@@ -79,7 +81,7 @@ int delete_extra_headers(ResponderDb *db)
         message.reset();
         if (result > 0)
             log_message(LOG_ERR, "Unable to remove autoresponder extra headers: %s", open_db.errorText());
-        return std::max(result, -1); /* an interrupted pause is an ordinary failure to the callers */
+        return result;
     });
 }
 

@@ -2,11 +2,15 @@
 
 #include <sys/syslog.h>
 
+#include "store/attachment_row.h"
 #include "store/autoresponder_row.h"
+#include "store/run_statement.h"
 #include "store/transaction.h"
 #include "support/c_handles.h"
 #include "support/log.h"
 #include "support/text.h"
+
+using namespace arsp;
 
 namespace {
 
@@ -21,23 +25,20 @@ CString mail_name(const char *local_part, const char *domain)
 int delete_rows(ResponderDb &db, const char *sql, const char *mn, const char *refused)
 {
     return in_transaction(db, [&] {
-        const int step = run_statement(db, sql, {{"mailname", mn}});
-        if (step < 0)
-            return GIVEN_UP;
-        if (step != SQLITE_DONE)
+        const StepResult result = run_statement(db, sql, {{"mailname", mn}});
+        if (result == StepResult::refused)
             log_message(LOG_ERR, "%s (%s): %s", refused, mn, db.errorText());
-        return COMMITTED;
+        return gave_up(result) ? GIVEN_UP : COMMITTED;
     });
 }
 
 Outcome insert_attachments(ResponderDb &db, const char *mn, const char *const *file_names, int count)
 {
     for (int i = 0; i < count; ++i) {
-        const int step = run_statement(db, "REPLACE INTO attachments VALUES (?, ?  );",
-                                       {{"mailname", mn}, {"filename", file_names[i]}});
-        if (step < 0)
+        const StepResult result = replace_attachment_row(db, mn, file_names[i]);
+        if (gave_up(result))
             return GIVEN_UP;
-        if (step != SQLITE_DONE)
+        if (result == StepResult::refused)
             log_message(LOG_ERR, "Unable to add autoresponder attachment (%s): %s", mn, db.errorText());
     }
     return COMMITTED;

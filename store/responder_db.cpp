@@ -1,49 +1,69 @@
 #include "store/responder_db.h"
 
-#include <algorithm>
-#include <climits>
+#include <new>
 
+#include <sys/stat.h>
 #include <sys/syslog.h>
 
+#include "store/busy_retry.h"
+#include "store/responder_vfs.h"
+#include "store/run_statement.h"
+#include "support/flush.h"
 #include "support/log.h"
+
+using namespace arsp;
 
 namespace {
 
 constexpr int BUSY_TIMEOUT = 50; /* ms that SQLite itself waits inside each call */
 
+/* Returns 0, or -1 after an interrupted pause. Any result but busy counts as closed. */
 int close_handle(sqlite3 *handle)
 {
-    return retry_while_busy([handle] { return sqlite3_close(handle); });
+    BusyRetry retry;
+    int rc = SQLITE_OK;
+    do
+        rc = sqlite3_close(handle);
+    while (retry.again(rc));
+    return retry.interrupted() ? -1 : 0;
 }
 
 /* Runs a statement that opens or ends a transaction; `refused` words a step that does not get done. */
 int run_transaction_statement(ResponderDb &db, const char *sql, const char *refused)
 {
-    const int result = run_statement(db, sql, {});
-    if (result < 0)
-        return result;
-    if (result != SQLITE_DONE) {
+    const StepResult result = run_statement(db, sql, {});
+    if (result == StepResult::refused)
         log_message(LOG_ERR, "%s: %s", refused, db.errorText());
-        return -1;
-    }
-    return 0;
+    return result == StepResult::done ? 0 : -1;
 }
 
 } // namespace
 
+ResponderDb::ResponderDb() = default;
+ResponderDb::~ResponderDb() = default;
+
 void ResponderDb::Close::operator()(sqlite3 *db) const
 {
-    static_cast<void>(close_handle(db)); /* a destructor has nobody to tell */
+    close_handle(db); /* ignored: a destructor has no result */
 }
 
 int ResponderDb::open(const char *path)
 {
+    interrupted_ = false;
+    handle_.reset();
+    vfs_.reset(new (std::nothrow) ResponderVfs);
+    const char *vfs = vfs_ ? vfs_->name() : nullptr;
     sqlite3 *handle = nullptr;
-    const int result = sqlite3_open(path, &handle);
+    int rc = SQLITE_NOMEM;
+    if (vfs != nullptr) {
+        const mode_t old_umask = umask(077); /* the file is private from its first moment */
+        rc = sqlite3_open_v2(path, &handle, SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE, vfs);
+        umask(old_umask);
+    }
     handle_.reset(handle);
-    if (result != SQLITE_OK) {
+    if (rc != SQLITE_OK) {
         log_message(LOG_ERR, "Unable to open database %s: %s", path, errorText());
-        static_cast<void>(close()); /* opening has failed already */
+        close();
         return -1;
     }
     sqlite3_busy_timeout(handle_.get(), BUSY_TIMEOUT);
@@ -52,8 +72,11 @@ int ResponderDb::open(const char *path)
 
 int ResponderDb::close()
 {
-    const int result = close_handle(handle_.release());
-    return result == RETRY_INTERRUPTED ? RETRY_INTERRUPTED : 0;
+    if (close_handle(handle_.get()) != 0)
+        return abandon();
+    static_cast<void>(handle_.release()); /* closed above */
+    vfs_.reset();
+    return 0;
 }
 
 int ResponderDb::begin()
@@ -66,36 +89,49 @@ int ResponderDb::end()
     return run_transaction_statement(*this, "END TRANSACTION;", "Unable to end sqlite transaction");
 }
 
+int ResponderDb::flushDirectory()
+{
+    return handle_ ? flush_directory(vfs_->directory()) : 0;
+}
+
 int ResponderDb::execOnce(const char *sql, SqliteText &message)
 {
     char *text = nullptr;
-    message.reset(); /* every failed try makes a text of its own */
-    const int answer = sqlite3_exec(handle_.get(), sql, nullptr, nullptr, &text);
+    message.reset(); /* every failed attempt makes a text of its own */
+    const int rc = sqlite3_exec(handle_.get(), sql, nullptr, nullptr, &text);
     message.reset(text);
-    return answer;
+    return rc;
 }
 
-int ResponderDb::letGo(int result)
+int ResponderDb::abandon()
 {
-    if (result == RETRY_INTERRUPTED)
-        static_cast<void>(handle_.release());
-    return result;
+    static_cast<void>(handle_.release());
+    static_cast<void>(vfs_.release());
+    interrupted_ = true;
+    return -1;
 }
 
 int ResponderDb::exec(const char *sql, SqliteText &message)
 {
-    return letGo(retry_while_busy([&] { return execOnce(sql, message); }));
+    BusyRetry retry;
+    int rc = SQLITE_OK;
+    do
+        rc = execOnce(sql, message);
+    while (retry.again(rc));
+    return retry.interrupted() ? abandon() : rc;
 }
 
 int ResponderDb::execScript(const char *path, const char *script, SqliteText &message)
 {
-    return letGo(retry_while_busy([&] { return execOnce(script, message); },
-                                  [&] {
-                                      if (sqlite3_get_autocommit(handle_.get()) != 0)
-                                          return 0; /* busy before its BEGIN was done */
-                                      const int closed = close();
-                                      return closed == 0 ? open(path) : closed;
-                                  }));
+    BusyRetry retry;
+    int rc = execOnce(script, message);
+    while (retry.again(rc)) {
+        const bool begun = sqlite3_get_autocommit(handle_.get()) == 0;
+        if (begun && (close() != 0 || open(path) != 0))
+            return -1;
+        rc = execOnce(script, message);
+    }
+    return retry.interrupted() ? abandon() : rc;
 }
 
 const char *ResponderDb::errorText() const
@@ -106,15 +142,16 @@ const char *ResponderDb::errorText() const
 int ResponderStatement::prepare(ResponderDb &db, const char *sql)
 {
     db_ = &db;
-    const int result = retry_while_busy([&] {
+    BusyRetry retry;
+    int rc = SQLITE_OK;
+    do {
         sqlite3_stmt *stmt = nullptr;
-        const int answer = sqlite3_prepare_v2(db.handle_.get(), sql, -1, &stmt, nullptr);
+        rc = sqlite3_prepare_v2(db.handle_.get(), sql, -1, &stmt, nullptr);
         stmt_.reset(stmt);
-        return answer;
-    });
-    if (result == RETRY_INTERRUPTED)
+    } while (retry.again(rc));
+    if (retry.interrupted())
         return abandon();
-    if (result != SQLITE_OK) {
+    if (rc != SQLITE_OK) {
         log_message(LOG_ERR, "Unable to prepare SQL statement for query '%s': %s", sql, db.errorText());
         finalize();
         return -1;
@@ -122,26 +159,9 @@ int ResponderStatement::prepare(ResponderDb &db, const char *sql)
     return 0;
 }
 
-int ResponderStatement::bind(const std::vector<Param> &params)
+int ResponderStatement::bindText(int index, const char *text, int length)
 {
-    int index = 0;
-    for (const Param &param : params) {
-        ++index;
-        const int result = param.is_text ? bindText(index, param.text) : bindInt(index, param.number);
-        if (result != SQLITE_OK) {
-            log_message(LOG_ERR, "Unable to bind parameter %s: %s", param.name, db_->errorText());
-            return -1;
-        }
-    }
-    return 0;
-}
-
-int ResponderStatement::bindText(int index, std::string_view text)
-{
-    constexpr std::size_t LONGEST = INT_MAX;
-    const char *bytes = text.data() != nullptr ? text.data() : ""; /* SQLite takes a null pointer for NULL */
-    return sqlite3_bind_text(stmt_.get(), index, bytes, static_cast<int>(std::min(text.size(), LONGEST)),
-                             SQLITE_STATIC);
+    return sqlite3_bind_text(stmt_.get(), index, text != nullptr ? text : "", length, SQLITE_STATIC);
 }
 
 int ResponderStatement::bindInt(int index, int value)
@@ -149,48 +169,31 @@ int ResponderStatement::bindInt(int index, int value)
     return sqlite3_bind_int(stmt_.get(), index, value);
 }
 
-int ResponderStatement::step(const BeforeRetry &before_retry)
+int ResponderStatement::stepOnce()
 {
-    const int result = retry_while_busy(
-        [this] {
-            const int answer = sqlite3_step(stmt_.get());
-            if (answer == SQLITE_BUSY)
-                sqlite3_reset(stmt_.get());
-            return answer;
-        },
-        before_retry);
-    return result == RETRY_INTERRUPTED ? abandon() : result;
+    const int rc = sqlite3_step(stmt_.get());
+    if (rc == SQLITE_BUSY)
+        sqlite3_reset(stmt_.get());
+    return rc;
 }
 
-const char *ResponderStatement::columnText(int index) const
+int ResponderStatement::step()
 {
-    return reinterpret_cast<const char *>(sqlite3_column_text(stmt_.get(), index));
+    BusyRetry retry;
+    int rc = SQLITE_OK;
+    do
+        rc = stepOnce();
+    while (retry.again(rc));
+    return retry.interrupted() ? abandon() : rc;
 }
 
 int ResponderStatement::abandon()
 {
     static_cast<void>(stmt_.release());
-    return db_->letGo(RETRY_INTERRUPTED);
+    return db_->abandon();
 }
 
-int run_statement(ResponderDb &db, const char *sql, const std::vector<Param> &params,
-                  const std::function<int()> &restart)
+const char *ResponderStatement::columnText(int index) const
 {
-    ResponderStatement stmt;
-    const auto prepare_and_bind = [&] {
-        const int prepared = stmt.prepare(db, sql);
-        return prepared == 0 ? stmt.bind(params) : prepared;
-    };
-    int result = prepare_and_bind();
-    if (result == 0) {
-        result = stmt.step([&] {
-            if (!restart || !db.hasOnlyRead())
-                return 0;
-            stmt.finalize();
-            const int restarted = restart();
-            return restarted == 0 ? prepare_and_bind() : restarted;
-        });
-    }
-    stmt.finalize(); /* before the caller judges the step: its message shows the error text of this moment */
-    return result;
+    return reinterpret_cast<const char *>(sqlite3_column_text(stmt_.get(), index));
 }

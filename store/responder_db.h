@@ -1,50 +1,67 @@
 #ifndef ARSP_STORE_RESPONDER_DB_H
 #define ARSP_STORE_RESPONDER_DB_H
 
-#include <functional>
 #include <memory>
-#include <string_view>
-#include <vector>
 
 #include <sqlite3.h>
 
-#include "store/busy_retry.h"
 #include "store/schema.h"
+
+namespace arsp {
+
+class ResponderVfs;
 
 struct FreeSqliteText {
     void operator()(char *text) const { sqlite3_free(text); }
 };
 using SqliteText = std::unique_ptr<char, FreeSqliteText>;
 
-/* One connection to the responder database, closed when its owner goes. All failures are logged at LOG_ERR where they
- * happen; the results are 0, -1 (failed, and said so) or RETRY_INTERRUPTED (failed, and everybody keeps silent), unless
- * another meaning is given. Closing discards an open transaction; nothing here rolls back. */
+} // namespace arsp
+
+/* One connection to the responder database; the destructor closes it. Failures are logged at LOG_ERR where they happen;
+ * results are 0 and -1 unless another meaning is given. Closing discards an open transaction; nothing rolls back.
+ *
+ * After the pause between two attempts on a busy database was interrupted, the call returns -1 in silence and the
+ * connection is abandoned: neither finalized nor closed, without a handle from then on. See interrupted(). */
 class ResponderDb {
 public:
-    /* Opens `path`, creating an empty file where there is none, with a busy timeout of 50 ms. Tried once.
-     * Logs "Unable to open database %s: %s", and closes what SQLite returned. `path` is not kept beyond the next
-     * reopen. */
-    int open(const char *path = RESPONDER_DB_PATH);
+    ResponderDb();
+    ResponderDb(const ResponderDb &) = delete;
+    ResponderDb &operator=(const ResponderDb &) = delete;
+    ~ResponderDb();
 
-    /* Harmless when closed already. Any other answer than busy counts as closed: there is nobody to tell. */
+    /* Opens `path` with a busy timeout of 50 ms, creating an empty file of mode 0600 where there is none (the umask of
+     * the process is 077 meanwhile). A symbolic link in the file's place is followed only if root owns it. Tried once.
+     * Logs "Unable to open database %s: %s" and closes what SQLite returned. */
+    [[nodiscard]] int open(const char *path = arsp::RESPONDER_DB_PATH);
+
+    /* Harmless when closed already. A result of SQLite's other than busy counts as closed. */
     int close();
 
     /* Step one statement each. They log "Unable to prepare SQL statement for query '%s': %s" or "Unable to begin sqlite
      * transaction: %s" / "Unable to end sqlite transaction: %s", and leave closing to the caller. */
-    int begin();
-    int end();
+    [[nodiscard]] int begin();
+    [[nodiscard]] int end();
 
-    /* Runs `sql` whole. Returns SQLite's result code, for the caller to word, or RETRY_INTERRUPTED. `message` takes
-     * SQLite's own text of the last failure; it stays empty when SQLite gave none. */
-    int exec(const char *sql, SqliteText &message);
+    /* Flushes the directory of the open database. SQLite commits by deleting the rollback journal and does not flush
+     * that deletion: after a power cut the journal would be there again and undo the commit.
+     * Logs "Unable to flush %s: %s" with the directory. Returns 0 on a closed connection. */
+    [[nodiscard]] int flushDirectory();
 
-    /* Like exec, for a script that brings its own BEGIN and COMMIT: a busy answer leaves its transaction open, in which
-     * BEGIN can't run again, so each retry starts on a fresh connection to `path` (closing has discarded the
-     * transaction). Returns -1, logged, when the fresh connection can't be opened. */
-    int execScript(const char *path, const char *script, SqliteText &message);
+    /* Runs `sql` whole. Returns SQLite's result code, which the caller logs, or -1 after an interrupted pause.
+     * `message` takes SQLite's own text of the last failure; it stays empty when SQLite gave none. */
+    [[nodiscard]] int exec(const char *sql, arsp::SqliteText &message);
+
+    /* Like exec, for a script that brings its own BEGIN and COMMIT: a busy result leaves its transaction open, in which
+     * BEGIN cannot run again, so each retry starts on a fresh connection to `path` (closing has discarded the
+     * transaction). Returns -1 as well, logged, when the fresh connection cannot be opened. */
+    [[nodiscard]] int execScript(const char *path, const char *script, arsp::SqliteText &message);
 
     /* True while the open transaction holds a read lock and has written nothing: ending it then loses nothing. */
     bool hasOnlyRead() const { return sqlite3_txn_state(handle_.get(), "main") == SQLITE_TXN_READ; }
+
+    /* True after an interrupted pause, until the next open(). The caller then logs nothing more. */
+    bool interrupted() const { return interrupted_; }
 
     /* SQLite's text of the last failure; belongs to the connection. "general DB errror" without a handle: log scanners
      * match on that spelling. */
@@ -53,49 +70,39 @@ public:
 
 private:
     friend class ResponderStatement;
-    int execOnce(const char *sql, SqliteText &message);
-    int letGo(int result); /* releases the handle when `result` is RETRY_INTERRUPTED; answers `result` */
+    int execOnce(const char *sql, arsp::SqliteText &message);
+    int abandon(); /* after an interrupted pause; returns -1 */
     struct Close {
         void operator()(sqlite3 *db) const;
     };
 
-    std::unique_ptr<sqlite3, Close> handle_; /* released, not closed, after an interrupted pause */
+    std::unique_ptr<arsp::ResponderVfs> vfs_; /* outlives the handle; released with it after an interrupted pause */
+    std::unique_ptr<sqlite3, Close> handle_;
+    bool interrupted_ = false;
 };
 
-/* One value for a `?`. A text is not copied: it outlives the statement. */
-struct Param {
-    Param(const char *param_name, std::string_view param_text) : name(param_name), text(param_text), is_text(true) {}
-    Param(const char *param_name, int param_number) : name(param_name), number(param_number) {}
-
-    const char *name; /* as the bind message tells it */
-    std::string_view text;
-    int number = 0;
-    bool is_text = false;
-};
-
-/* One prepared statement, finalized when its owner goes. It must go before its connection closes: sqlite3_close answers
- * busy while one lives, and the busy loop has no limit. */
+/* One prepared statement, finalized by the destructor. It must go before its connection closes: sqlite3_close returns
+ * busy while one lives, and is then retried without a limit. */
 class ResponderStatement {
 public:
-    /* Asked before each retry of a busy step; anything but 0 ends the step with that result. */
-    using BeforeRetry = std::function<int()>;
+    /* Returns 0; or -1 after logging "Unable to prepare SQL statement for query '%s': %s" at LOG_ERR and finalizing, or
+     * after an interrupted pause. `db` outlives the statement. */
+    [[nodiscard]] int prepare(ResponderDb &db, const char *sql);
 
-    /* Returns 0; -1 after logging "Unable to prepare SQL statement for query '%s': %s" and finalizing;
-     * RETRY_INTERRUPTED. */
-    int prepare(ResponderDb &db, const char *sql);
+    /* Indexes start at 1; the result is SQLite's code. `text` is not copied: it outlives the statement. `length` is in
+     * bytes. A null `text` is bound as an empty text, never as NULL. */
+    [[nodiscard]] int bindText(int index, const char *text, int length);
+    [[nodiscard]] int bindInt(int index, int value);
 
-    /* Binds `params` to 1, 2, ... and stops at the first that SQLite refuses: -1, and "Unable to bind parameter %s: %s"
-     * is logged. Finalizing is left to the caller. */
-    int bind(const std::vector<Param> &params);
+    /* Steps until the database is no longer busy. Returns SQLITE_ROW, SQLITE_DONE or an error code, which the caller
+     * logs; or -1 after an interrupted pause. */
+    [[nodiscard]] int step();
 
-    /* Indexes start at 1; the result is SQLite's code. An empty text is bound as an empty text, never as NULL. A length
-     * that no int holds is passed on as INT_MAX, which SQLite answers with "string or blob too big". */
-    int bindText(int index, std::string_view text);
-    int bindInt(int index, int value);
+    /* One attempt of step(): resets the statement when the result is SQLITE_BUSY. */
+    [[nodiscard]] int stepOnce();
 
-    /* Resets after every busy answer, before the pause. Returns SQLITE_ROW, SQLITE_DONE or an error code, for the
-     * caller to judge; what `before_retry` said; RETRY_INTERRUPTED. */
-    int step(const BeforeRetry &before_retry = [] { return 0; });
+    /* After an interrupted pause: lets the statement and its connection go as they are. Returns -1. */
+    int abandon();
 
     /* The text of column `index`, from 0; null for NULL. Valid until the statement moves on. */
     const char *columnText(int index) const;
@@ -106,17 +113,9 @@ private:
     struct Finalize {
         void operator()(sqlite3_stmt *stmt) const { sqlite3_finalize(stmt); }
     };
-    int abandon(); /* after an interrupted pause: lets both handles go */
 
     ResponderDb *db_ = nullptr;
     std::unique_ptr<sqlite3_stmt, Finalize> stmt_;
 };
-
-/* Prepares `sql`, binds `params` in order, steps once, finalizes. Returns the step's result code, for the caller to
- * judge and to word; -1 when prepare or bind failed (logged at LOG_ERR); RETRY_INTERRUPTED. With `restart`, a step that
- * finds the database busy while this transaction has only read calls it between two tries, with no statement alive, and
- * then prepares and binds anew; anything but 0 from `restart` is the result. */
-int run_statement(ResponderDb &db, const char *sql, const std::vector<Param> &params,
-                  const std::function<int()> &restart = nullptr);
 
 #endif

@@ -1,6 +1,8 @@
 #ifndef ARSP_STORE_SCHEMA_H
 #define ARSP_STORE_SCHEMA_H
 
+namespace arsp {
+
 /* The one database file; nothing on the command line or in the configuration moves it. */
 constexpr char RESPONDER_DB_PATH[] = "/var/lib/quarn/mail/autoresponder/responder.db";
 
@@ -26,5 +28,7 @@ constexpr char RESPONDER_DB_SCHEMA[] =
 
 static_assert(sizeof RESPONDER_DB_SCHEMA - 1 == 846,
               "SQLite keeps the text of each CREATE: a changed blank would show");
+
+} // namespace arsp
 
 #endif

@@ -3,13 +3,13 @@
 #include "store/transaction.h"
 #include "support/standard_input.h"
 
+using namespace arsp;
+
 int set_resp(AutoresponderRow row)
 {
     InputText body;
     if (read_standard_input(body) != 0) /* before the database is opened: a slow writer must not hold a lock */
         return -1;
     row.body = body.view();
-    return with_connection(nullptr, [&](ResponderDb &db) {
-        return in_transaction(db, [&] { return replace_autoresponder_row(db, row, Ending::give_up); });
-    });
+    return in_own_transaction([&](ResponderDb &db) { return replace_autoresponder_row(db, row, Ending::give_up); });
 }

@@ -7,6 +7,6 @@
  * `row.mn` in a transaction of its own; every other table stays as it is. Returns 0; or -1, logged at LOG_ERR (in
  * silence after an interrupted pause), with the former row intact. Throws std::bad_alloc when the body does not fit
  * into memory. */
-int set_resp(AutoresponderRow row);
+int set_resp(arsp::AutoresponderRow row);
 
 #endif

@@ -3,6 +3,8 @@
 
 #include "store/responder_db.h"
 
+namespace arsp {
+
 /* How the work inside a transaction wants it to end. */
 enum class Ending {
     commit,    /* END, be it with a failure as the result */
@@ -19,8 +21,8 @@ constexpr Outcome COMMITTED = {Ending::commit, 0};
 constexpr Outcome GIVEN_UP = {Ending::give_up, -1};
 
 /* Calls `work` with `borrowed`, which stays open, or, when that is null, with a connection of its own that is opened
- * before and closed after it. Returns the result of `work`, or -1 when opening failed (logged) or a pause in closing
- * did. */
+ * before and closed after it; what such work has committed is flushed. Returns the result of `work`; or -1 when opening
+ * or flushing failed (logged; the rows are written then), or when a pause in closing was interrupted. */
 template <typename Work>
 int with_connection(ResponderDb *borrowed, Work work)
 {
@@ -29,7 +31,9 @@ int with_connection(ResponderDb *borrowed, Work work)
     ResponderDb own;
     if (own.open() != 0)
         return -1;
-    const int result = work(own);
+    int result = work(own);
+    if (result == 0)
+        result = own.flushDirectory();
     return own.close() == 0 ? result : -1;
 }
 
@@ -44,8 +48,18 @@ int in_transaction(ResponderDb &db, Work work)
     if (outcome.ending == Ending::commit && db.end() != 0)
         outcome = GIVEN_UP;
     if (outcome.ending == Ending::give_up)
-        static_cast<void>(db.close()); /* whatever it answers, the frame has failed already */
+        db.close();
     return outcome.result;
 }
+
+/* The frame of a command: `work`, which takes the connection and returns an Outcome, in a transaction on a connection
+ * of its own. Returns what with_connection and in_transaction return. */
+template <typename Work>
+int in_own_transaction(Work work)
+{
+    return with_connection(nullptr, [&](ResponderDb &db) { return in_transaction(db, [&] { return work(db); }); });
+}
+
+} // namespace arsp
 
 #endif

@@ -4,10 +4,13 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
-#include <dirent.h>
 #include <memory>
+#include <utility>
 
-/* Owners of what C hands out. They own inside a function; its signature lends or gives away the plain pointer. */
+#include <dirent.h>
+#include <unistd.h>
+
+/* RAII owners for C resources; signatures pass plain pointers and descriptors. */
 
 /* Puts errno back, when its scope ends, to what it was when its scope began. */
 class KeepErrno {
@@ -22,11 +25,41 @@ private:
     const int saved_ = errno;
 };
 
+/* Owns a descriptor; -1 owns none. Errors of close() are ignored: a writer flushes first. */
+class Descriptor {
+public:
+    Descriptor() = default;
+    explicit Descriptor(int fd) : fd_(fd) {}
+    Descriptor(Descriptor &&other) noexcept : fd_(other.release()) {}
+    Descriptor &operator=(Descriptor &&other) noexcept
+    {
+        reset(other.release());
+        return *this;
+    }
+    Descriptor(const Descriptor &) = delete;
+    Descriptor &operator=(const Descriptor &) = delete;
+    ~Descriptor() { reset(-1); }
+
+    explicit operator bool() const { return fd_ >= 0; }
+    int get() const { return fd_; }
+    int release() { return std::exchange(fd_, -1); }
+    void reset(int fd)
+    {
+        const KeepErrno keep;
+        const int old = std::exchange(fd_, fd);
+        if (old >= 0)
+            close(old);
+    }
+
+private:
+    int fd_ = -1;
+};
+
 struct CloseFile {
     void operator()(FILE *file) const
     {
         const KeepErrno keep;
-        std::fclose(file); /* unexamined: the owner only reads, whoever writes closes by hand */
+        std::fclose(file); /* ignored: the owner only reads; a writer calls fclose itself */
     }
 };
 using FilePtr = std::unique_ptr<FILE, CloseFile>;

@@ -10,21 +10,9 @@
 
 #include "support/c_handles.h"
 #include "support/fatal.h"
-#include "support/text.h"
+#include "support/make_dirs.h"
 
 namespace {
-
-/* Returns only when the directory is there. */
-void make_owned_dir(const char *path, uid_t uid, gid_t gid, mode_t mode)
-{
-    if (mkdir(path, mode) != 0) {
-        if (errno != EEXIST)
-            fatal_error(1, 1, "Cannot create directory %s: %s", path, std::strerror(errno));
-        return;
-    }
-    if (chown(path, uid, gid) != 0)
-        fatal_error(0, 1, "Cannot chown %s: %s", path, std::strerror(errno));
-}
 
 /* Returns whether `path` is a directory, after making it if there was nothing; errno says why not. */
 bool make_plain_dir(const char *path)
@@ -86,16 +74,13 @@ int has_type(const char *dir, const dirent &entry, mode_t type, int check)
 
 int create_dir_tree(const char *path, uid_t uid, gid_t gid, mode_t mode)
 {
-    const CString copy(xasprintf("%s", path));
-    const mode_t old_umask = umask(0);
-    char *slash = *copy == '\0' ? nullptr : std::strchr(copy.get() + 1, '/');
-    for (; slash != nullptr; slash = std::strchr(slash + 1, '/')) {
-        *slash = '\0';
-        make_owned_dir(copy.get(), uid, gid, mode & 0777);
-        *slash = '/';
-    }
-    make_owned_dir(copy.get(), uid, gid, mode);
-    umask(old_umask);
+    make_dirs({.path = path,
+               .trusted_length = std::strlen(path),
+               .uid = uid,
+               .gid = gid,
+               .mode = mode,
+               .open_existing = nullptr,
+               .changed = nullptr});
     return 0;
 }
 
@@ -104,14 +89,7 @@ int mkdir_p(const char *path)
     const CString copy(strdup(path));
     if (copy == nullptr)
         return 0;
-    char *slash = *copy == '\0' ? nullptr : std::strchr(copy.get() + 1, '/');
-    for (; slash != nullptr; slash = std::strchr(slash + 1, '/')) {
-        *slash = '\0';
-        if (!make_plain_dir(copy.get()))
-            return 0;
-        *slash = '/';
-    }
-    return make_plain_dir(copy.get()) ? 1 : 0;
+    return visit_prefixes(copy.get(), [&](const char *, bool) { return make_plain_dir(copy.get()); }) ? 1 : 0;
 }
 
 int mkdir_chown_chmod(const char *path, uid_t uid, gid_t gid, mode_t mode)

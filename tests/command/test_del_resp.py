@@ -159,41 +159,77 @@ def test_thousands_of_entries_go(mailbox):
     assert mailbox.tree(DIRECTORY) == EMPTIED
 
 
-# -- directories nested deeper than a process may have files open
+# -- directories nested deeper than a process may have files open, and deeper than a path can say
 
 
 @pytest.fixture
-def deep_mailbox(mailbox):
-    """1100 directories, each in the one before; their whole path is longer than the system allows in one call."""
-    names = "/".join(["level"] * 1100)
-    subprocess.run(["mkdir", "-p", mailbox.path(DIRECTORY) / names[:3000].rstrip("/")], check=True)
-    place = os.open(mailbox.path(DIRECTORY), os.O_RDONLY)
-    for name in names.split("/"):
-        with contextlib.suppress(FileExistsError):
+def nest(mailbox):
+    """Makes directories in the attachment directory, each in the one before, the last with the file "innermost"."""
+
+    def make(count, name="level"):
+        place = os.open(mailbox.path(DIRECTORY), os.O_RDONLY)
+        for _ in range(count):
             os.mkdir(name, dir_fd=place)
-        below = os.open(name, os.O_RDONLY, dir_fd=place)
+            below = os.open(name, os.O_RDONLY, dir_fd=place)
+            os.close(place)
+            place = below
+        os.close(os.open("innermost", os.O_CREAT | os.O_WRONLY, dir_fd=place))
         os.close(place)
-        place = below
-    os.close(os.open("file", os.O_CREAT | os.O_WRONLY, dir_fd=place))
-    os.close(place)
-    yield mailbox
+
+    yield make
     subprocess.run(["rm", "-rf", mailbox.path(DIRECTORY)], check=True)  # Python's own removal recurses
 
 
-def test_deep_directories_go(deep_mailbox):
-    assert deep_mailbox.run(*options(), rlimits={resource.RLIMIT_NOFILE: 2048}) == DONE
+@pytest.mark.parametrize(("count", "descriptors"), [(1100, 1024), (5000, 1024), (1100, 24)])
+def test_nested_directories_go_however_deep_they_are(mailbox, nest, count, descriptors):
+    nest(count)
 
-    assert os.listdir(deep_mailbox.path(DIRECTORY)) == []
+    limits = {resource.RLIMIT_NOFILE: descriptors, resource.RLIMIT_STACK: 8 << 20}
+    assert mailbox.run(*options(), rlimits=limits) == DONE
+
+    assert os.listdir(mailbox.path(DIRECTORY)) == []
 
 
-def test_too_deep_directories_are_told_and_the_command_goes_on(deep_mailbox):
-    result = deep_mailbox.run(*options(), rlimits={resource.RLIMIT_NOFILE: 1024})
+def test_entries_beside_nested_directories_go(mailbox):
+    for number in range(20):
+        for path in (f"/a{number}/b/c", f"/a{number}/d/e/f/g"):
+            make_directories(mailbox, DIRECTORY + path)
+            for name in ("/x", "/y"):
+                put_file(mailbox, f"{DIRECTORY}{path}/..{name}")
+
+    assert mailbox.run(*options()) == DONE
+
+    assert mailbox.tree(DIRECTORY) == EMPTIED
+
+
+@pytest.mark.parametrize("count", [10, 1100])  # the latter makes a path that the system log takes in no record
+def test_place_that_cannot_be_cleared_is_named_by_its_beginning_and_its_last_name(mailbox, nest, needs_tracing, count):
+    nest(count, "x" * 250)
+
+    result, _ = mailbox.trace(*options(), inject=["unlinkat:error=EPERM"], paths=["innermost"])
 
     assert (result.status, result.stdout) == (0, b"")
     (text,) = error_texts(result)
-    assert text.startswith("Unable to remove autoresponder attachments: cannot open directory "
-                           "/var/qmail/mailnames/example.org/user/@attachments/level/level/level/")
-    assert all_rows(deep_mailbox) == [0, 0, 0]
+    assert text.startswith("Unable to remove autoresponder attachments: cannot remove "
+                           "/var/qmail/mailnames/example.org/user/@attachments/xxxx")
+    assert text.endswith("innermost: Operation not permitted")
+    assert "..." in text
+    assert len(text) <= 2048
+    assert all_rows(mailbox) == [0, 0, 0]
+
+
+def test_directory_that_is_left_nested_is_named_by_its_beginning_and_its_last_name(mailbox, nest, needs_tracing):
+    nest(1100, "x" * 250)
+
+    result, _ = mailbox.trace(*options(), inject=["getdents64:error=EIO:when=1100"])
+
+    assert (result.status, result.stdout) == (0, b"")
+    (text,) = error_texts(result)
+    assert text.startswith("Unable to remove autoresponder attachments: cannot read directory "
+                           "/var/qmail/mailnames/example.org/user/@attachments/xxxx")
+    assert text.endswith("x" * 250 + ": Input/output error")
+    assert "..." in text
+    assert len(text) <= 2048
 
 
 # -- the files cannot be removed: told, and no failure

@@ -283,13 +283,20 @@ extern "C" void *malloc(size_t size)
     def test_without_memory_for_the_message_a_run_that_goes_on_says_so_and_goes_on(mailbox):
         environment = preload.environment(mailbox, NO_MEMORY_FOR_THE_MESSAGE + """
 #include <fcntl.h>
+#include <sys/stat.h>
+#include <sys/syscall.h>
 #include <unistd.h>
-extern "C" int chown(const char *path, uid_t uid, gid_t gid)
+extern "C" int fchownat(int directory, const char *path, uid_t uid, gid_t gid, int flags)
 {
-    if (std::strstr(path, "/new.pdf") != nullptr)
-        return fchownat(AT_FDCWD, path, uid, gid, 0);
+    struct stat status = {};
+    if (fstatat(directory, path, &status, flags) == 0 && !S_ISDIR(status.st_mode))
+        return static_cast<int>(syscall(SYS_fchownat, directory, path, uid, gid, flags));
     errno = EROFS;
     return -1;
+}
+extern "C" int fchown(int fd, uid_t uid, gid_t gid)
+{
+    return fchownat(fd, "", uid, gid, AT_EMPTY_PATH);
 }
 """)
         mailbox.path(MAIL_TREE + "/example.org").rename(mailbox.path("/tmp/moved"))

@@ -6,7 +6,7 @@ import shutil
 
 import pytest
 from harness import sqlite_shim
-from harness.descriptors import number_of_call
+from harness.descriptors import number_of_call, on_files
 from harness.sandbox import DATABASE
 
 DIRECTORY = "/var/lib/quarn/mail/autoresponder"
@@ -205,26 +205,25 @@ def test_a_journal_of_the_old_file_does_not_come_back_into_the_new_one(sandbox):
 
 
 def test_unlinks_first_and_gives_away_last(sandbox, needs_tracing):
-    result, calls = sandbox.trace("--init-db", calls="unlink,mkdir,openat,chown,chmod,lchown,fchmod,fchmodat,fchownat",
-                                  inject=())
+    result, calls = sandbox.trace("--init-db", calls="unlink,mkdir,openat,chown,lchown,fchown,fchownat,chmod,fchmod,"
+                                                     "fchmodat")
 
     assert_made(result)
-    seen = [(call.name, call.strings[0].removeprefix("/var/lib/quarn/mail"), call.args_text.partition(", ")[2])
-            for call in calls if call.strings[0].startswith("/var/lib/quarn")]
-    changes = [call for call in seen if call[0] != "openat"]
-    names = [call[:2] for call in seen]
-    assert changes == [
+    seen = [(call.name, path.removeprefix("/var/lib/quarn/mail"), call.args_text.partition(", ")[2])
+            for call, path in on_files(calls)
+            if path.startswith("/var/lib/quarn") and (call.name != "openat" or "O_EXCL" in call.args_text)]
+    assert [(name, path) if name == "openat" else (name, path, words) for name, path, words in seen] == [
         ("unlink", "/autoresponder/responder.db", ""),
-        *[call for call in changes if call[0] == "mkdir"],
+        ("mkdir", "", "0755"),
+        ("mkdir", "/autoresponder", "0755"),
+        ("openat", "/autoresponder/responder.db"),
+        ("fchown", "/autoresponder/responder.db-journal", "0, 0"),  # by SQLite
         ("unlink", "/autoresponder/responder.db-journal", ""),
-        ("chown", "/autoresponder", "1110, 0"),
-        ("chmod", "/autoresponder", "0755"),
-        ("chown", "/autoresponder/responder.db", "1110, 31"),
-        ("chmod", "/autoresponder/responder.db", "0600"),
+        ("fchown", "/autoresponder", "1110, 0"),
+        ("fchmod", "/autoresponder", "0755"),
+        ("fchown", "/autoresponder/responder.db", "1110, 31"),
+        ("fchmod", "/autoresponder/responder.db", "0600"),
     ]
-    assert [call[1:] for call in changes if call[0] == "mkdir"][-2:] == [("", "0755"), ("/autoresponder", "0755")]
-    assert (names.index(("mkdir", "/autoresponder")) < names.index(("openat", "/autoresponder/responder.db"))
-            < names.index(("chown", "/autoresponder")))
 
 
 def test_works_on_one_connection_with_a_timeout_and_closes_it(sandbox):
@@ -299,7 +298,7 @@ def test_no_handle_has_a_text_of_its_own(sandbox):
     assert_failed(result, (19, "Unable to open database /var/lib/quarn/mail/autoresponder/responder.db: "
                                "general DB errror"))
     assert sqlite_shim.calls(sandbox) == [f"open {DATABASE}"]
-    assert set(sandbox.tree(DIRECTORY)) == {"."}
+    assert sandbox.tree(DIRECTORY)["responder.db"] == ("file", 0o600, 0, 0, b"")
 
 
 def test_failed_unlink_is_ignored(sandbox, needs_tracing):
@@ -331,10 +330,11 @@ def test_disk_that_takes_no_more_fails_the_script(sandbox, needs_tracing, name, 
     number = number_of_call(calls, call, DATABASE)
     shutil.rmtree(sandbox.path("/var/lib/quarn/mail"))
 
-    result, calls = sandbox.trace("--init-db", calls=f"{call},chown", inject=[f"{call}:error={error}:when={number}+"])
+    result, _ = sandbox.trace("--init-db", calls=call, inject=[f"{call}:error={error}:when={number}+"])
 
     assert_failed(result, (19, "Unable to re-create autoresponders database: " + text))
-    assert "chown" not in [call.name for call in calls]
+    assert owner_and_mode(sandbox, DIRECTORY) == ("dir", 0o755, 0, 0)
+    assert owner_and_mode(sandbox, DATABASE) == ("file", 0o600, 0, 0)
     assert schema(sandbox) == []
 
 
@@ -356,7 +356,7 @@ def test_without_popuser_the_database_is_made_all_the_same(sandbox):
     assert_failed(result, (19, "Unable to get uid/gid for popuser: Success (0)"))
     assert schema(sandbox) == SCHEMA
     assert owner_and_mode(sandbox, DIRECTORY) == ("dir", 0o755, 0, 0)
-    assert owner_and_mode(sandbox, DATABASE) == ("file", 0o644, 0, 0)
+    assert owner_and_mode(sandbox, DATABASE) == ("file", 0o600, 0, 0)
 
 
 OF_DIRECTORY = "Unable to change owner/group of '/var/lib/quarn/mail/autoresponder' to 1110/0: "
@@ -366,18 +366,30 @@ MODE_OF_FILE = "Unable to change permissions of '/var/lib/quarn/mail/autorespond
 
 
 @pytest.mark.parametrize("inject, expected", [
-    (["chown:error=EPERM:when=1"], [OF_DIRECTORY + "Operation not permitted (1)"]),
-    (["chown:error=EPERM:when=2"], [OF_FILE + "Operation not permitted (1)"]),
-    (["chmod:error=EROFS:when=1"], [MODE_OF_DIRECTORY + "Read-only file system (30)"]),
-    (["chmod:error=EROFS:when=2"], [MODE_OF_FILE + "Read-only file system (30)"]),
-    (["chown:error=EIO", "chmod:error=EPERM"],
+    (["fchown:error=EPERM:when={directory}"], [OF_DIRECTORY + "Operation not permitted (1)"]),
+    (["fchown:error=EPERM:when={file}"], [OF_FILE + "Operation not permitted (1)"]),
+    (["fchmod:error=EROFS:when={directory}"], [MODE_OF_DIRECTORY + "Read-only file system (30)"]),
+    (["fchmod:error=EROFS:when={file}"], [MODE_OF_FILE + "Read-only file system (30)"]),
+    (["fchown:error=EIO:when={directory}+", "fchmod:error=EPERM:when={directory}+"],
      [OF_DIRECTORY + "Input/output error (5)", MODE_OF_DIRECTORY + "Operation not permitted (1)",
       OF_FILE + "Input/output error (5)", MODE_OF_FILE + "Operation not permitted (1)"]),
 ])
 def test_each_failed_chown_or_chmod_is_logged_and_the_others_still_made(sandbox, needs_tracing, inject, expected):
-    result, calls = sandbox.trace("--init-db", calls="chown,chmod", inject=inject)
+    _, calls = sandbox.trace("--init-db", calls="openat,fchown,fchmod")
+    shutil.rmtree(sandbox.path("/var/lib/quarn/mail"))
+
+    def numbered(fault):
+        name = fault.partition(":")[0]
+        return fault.format(directory=number_of_call(calls, name, DIRECTORY),
+                            file=number_of_call(calls, name, DATABASE))
+
+    result, calls = sandbox.trace("--init-db", calls="openat,fchown,fchmod",
+                                  inject=[numbered(fault) for fault in inject])
 
     assert_failed(result, *[(19, text) for text in expected])
-    assert [call.name for call in calls] == ["chown", "chmod", "chown", "chmod"]
-    assert [call.error is not None for call in calls].count(True) == len(expected)
+    changes = [(call, path) for call, path in on_files(calls)
+               if call.name != "openat" and path in (DIRECTORY, DATABASE)]
+    assert [(call.name, path) for call, path in changes] == [
+        ("fchown", DIRECTORY), ("fchmod", DIRECTORY), ("fchown", DATABASE), ("fchmod", DATABASE)]
+    assert [call.error is not None for call, _ in changes].count(True) == len(expected)
     assert schema(sandbox) == SCHEMA

@@ -191,18 +191,18 @@ def test_traced_calls_are_those_of_the_tool(either_sandbox, needs_tracing):
 
 
 def test_the_call_that_was_asked_for_is_made_to_fail(either_sandbox, needs_tracing):
-    result, calls = either_sandbox.trace("--init-db", calls="chmod", inject=["chmod:error=EROFS:when=2"])
+    result, calls = either_sandbox.trace("--init-db", calls="fchmod", inject=["fchmod:error=EROFS:when=2"])
 
     assert result.status == 1
     assert [(call.error, call.injected) for call in calls] == [(None, False), ("EROFS", True)]
 
 
 def test_calls_on_a_descriptor_are_found_by_its_path(either_sandbox, needs_tracing):
-    result, calls = either_sandbox.trace("--init-db", calls="fsync,fdatasync,close", paths=[DATABASE],
+    result, calls = either_sandbox.trace("--init-db", calls="fsync,fdatasync,close", paths=[DATABASE + "-journal"],
                                          inject=["close:error=EIO"])
 
     assert result.status == 0
-    assert [(call.name, call.error) for call in calls] == [("fdatasync", None), ("close", "EIO")]
+    assert [(call.name, call.error) for call in calls] == [("fdatasync", None), ("fdatasync", None), ("close", "EIO")]
 
 
 def test_a_traced_run_has_the_environment_it_was_given(either_sandbox, needs_tracing):

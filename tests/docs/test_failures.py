@@ -13,7 +13,7 @@ COMMANDS = ["any", "--init-db", "--set-resp", "--del-resp", "--add-attach", "--d
 # Put together from pieces, or parts of other messages.
 COMPOSED = {"Unable to begin sqlite transaction": "Unable to begin sqlite transaction: TEXT",
             "Unable to end sqlite transaction": "Unable to end sqlite transaction: TEXT"}
-PARTS = {"\nSystem error %d: %s", "cannot open directory", "cannot read directory", "cannot remove", "nested too deeply"}
+PARTS = {"\nSystem error %d: %s", "cannot open directory", "cannot read directory", "cannot leave directory", "cannot remove", "nested too deeply"}
 
 
 def table():

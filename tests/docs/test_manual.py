@@ -26,7 +26,7 @@ COMPOSED = {
     "Unable to add autoresponder attachment": "Unable to add autoresponder attachment (%s): %s",
 }
 # Texts that stand inside a message; the page quotes them in an explanation.
-PARTS = {"cannot open directory", "cannot read directory", "cannot remove", "nested too deeply", "general DB errror",
+PARTS = {"cannot open directory", "cannot read directory", "cannot leave directory", "cannot remove", "nested too deeply", "general DB errror",
          "\nSystem error %d: %s"}
 
 # What the option library says: the head in the page, a command line, and what it prints.

@@ -102,15 +102,15 @@ int nanosleep(const timespec *length, timespec *rest) /* SQLite itself sleeps by
     return -1;
 }
 
-int sqlite3_open(const char *path, sqlite3 **db)
+int sqlite3_open_v2(const char *path, sqlite3 **db, int flags, const char *vfs)
 {
     const Nested nested;
     note("open %s\n", path);
     if (fault("open") == nullptr)
-        return REAL(sqlite3_open)(path, db);
+        return REAL(sqlite3_open_v2)(path, db, flags, vfs);
     sqlite3_initialize();
     const NoMemory no_memory;
-    return REAL(sqlite3_open)(path, db);
+    return REAL(sqlite3_open_v2)(path, db, flags, vfs);
 }
 
 int sqlite3_busy_timeout(sqlite3 *db, int ms)

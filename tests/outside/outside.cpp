@@ -32,6 +32,8 @@
 #include "store/records.h"
 #include "support/log.h"
 
+using namespace arsp;
+
 namespace {
 
 using Words = std::deque<std::string>;

@@ -11,7 +11,7 @@ LOG = "/.torture-trace"
 FIRST_OWN_CALL = "poll"  # of the tool; what comes before is the dynamic loader
 
 # Calls that change files, lock them, make processes or wait for them; and those that only read.
-CHANGING = {"pwrite64", "fsync", "fdatasync", "unlink", "unlinkat", "ftruncate", "mkdir", "chown",
+CHANGING = {"pwrite64", "fsync", "fdatasync", "unlink", "unlinkat", "ftruncate", "mkdir", "mkdirat", "chown",
             "fchown", "fchownat", "chmod", "fchmod", "fchmodat", "rename", "copy_file_range", "clone", "clone3", "vfork",
             "wait4", "exit_group"}
 READING = {"openat", "pread64", "getdents64", "fcntl"}

@@ -9,6 +9,8 @@
 #include "tests/unit/store/responder_fixture.h"
 #include "tests/unit/support/child_process.h"
 
+using namespace arsp;
+
 namespace {
 
 bool users_answer_is_silence = false; /* getpwnam finds nobody and leaves errno alone, as it may */
@@ -119,7 +121,7 @@ TEST_F(SelectRealOwnerTest, AnOwnerForWhichThereIsNoMemoryIsAFailure)
     EXPECT_STREQ(db_.errorText(), "out of memory");
 }
 
-TEST_F(SelectRealOwnerTest, AnInterruptedPauseIsTheResultAndLeavesEverythingToTheExit)
+TEST_F(SelectRealOwnerTest, AnInterruptedPauseIsSilentAndAbandonsTheConnection)
 {
     run("SELECT * FROM autoresponder"); /* what the tables are is known then: only the step reads */
     const ChildResult child = run_in_child([this] {
@@ -133,7 +135,7 @@ TEST_F(SelectRealOwnerTest, AnInterruptedPauseIsTheResultAndLeavesEverythingToTh
         std::fflush(nullptr);
         _exit(0);
     });
-    EXPECT_EQ(child.out, "-2, general DB errror, 0 errors");
+    EXPECT_EQ(child.out, "-1, general DB errror, 0 errors");
 }
 
 class AddAttachTest : public ResponderTest {

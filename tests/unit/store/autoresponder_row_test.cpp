@@ -8,6 +8,8 @@
 #include "store/schema.h"
 #include "tests/unit/store/database_fixture.h"
 
+using namespace arsp;
+
 namespace {
 
 class AutoresponderRowTest : public DatabaseTest {

@@ -4,8 +4,11 @@
 #include <vector>
 
 #include <gtest/gtest.h>
+#include <sqlite3.h>
 
 #include "tests/unit/store/pause_capture.h"
+
+using namespace arsp;
 
 namespace {
 
@@ -16,23 +19,31 @@ protected:
     void SetUp() override { pause_capture = {}; }
     void TearDown() override { pause_capture = {}; }
 
-    /* Retries a call that is busy `times` times and then answers `last`. */
+    /* Retries a call that is busy `times` times and then returns `last`. Returns the last result, or -2 after an
+     * interrupted pause. */
     int busy(int times, int last = SQLITE_OK)
     {
-        return retry_while_busy([this, times, last] { return calls_++ < times ? SQLITE_BUSY : last; });
+        BusyRetry retry;
+        int rc = SQLITE_OK;
+        do {
+            order_ += 'c';
+            rc = calls_++ < times ? SQLITE_BUSY : last;
+        } while (retry.again(rc));
+        return retry.interrupted() ? -2 : rc;
     }
 
+    std::string order_; /* of calls ("c") and, where a test notes them, pauses ("p") */
     int calls_ = 0;
 };
 
-TEST_F(BusyRetryTest, AnswerThatIsNotBusyIsReturnedAtOnce)
+TEST_F(BusyRetryTest, ResultOtherThanBusyEndsTheLoopWithoutAPause)
 {
     EXPECT_EQ(busy(0), SQLITE_OK);
     EXPECT_EQ(calls_, 1);
     EXPECT_EQ(pause_capture.pauses, Pauses{});
 }
 
-TEST_F(BusyRetryTest, PausesGrowByTenMicrosecondsAndOneFollowsTheLastTry)
+TEST_F(BusyRetryTest, PausesGrowByTenMicrosecondsAndOneFollowsTheLastAttempt)
 {
     EXPECT_EQ(busy(4, SQLITE_DONE), SQLITE_DONE);
     EXPECT_EQ(calls_, 5);
@@ -41,16 +52,12 @@ TEST_F(BusyRetryTest, PausesGrowByTenMicrosecondsAndOneFollowsTheLastTry)
 
 TEST_F(BusyRetryTest, FirstRetryFollowsAtOnceAndEachPauseComesAfterItsTry)
 {
-    std::string order;
-    pause_capture.on_pause = [&order] {
-        order += 'p';
+    pause_capture.on_pause = [this] {
+        order_ += 'p';
         return 0;
     };
-    retry_while_busy([&order] {
-        order += 'c';
-        return order.size() < 6 ? SQLITE_BUSY : SQLITE_OK;
-    });
-    EXPECT_EQ(order, "ccpcpcp");
+    busy(3);
+    EXPECT_EQ(order_, "ccpcpcp");
 }
 
 TEST_F(BusyRetryTest, EveryLoopStartsAtZero)
@@ -63,15 +70,15 @@ TEST_F(BusyRetryTest, EveryLoopStartsAtZero)
 
 TEST_F(BusyRetryTest, OnlyBusyIsRetried)
 {
-    for (const int answer : {SQLITE_LOCKED, SQLITE_ERROR, SQLITE_ROW, SQLITE_DONE, SQLITE_IOERR, SQLITE_FULL, -1}) {
+    for (const int rc : {SQLITE_LOCKED, SQLITE_ERROR, SQLITE_ROW, SQLITE_DONE, SQLITE_IOERR, SQLITE_FULL, -1}) {
         calls_ = 0;
-        EXPECT_EQ(busy(0, answer), answer);
-        EXPECT_EQ(calls_, 1) << answer;
+        EXPECT_EQ(busy(0, rc), rc);
+        EXPECT_EQ(calls_, 1) << rc;
     }
     EXPECT_EQ(pause_capture.pauses, Pauses{});
 }
 
-TEST_F(BusyRetryTest, TriesHaveNoLimitAndPausesNoCap)
+TEST_F(BusyRetryTest, AttemptsHaveNoLimitAndPausesNoCap)
 {
     EXPECT_EQ(busy(250'000), SQLITE_OK);
     EXPECT_EQ(calls_, 250'001);
@@ -87,55 +94,10 @@ TEST_F(BusyRetryTest, FailedPauseEndsTheLoop)
     EXPECT_EQ(calls_, 2);
 }
 
-TEST_F(BusyRetryTest, FailedPauseAfterTheLastTryWinsOverItsAnswer)
+TEST_F(BusyRetryTest, FailedPauseAfterTheLastAttemptReplacesItsResult)
 {
     pause_capture.on_pause = interrupted;
     EXPECT_EQ(busy(1, SQLITE_DONE), -2);
-}
-
-TEST_F(BusyRetryTest, BeforeRetryIsAskedOnceBetweenTwoTriesAfterThePause)
-{
-    std::string order;
-    pause_capture.on_pause = [&order] {
-        order += 'p';
-        return 0;
-    };
-    const int result = retry_while_busy(
-        [&order] {
-            order += 'c';
-            return order.size() < 6 ? SQLITE_BUSY : SQLITE_OK;
-        },
-        [&order] {
-            order += '?';
-            return 0;
-        });
-    EXPECT_EQ(result, SQLITE_OK);
-    EXPECT_EQ(order, "c?cp?cp");
-}
-
-TEST_F(BusyRetryTest, RefusalBeforeARetryIsTheResult)
-{
-    for (const int refusal : {-1, -2, 7}) {
-        calls_ = 0;
-        EXPECT_EQ(retry_while_busy([this] { return calls_++, SQLITE_BUSY; }, [refusal] { return refusal; }), refusal);
-        EXPECT_EQ(calls_, 1);
-    }
-}
-
-TEST(LengthenTest, AddsTenMicroseconds)
-{
-    timespec pause = {3, 980'000};
-    lengthen(pause);
-    EXPECT_EQ(pause.tv_sec, 3);
-    EXPECT_EQ(pause.tv_nsec, 990'000);
-}
-
-TEST(LengthenTest, FullSecondIsCarried)
-{
-    timespec pause = {1, 999'990'000};
-    lengthen(pause);
-    EXPECT_EQ(pause.tv_sec, 2);
-    EXPECT_EQ(pause.tv_nsec, 0);
 }
 
 } // namespace

@@ -8,8 +8,11 @@
 
 #include <gtest/gtest.h>
 
+#include "store/run_statement.h"
+#include "tests/unit/store/child_without_pauses.h"
 #include "tests/unit/store/database_fixture.h"
-#include "tests/unit/support/child_process.h"
+
+using namespace arsp;
 
 namespace {
 
@@ -26,21 +29,6 @@ class ResponderDbTest : public DatabaseTest {
 protected:
     SqliteText message_;
 };
-
-/* What is let go is lost: such a test needs a process of its own, whose end no search for leaks looks at. Answers the
- * result of `call` in it and what the connection `db` says afterwards. */
-template <typename Call>
-std::string in_child_with_failing_pauses(const ResponderDb &db, Call call)
-{
-    return run_in_child([&] {
-               pause_capture.on_pause = interrupted;
-               const int result = call();
-               std::printf("%d, %s, %zu records", result, db.errorText(), syslog_capture.records.size());
-               std::fflush(nullptr);
-               _exit(0);
-           })
-        .out;
-}
 
 /* Waits of SQLite itself within one call, in us: 50 ms in all. */
 const std::vector<long> ONE_TIMEOUT = {1000, 2000, 5000, 10000, 15000, 17000};
@@ -165,7 +153,7 @@ TEST_F(ResponderDbTest, FailedPauseInClosingLetsTheConnectionGoAsItIs)
         std::printf("%d, ", other_.exec("BEGIN IMMEDIATE"));
         return result;
     });
-    EXPECT_EQ(seen, "5, -2, general DB errror, 0 records");
+    EXPECT_EQ(seen, "5, -1, general DB errror, 0 records");
 }
 
 TEST_F(ResponderDbTest, EndKeepsWhatWasDoneSinceBegin)
@@ -269,7 +257,7 @@ TEST_F(ResponderDbTest, FailedPauseInExecLetsTheConnectionGo)
     other_.exec("BEGIN EXCLUSIVE");
     const std::string seen =
         in_child_with_failing_pauses(db_, [this] { return db_.exec("INSERT INTO t VALUES (1)", message_); });
-    EXPECT_EQ(seen, "-2, general DB errror, 0 records");
+    EXPECT_EQ(seen, "-1, general DB errror, 0 records");
 }
 
 constexpr char SCRIPT[] = "BEGIN;CREATE TABLE u (y);INSERT INTO u VALUES (1);COMMIT;";
@@ -330,7 +318,7 @@ TEST_F(ResponderDbTest, FailedPauseInAScriptLetsTheConnectionGo)
     other_.exec("BEGIN EXCLUSIVE");
     const std::string seen =
         in_child_with_failing_pauses(db_, [this] { return db_.execScript(path_.c_str(), SCRIPT, message_); });
-    EXPECT_EQ(seen, "-2, general DB errror, 0 records");
+    EXPECT_EQ(seen, "-1, general DB errror, 0 records");
 }
 
 TEST_F(ResponderDbTest, TransactionHasOnlyReadFromItsFirstReadToItsFirstWrite)
@@ -349,7 +337,7 @@ protected:
     /* What is stored when `text` is bound. */
     std::string stored(std::string_view text)
     {
-        EXPECT_EQ(run_statement(db_, "INSERT INTO t VALUES (?)", {{"x", text}}), SQLITE_DONE);
+        EXPECT_EQ(run_statement(db_, "INSERT INTO t VALUES (?)", {{"x", text}}), StepResult::done);
         return other_.values("SELECT typeof(x), hex(x) FROM t");
     }
 
@@ -385,7 +373,7 @@ TEST_F(ResponderStatementTest, FailedPauseInPreparingLetsTheConnectionGo)
     other_.exec("BEGIN EXCLUSIVE");
     const std::string seen =
         in_child_with_failing_pauses(db_, [this] { return stmt_.prepare(db_, "SELECT x FROM t"); });
-    EXPECT_EQ(seen, "-2, general DB errror, 0 records");
+    EXPECT_EQ(seen, "-1, general DB errror, 0 records");
 }
 
 TEST_F(ResponderStatementTest, SteppingWaitsWhileOthersHoldTheDatabase)
@@ -415,7 +403,7 @@ TEST_F(ResponderStatementTest, BusyStepIsResetBeforeThePause)
     EXPECT_EQ(other_.values("SELECT x FROM t"), "7");
 }
 
-TEST_F(ResponderStatementTest, OtherAnswersAreReturnedAsTheyAre)
+TEST_F(ResponderStatementTest, OtherResultsAreReturnedAsTheyAre)
 {
     other_.exec("CREATE TRIGGER r BEFORE INSERT ON t BEGIN SELECT RAISE(ABORT, 'not now'); END");
     stmt_.prepare(db_, "INSERT INTO t VALUES (1)");
@@ -436,14 +424,6 @@ TEST_F(ResponderStatementTest, LockedTableIsNotWaitedFor)
     EXPECT_EQ(pause_capture.pauses, Pauses{});
 }
 
-TEST_F(ResponderStatementTest, RefusalBeforeARetryOfAStepIsItsResult)
-{
-    stmt_.prepare(db_, "INSERT INTO t VALUES (1)");
-    other_.exec("BEGIN IMMEDIATE");
-    EXPECT_EQ(stmt_.step([] { return -7; }), -7);
-    EXPECT_EQ(pause_capture.pauses, Pauses{});
-}
-
 TEST_F(ResponderStatementTest, FailedPauseInAStepLetsStatementAndConnectionGo)
 {
     stmt_.prepare(db_, "INSERT INTO t VALUES (1)");
@@ -456,7 +436,7 @@ TEST_F(ResponderStatementTest, FailedPauseInAStepLetsStatementAndConnectionGo)
         std::printf("%zu %d, ", pauses, closed);
         return result;
     });
-    EXPECT_EQ(seen, "1 0, -2, general DB errror, 0 records");
+    EXPECT_EQ(seen, "1 0, -1, general DB errror, 0 records");
 }
 
 TEST_F(ResponderStatementTest, ColumnTextIsTheTextOrNullForNull)
@@ -493,13 +473,21 @@ TEST_F(ResponderStatementTest, TextWithoutBytesIsStoredAsAnEmptyText)
     EXPECT_EQ(stored(std::string_view()), "text|");
 }
 
-/* SQLite refuses by the length, before it looks at a byte: none of these texts is really there. */
+TEST_F(ResponderStatementTest, NullTextIsStoredAsAnEmptyText)
+{
+    stmt_.prepare(db_, "INSERT INTO t VALUES (?)");
+    EXPECT_EQ(stmt_.bindText(1, nullptr, 0), SQLITE_OK);
+    EXPECT_EQ(stmt_.step(), SQLITE_DONE);
+    EXPECT_EQ(other_.values("SELECT typeof(x), hex(x) FROM t"), "text|");
+}
+
+/* SQLite refuses by the length, before it looks at a byte: the texts need not exist. */
 TEST_F(ResponderStatementTest, TextsLongerThanSqliteTakesAreRefused)
 {
     stmt_.prepare(db_, "INSERT INTO t VALUES (?)");
     for (const size_t length : {size_t{1'000'000'001}, size_t{INT_MAX}, size_t{INT_MAX} + 1, (size_t{1} << 32) + 1,
                                 std::numeric_limits<size_t>::max() / 2})
-        EXPECT_EQ(stmt_.bindText(1, std::string_view("text", length)), SQLITE_TOOBIG) << length;
+        EXPECT_EQ(bind_params(db_, stmt_, {{"x", std::string_view("text", length)}}), -1) << length;
     EXPECT_STREQ(db_.errorText(), "string or blob too big");
 }
 
@@ -513,139 +501,16 @@ TEST_F(ResponderStatementTest, FirstParameterThatIsRefusedIsLoggedAndEndsTheBind
 {
     stmt_.prepare(db_, "INSERT INTO t VALUES (?1 || ?2 || ?3 || ?4)");
     const std::string_view too_long("text", 1'000'000'001);
-    EXPECT_EQ(stmt_.bind({{"one", "1"}, {"two", too_long}, {"three", too_long}, {"four", "4"}}), -1);
+    EXPECT_EQ(bind_params(db_, stmt_, {{"one", "1"}, {"two", too_long}, {"three", too_long}, {"four", "4"}}), -1);
     EXPECT_EQ(syslog_capture.records, (Records{{3, "Unable to bind parameter two: string or blob too big"}}));
 }
 
 TEST_F(ResponderStatementTest, NumberThatIsRefusedIsLogged)
 {
     stmt_.prepare(db_, "INSERT INTO t VALUES (?)");
-    EXPECT_EQ(stmt_.bind({{"one", 1}, {"two", 2}}), -1); /* SQLite refuses a number only for want of a place */
+    EXPECT_EQ(bind_params(db_, stmt_, {{"one", 1}, {"two", 2}}),
+              -1); /* SQLite refuses a number only for want of a place */
     EXPECT_EQ(syslog_capture.records, (Records{{3, "Unable to bind parameter two: column index out of range"}}));
-}
-
-class RunStatementTest : public DatabaseTest {
-protected:
-    void TearDown() override
-    {
-        db_.close();
-        EXPECT_EQ(pause_capture.pauses.size(), expected_pauses_) << "a statement was alive when closing";
-        DatabaseTest::TearDown();
-    }
-
-    /* Leaves `db_` in a transaction that has read, while `other_` holds the lock for writing. */
-    void read_and_meet_a_writer()
-    {
-        SqliteText message;
-        db_.begin();
-        db_.exec("SELECT count(*) FROM t", message);
-        other_.exec("BEGIN IMMEDIATE; INSERT INTO t VALUES (1)");
-    }
-
-    size_t expected_pauses_ = 0;
-};
-
-TEST_F(RunStatementTest, ResultOfTheStepIsReturnedAndTheStatementFinalized)
-{
-    EXPECT_EQ(run_statement(db_, "INSERT INTO t VALUES (?)", {{"x", 7}}), SQLITE_DONE);
-    EXPECT_EQ(run_statement(db_, "SELECT x FROM t", {}), SQLITE_ROW);
-    EXPECT_EQ(other_.values("SELECT x FROM t"), "7");
-}
-
-TEST_F(RunStatementTest, FailedStepIsLeftToTheCallerWithItsText)
-{
-    other_.exec("CREATE TRIGGER r BEFORE INSERT ON t BEGIN SELECT RAISE(FAIL, 'not now'); END");
-    EXPECT_EQ(run_statement(db_, "INSERT INTO t VALUES (1)", {}), SQLITE_CONSTRAINT);
-    EXPECT_STREQ(db_.errorText(), "not now");
-    EXPECT_EQ(syslog_capture.records, Records{});
-}
-
-TEST_F(RunStatementTest, FailureToPrepareIsLoggedOnce)
-{
-    EXPECT_EQ(run_statement(db_, "nonsense", {{"x", 7}}), -1);
-    EXPECT_EQ(syslog_capture.records,
-              (Records{{3, "Unable to prepare SQL statement for query 'nonsense': near \"nonsense\": syntax error"}}));
-}
-
-TEST_F(RunStatementTest, FailureToBindIsLoggedOnceAndNothingIsDone)
-{
-    EXPECT_EQ(run_statement(db_, "INSERT INTO t VALUES (?)", {{"x", std::string_view("text", 1'000'000'001)}}), -1);
-    EXPECT_EQ(syslog_capture.records, (Records{{3, "Unable to bind parameter x: string or blob too big"}}));
-    EXPECT_EQ(other_.values("SELECT count(*) FROM t"), "0");
-}
-
-TEST_F(RunStatementTest, FailedPauseIsToldApart)
-{
-    other_.exec("BEGIN EXCLUSIVE");
-    const std::string seen =
-        in_child_with_failing_pauses(db_, [this] { return run_statement(db_, "INSERT INTO t VALUES (1)", {}); });
-    EXPECT_EQ(seen, "-2, general DB errror, 0 records");
-}
-
-TEST_F(RunStatementTest, RestartIsAskedWhenTheTransactionHasOnlyRead)
-{
-    read_and_meet_a_writer();
-    int restarts = 0;
-    const int result = run_statement(db_, "INSERT INTO t VALUES (?)", {{"x", 7}}, [&] {
-        ++restarts;
-        EXPECT_EQ(db_.end(), 0); /* lets the writer, who waits for this reader, go on */
-        EXPECT_EQ(other_.exec("COMMIT"), SQLITE_OK);
-        return db_.begin();
-    });
-    EXPECT_EQ(result, SQLITE_DONE);
-    EXPECT_EQ(restarts, 1);
-    EXPECT_EQ(db_.end(), 0);
-    EXPECT_EQ(other_.values("SELECT x FROM t"), "1|7");
-    expected_pauses_ = 1;
-}
-
-TEST_F(RunStatementTest, NoStatementIsAliveDuringARestart)
-{
-    read_and_meet_a_writer();
-    const int result = run_statement(db_, "INSERT INTO t VALUES (7)", {}, [&] {
-        EXPECT_EQ(db_.close(), 0);
-        EXPECT_EQ(pause_capture.pauses, Pauses{});
-        EXPECT_EQ(other_.exec("COMMIT"), SQLITE_OK);
-        return db_.open(path_.c_str());
-    });
-    EXPECT_EQ(result, SQLITE_DONE);
-    EXPECT_EQ(other_.values("SELECT x FROM t"), "1|7");
-    expected_pauses_ = 1;
-}
-
-TEST_F(RunStatementTest, RestartThatFailsIsTheResult)
-{
-    for (const int failure : {-1, 7}) {
-        read_and_meet_a_writer();
-        EXPECT_EQ(run_statement(db_, "INSERT INTO t VALUES (7)", {}, [failure] { return failure; }), failure);
-        other_.exec("ROLLBACK");
-        db_.end();
-    }
-    EXPECT_EQ(syslog_capture.records, Records{});
-}
-
-TEST_F(RunStatementTest, RestartWhosePauseFailedLetsTheConnectionGo)
-{
-    read_and_meet_a_writer();
-    const std::string seen = in_child_with_failing_pauses(
-        db_, [this] { return run_statement(db_, "INSERT INTO t VALUES (7)", {}, [] { return RETRY_INTERRUPTED; }); });
-    EXPECT_EQ(seen, "-2, general DB errror, 0 records");
-}
-
-TEST_F(RunStatementTest, TransactionThatHasReadNothingYetIsNotRestarted)
-{
-    EXPECT_EQ(run_statement(db_, "SELECT x FROM t", {}), SQLITE_DONE); /* knows the schema from now on */
-    db_.begin();
-    other_.exec("BEGIN IMMEDIATE");
-    in_pause(2, "COMMIT");
-    EXPECT_EQ(run_statement(db_, "INSERT INTO t VALUES (7)", {},
-                            [] {
-                                ADD_FAILURE() << "nothing to restart";
-                                return -1;
-                            }),
-              SQLITE_DONE);
-    EXPECT_EQ(db_.end(), 0);
-    expected_pauses_ = 3;
 }
 
 } // namespace

@@ -66,13 +66,13 @@ protected:
         sqlite3_reset_auto_extension();
         sqlite_hooks = {};
         db_.close();
-        std::filesystem::remove(RESPONDER_DB_PATH);
+        std::filesystem::remove(arsp::RESPONDER_DB_PATH);
         std::filesystem::remove_all("/var/qmail/mailnames/example.org");
     }
 
     void run(const std::string &script)
     {
-        SqliteText message;
+        arsp::SqliteText message;
         ASSERT_EQ(db_.exec(script.c_str(), message), SQLITE_OK) << message.get();
     }
 

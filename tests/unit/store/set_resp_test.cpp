@@ -5,6 +5,8 @@
 
 #include "tests/unit/store/responder_fixture.h"
 
+using namespace arsp;
+
 namespace {
 
 class SetRespTest : public ResponderTest {

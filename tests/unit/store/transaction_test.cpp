@@ -6,8 +6,11 @@
 
 #include <gtest/gtest.h>
 
+#include "store/run_statement.h"
 #include "tests/unit/store/database_fixture.h"
 #include "tests/unit/support/child_process.h"
+
+using namespace arsp;
 
 namespace {
 
@@ -15,7 +18,7 @@ class TransactionTest : public DatabaseTest {
 protected:
     int insert(ResponderDb &db)
     {
-        EXPECT_EQ(run_statement(db, "INSERT INTO t VALUES (1)", {}), SQLITE_DONE);
+        EXPECT_EQ(run_statement(db, "INSERT INTO t VALUES (1)", {}), StepResult::done);
         return 0;
     }
     /* Runs a transaction that inserts a row and ends as `outcome` says. */
@@ -80,7 +83,7 @@ TEST_F(TransactionTest, FailedEndClosesAndFails)
 {
     const int result = in_transaction(db_, [&] {
         insert(db_);
-        EXPECT_EQ(run_statement(db_, "ROLLBACK", {}), SQLITE_DONE); /* as a trigger may */
+        EXPECT_EQ(run_statement(db_, "ROLLBACK", {}), StepResult::done); /* as a trigger may */
         return COMMITTED;
     });
     EXPECT_EQ(result, -1);
@@ -136,10 +139,10 @@ TEST_F(OwnConnectionTest, IsOpenedForTheWorkAndClosedAfterIt)
     ResponderDb *seen = nullptr;
     const int result = with_connection(nullptr, [&](ResponderDb &db) {
         seen = &db;
-        EXPECT_EQ(run_statement(db, "BEGIN IMMEDIATE", {}), SQLITE_DONE);
-        EXPECT_EQ(run_statement(db, "INSERT INTO t VALUES (1)", {}), SQLITE_DONE);
-        EXPECT_EQ(run_statement(db, "COMMIT", {}), SQLITE_DONE);
-        EXPECT_EQ(run_statement(db, "BEGIN IMMEDIATE", {}), SQLITE_DONE);
+        EXPECT_EQ(run_statement(db, "BEGIN IMMEDIATE", {}), StepResult::done);
+        EXPECT_EQ(run_statement(db, "INSERT INTO t VALUES (1)", {}), StepResult::done);
+        EXPECT_EQ(run_statement(db, "COMMIT", {}), StepResult::done);
+        EXPECT_EQ(run_statement(db, "BEGIN IMMEDIATE", {}), StepResult::done);
         return 7;
     });
     EXPECT_EQ(result, 7);

@@ -1,0 +1,23 @@
+#ifndef ARSP_STORE_ATTACHMENT_COPY_H
+#define ARSP_STORE_ATTACHMENT_COPY_H
+
+#include <string>
+
+namespace arsp {
+
+/* Copies the file `source` into the attachment directory of the mailbox `real_owner` under `name`, which holds no "/".
+ * Makes the missing directories; these and the copy belong to the mail user. What was made is flushed. After a failure
+ * it stays.
+ *
+ * `real_owner` comes from the database, which the mail user may write, and ends in a path and in a shell's command
+ * line: an owner with a shell character or a component ".." is refused before anything is made. So is a link that
+ * MailTree refuses. `source` reaches the shell as it is.
+ *
+ * Returns 0; or -1 after logging at LOG_ERR "Unable to get uid:gid for %s: %s", "Unable to move attachment %s to %s:
+ * %s" or "...: Child status %d", or "Unable to change owner for %s: %s". A directory that cannot be made ends the
+ * process (make_dirs). */
+[[nodiscard]] int copy_attachment(const std::string &source, const std::string &real_owner, const std::string &name);
+
+} // namespace arsp
+
+#endif

@@ -1,0 +1,111 @@
+#include "store/mail_tree.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <utility>
+
+#include <fcntl.h>
+#include <pwd.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include "store/schema.h"
+#include "support/links.h"
+
+namespace arsp {
+
+namespace {
+
+/* O_DIRECTORY makes the kernel mount an automount point; O_PATH alone opens the empty directory below it. */
+constexpr int DIRECTORY = O_PATH | O_DIRECTORY | O_CLOEXEC;
+
+/* Whether root alone can put an entry into the directory, or rename one there. */
+bool only_root_may_write(int directory)
+{
+    struct stat status = {};
+    return fstat(directory, &status) == 0 && status.st_uid == 0 && (status.st_mode & (S_IWGRP | S_IWOTH)) == 0;
+}
+
+bool belongs_to_mail_user(int place)
+{
+    const passwd *user = getpwnam(MAIL_USER);
+    struct stat status = {};
+    return user != nullptr && fstat(place, &status) == 0 && status.st_uid == user->pw_uid;
+}
+
+} // namespace
+
+TreeEntry MailTree::find(const std::string &path, std::size_t root_length)
+{
+    return findBelow(Descriptor(open(path.substr(0, root_length).c_str(), DIRECTORY)),
+                     std::string_view(path).substr(root_length));
+}
+
+TreeEntry MailTree::findBelow(Descriptor start, std::string_view path)
+{
+    TreeEntry entry = {Descriptor(), ".", std::move(start)};
+    for (std::size_t from = 0; entry.place && from < path.size();) {
+        const std::size_t end = std::min(path.find('/', from), path.size());
+        if (end > from)
+            entry = findName(std::move(entry.place), std::string(path.substr(from, end - from)));
+        from = end + 1;
+    }
+    struct stat status = {};
+    if (entry.place && path.ends_with('/') && fstat(entry.place.get(), &status) == 0 && !S_ISDIR(status.st_mode)) {
+        errno = ENOTDIR;
+        return {};
+    }
+    return entry;
+}
+
+TreeEntry MailTree::findName(Descriptor directory, std::string name)
+{
+    Descriptor place(openat(directory.get(), name.c_str(), DIRECTORY | O_NOFOLLOW));
+    if (place)
+        return {std::move(directory), std::move(name), std::move(place)};
+    if (errno != ENOTDIR)
+        return {};
+    place.reset(openat(directory.get(), name.c_str(), O_PATH | O_NOFOLLOW | O_CLOEXEC));
+    struct stat status = {};
+    if (!place || fstat(place.get(), &status) != 0)
+        return {};
+    if (S_ISLNK(status.st_mode))
+        return followLink(std::move(directory), place.get(), status);
+    return {std::move(directory), std::move(name), std::move(place)};
+}
+
+TreeEntry MailTree::followLink(Descriptor directory, int link, const struct stat &status)
+{
+    const bool protected_place = only_root_may_write(directory.get());
+    const bool of_root = status.st_uid == 0;
+    if (!of_root && !(in_link_ && protected_place))
+        return refuse();
+    char target[PATH_MAX];
+    if (read_link_target(link, target) != 0)
+        return {};
+    if (++links_ > MOST_LINKS) {
+        errno = ELOOP;
+        return {};
+    }
+    const bool outer = std::exchange(in_link_, true);
+    TreeEntry entry = findBelow(*target == '/' ? Descriptor(open("/", DIRECTORY)) : std::move(directory), target);
+    in_link_ = outer;
+    if (entry.place && of_root && !protected_place && !belongs_to_mail_user(entry.place.get()))
+        return refuse();
+    return entry;
+}
+
+TreeEntry MailTree::refuse()
+{
+    refused_ = true;
+    errno = ELOOP;
+    return {};
+}
+
+Descriptor open_mail_directory(const std::string &path, std::size_t root_length)
+{
+    const TreeEntry entry = MailTree().find(path, root_length);
+    return Descriptor(entry.place ? openat(entry.place.get(), ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC) : -1);
+}
+
+} // namespace arsp

@@ -1,0 +1,105 @@
+#include "store/responder_vfs.h"
+
+#include <climits>
+#include <cstdio>
+#include <cstring>
+
+#include <fcntl.h>
+#include <sys/stat.h>
+
+#include "support/c_handles.h"
+#include "support/links.h"
+
+namespace arsp {
+
+namespace {
+
+/* Copies a text of less than `size` bytes, and returns whether it fits. */
+bool copy_text(char *to, std::size_t size, const char *text)
+{
+    return static_cast<std::size_t>(std::snprintf(to, size, "%s", text)) < size;
+}
+
+/* Replaces the path of a link by its target, which is relative to the link's directory. Returns whether it fits. */
+bool replace_by_target(char (&path)[PATH_MAX], const char *target)
+{
+    char *slash = *target == '/' ? nullptr : std::strrchr(path, '/');
+    char *name = slash == nullptr ? path : slash + 1;
+    return copy_text(name, sizeof path - static_cast<std::size_t>(name - path), target);
+}
+
+/* Follows the links that `path` names as long as root owns them. Returns false at any other link, and where the links
+ * do not end. A missing file is no error: SQLite makes it. Any other failure is left to SQLite's own open. */
+bool follow_links_of_root(char (&path)[PATH_MAX])
+{
+    for (int links = 0; links <= MOST_LINKS; ++links) {
+        const Descriptor place(open(path, O_PATH | O_NOFOLLOW | O_CLOEXEC));
+        struct stat status = {};
+        if (!place || fstat(place.get(), &status) != 0 || !S_ISLNK(status.st_mode))
+            return true;
+        char target[PATH_MAX];
+        if (status.st_uid != 0 || read_link_target(place.get(), target) != 0 || !replace_by_target(path, target))
+            return false;
+    }
+    return false;
+}
+
+} // namespace
+
+ResponderVfs::ResponderVfs() : sqlite3_vfs(), default_vfs_(sqlite3_vfs_find(nullptr))
+{
+    if (default_vfs_ == nullptr)
+        return;
+    static_cast<sqlite3_vfs &>(*this) = *default_vfs_;
+    std::snprintf(name_, sizeof name_, "arsp-%p", static_cast<void *>(this)); /* each connection has its own */
+    zName = name_;
+    xFullPathname = fullPathname;
+    xDelete = deleteFile;
+    registered_ = sqlite3_vfs_register(this, 0) == SQLITE_OK;
+}
+
+ResponderVfs::~ResponderVfs()
+{
+    if (registered_)
+        sqlite3_vfs_unregister(this);
+}
+
+/* SQLite opens the result with O_NOFOLLOW, so a link that takes the file's place later is not followed either. */
+int ResponderVfs::fullPathname(sqlite3_vfs *vfs, const char *path, int size, char *resolved)
+{
+    auto *self = static_cast<ResponderVfs *>(vfs);
+    char file[PATH_MAX];
+    if (!copy_text(file, sizeof file, path) || !follow_links_of_root(file))
+        return SQLITE_CANTOPEN;
+
+    char *slash = std::strrchr(file, '/');
+    const char *name = slash == nullptr ? file : slash + 1;
+    char *directory = self->directory_;
+    directory[0] = '\0'; /* of a file in the root directory */
+    if (slash != file) {
+        if (slash != nullptr)
+            *slash = '\0';
+        const int rc = self->default_vfs_->xFullPathname(self->default_vfs_, slash == nullptr ? "." : file,
+                                                         sizeof self->directory_, directory);
+        if ((rc & 0xff) != SQLITE_OK) /* a resolved link has a code of its own */
+            return rc;
+    }
+    const int length = std::snprintf(resolved, static_cast<std::size_t>(size), "%s/%s", directory, name);
+    if (length >= size || !copy_text(self->database_, sizeof self->database_, resolved))
+        return SQLITE_CANTOPEN;
+    if (directory[0] == '\0')
+        copy_text(directory, sizeof self->directory_, "/");
+    return SQLITE_OK;
+}
+
+int ResponderVfs::deleteFile(sqlite3_vfs *vfs, const char *path, int sync_directory)
+{
+    const auto *self = static_cast<ResponderVfs *>(vfs);
+    const std::size_t length = std::strlen(self->database_);
+    const char *suffix = std::strncmp(path, self->database_, length) == 0 ? path + length : "";
+    if (std::strcmp(suffix, "-journal") != 0 && std::strcmp(suffix, "-wal") != 0)
+        return SQLITE_OK;
+    return self->default_vfs_->xDelete(self->default_vfs_, path, sync_directory);
+}
+
+} // namespace arsp

@@ -1,0 +1,132 @@
+#include "support/remove_contents.h"
+
+#include <cerrno>
+#include <cstring>
+#include <utility>
+#include <vector>
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include "support/c_handles.h"
+#include "support/dir_stream.h"
+
+namespace {
+
+constexpr int READ_DIRECTORY = O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC;
+
+/* Which directory it is, wherever it is moved. */
+struct Identity {
+    dev_t device;
+    ino_t inode;
+};
+
+/* Empties a tree. It holds one directory open at a time, and comes back to the one above by "..". */
+class Remover {
+public:
+    explicit Remover(std::string path) : path_(std::move(path)) {}
+
+    /* Both return 0; or -1 with the text in error(). */
+    int open(Descriptor directory);
+    int removeAll();
+
+    const std::string &error() const { return error_; }
+
+private:
+    int removeEntry(const char *name);
+    int goDown(const char *name); /* whose path is in path_ already */
+    int goUp();
+    int failed(const char *what);
+
+    DirPtr directory_;            /* the one being emptied */
+    std::string path_;            /* its name */
+    std::vector<Identity> above_; /* the directories on the way to it, outermost first */
+    std::string error_;
+};
+
+int Remover::failed(const char *what)
+{
+    error_ = failure_text(what, path_);
+    return -1;
+}
+
+int Remover::open(Descriptor directory)
+{
+    directory_ = open_dir_stream(std::move(directory));
+    return directory_ ? 0 : failed("cannot open directory");
+}
+
+int Remover::removeAll()
+{
+    for (;;) {
+        const char *name = next_entry(directory_.get());
+        if (name == nullptr && errno != 0)
+            return failed("cannot read directory");
+        if (name == nullptr && above_.empty())
+            return 0;
+        if ((name == nullptr ? goUp() : removeEntry(name)) != 0)
+            return -1;
+    }
+}
+
+int Remover::removeEntry(const char *name)
+{
+    if (unlinkat(dirfd(directory_.get()), name, 0) == 0 || errno == ENOENT)
+        return 0;
+    const bool is_directory = errno == EISDIR;
+    {
+        const KeepErrno keep;
+        path_.append("/").append(name);
+    }
+    return is_directory ? goDown(name) : failed("cannot remove");
+}
+
+int Remover::goDown(const char *name)
+{
+    const int current = dirfd(directory_.get());
+    struct stat status = {};
+    if (fstat(current, &status) != 0)
+        return failed("cannot open directory");
+    above_.push_back({status.st_dev, status.st_ino});
+    return open(Descriptor(openat(current, name, READ_DIRECTORY)));
+}
+
+/* Comes back from an emptied directory and removes it. */
+int Remover::goUp()
+{
+    Descriptor parent(openat(dirfd(directory_.get()), "..", READ_DIRECTORY));
+    struct stat status = {};
+    if (!parent || fstat(parent.get(), &status) != 0)
+        return failed("cannot leave directory");
+    if (status.st_dev != above_.back().device || status.st_ino != above_.back().inode) {
+        errno = ESTALE; /* the directory was moved to another place */
+        return failed("cannot leave directory");
+    }
+    const std::size_t slash = path_.rfind('/');
+    if (unlinkat(parent.get(), path_.c_str() + slash + 1, AT_REMOVEDIR) != 0 && errno != ENOENT)
+        return failed("cannot remove");
+    path_.resize(slash);
+    above_.pop_back();
+    return open(std::move(parent)); /* listed anew: what was listed before is gone */
+}
+
+} // namespace
+
+std::string failure_text(const char *what, const std::string &path)
+{
+    constexpr std::size_t LONGEST = 1000;  /* bytes */
+    constexpr std::size_t BEGINNING = 600; /* bytes */
+    const int number = errno;
+    const bool is_long = path.size() > LONGEST;
+    const std::string shown = is_long ? path.substr(0, BEGINNING) + "..." + path.substr(path.rfind('/')) : path;
+    return std::string(what) + " " + shown + ": " + std::strerror(number);
+}
+
+int remove_contents(int fd, const std::string &path, std::string &error)
+{
+    Remover remover(path);
+    const int result = remover.open(Descriptor(fcntl(fd, F_DUPFD_CLOEXEC, 0))) == 0 ? remover.removeAll() : -1;
+    error = remover.error();
+    return result;
+}

@@ -1,0 +1,146 @@
+#include "store/responder_vfs.h"
+
+#include <filesystem>
+#include <string>
+
+#include <gtest/gtest.h>
+
+#include "tests/unit/store/database_fixture.h"
+
+using namespace arsp;
+
+namespace {
+
+constexpr char MAGIC[] = "\xd9\xd5\x05\xf9\x20\xa1\x63\xd7";
+
+std::string big_endian(unsigned number)
+{
+    std::string bytes;
+    for (int shift = 24; shift >= 0; shift -= 8)
+        bytes += static_cast<char>(number >> shift);
+    return bytes;
+}
+
+/* A rollback journal that changes nothing in a database of `pages` pages, and names a super-journal: the file that
+ * SQLite deletes after it has played the journal back. */
+std::string hot_journal(unsigned pages, const std::string &super_journal)
+{
+    std::string journal =
+        MAGIC + big_endian(0) + big_endian(0) + big_endian(pages) + big_endian(512) + big_endian(4096);
+    journal.resize(512);
+    unsigned sum = 0;
+    for (const char byte : super_journal)
+        sum += static_cast<unsigned char>(byte);
+    return journal + big_endian(0x40000000 / 4096 + 1) + super_journal +
+           big_endian(static_cast<unsigned>(super_journal.size())) + big_endian(sum) + MAGIC;
+}
+
+/* The VFSs that SQLite has now. */
+int registered_vfs_count()
+{
+    int count = 0;
+    for (const sqlite3_vfs *vfs = sqlite3_vfs_find(nullptr); vfs != nullptr; vfs = vfs->pNext)
+        ++count;
+    return count;
+}
+
+/* Two connections at once, each to a database of its own. */
+class ResponderVfsTest : public DatabaseTest {
+protected:
+    void SetUp() override
+    {
+        DatabaseTest::SetUp();
+        ASSERT_EQ(second_other_.exec("CREATE TABLE t (x)"), SQLITE_OK);
+        ASSERT_EQ(second_db_.open(second_path_.c_str()), 0);
+    }
+
+    void plantJournal(const std::string &super_journal) { dir_.file("test.db-journal", hot_journal(2, super_journal)); }
+
+    bool exists(const std::string &name) const { return file_status(dir_ / name).st_mode != 0; }
+
+    SqliteText message_;
+    const std::string second_path_ = dir_ / "second.db";
+    Other second_other_{second_path_};
+    ResponderDb second_db_;
+};
+
+TEST_F(ResponderVfsTest, EachConnectionDeletesItsOwnJournal)
+{
+    EXPECT_EQ(db_.begin(), 0);
+    EXPECT_EQ(second_db_.begin(), 0);
+    EXPECT_EQ(db_.exec("INSERT INTO t VALUES (1)", message_), SQLITE_OK);
+    EXPECT_EQ(second_db_.exec("INSERT INTO t VALUES (2)", message_), SQLITE_OK);
+    EXPECT_TRUE(exists("test.db-journal") && exists("second.db-journal"));
+    EXPECT_EQ(db_.end(), 0);
+    EXPECT_EQ(second_db_.end(), 0);
+    EXPECT_FALSE(exists("test.db-journal") || exists("second.db-journal"));
+    EXPECT_EQ(other_.values("SELECT x FROM t"), "1");
+    EXPECT_EQ(second_other_.values("SELECT x FROM t"), "2");
+}
+
+TEST_F(ResponderVfsTest, PlantedJournalDoesNotDeleteTheJournalOfAnotherConnection)
+{
+    EXPECT_EQ(second_db_.begin(), 0);
+    EXPECT_EQ(second_db_.exec("INSERT INTO t VALUES (2)", message_), SQLITE_OK);
+    plantJournal(second_path_ + "-journal");
+    EXPECT_EQ(db_.exec("INSERT INTO t VALUES (1)", message_), SQLITE_OK);
+    EXPECT_TRUE(exists("second.db-journal"));
+    EXPECT_FALSE(exists("test.db-journal"));
+    EXPECT_EQ(second_db_.end(), 0);
+    EXPECT_EQ(second_other_.values("SELECT x FROM t"), "2");
+}
+
+TEST_F(ResponderVfsTest, PlantedJournalDeletesNoFileWhoseNameBeginsLikeTheDatabase)
+{
+    dir_.file("test.db-journal-of-mine", "mine"); /* SQLite takes an empty file for none */
+    plantJournal(path_ + "-journal-of-mine");
+    EXPECT_EQ(db_.exec("INSERT INTO t VALUES (1)", message_), SQLITE_OK);
+    EXPECT_TRUE(exists("test.db-journal-of-mine"));
+}
+
+TEST_F(ResponderVfsTest, ConnectionsOfTheSameFileEachDeleteItsJournal)
+{
+    ResponderDb twin;
+    ASSERT_EQ(twin.open(path_.c_str()), 0);
+    EXPECT_EQ(twin.exec("INSERT INTO t VALUES (1)", message_), SQLITE_OK);
+    EXPECT_FALSE(exists("test.db-journal"));
+    EXPECT_EQ(twin.close(), 0);
+    EXPECT_EQ(db_.exec("INSERT INTO t VALUES (2)", message_), SQLITE_OK);
+    EXPECT_FALSE(exists("test.db-journal"));
+}
+
+TEST_F(ResponderVfsTest, ClosedConnectionLeavesNoVfsBehind)
+{
+    const int before = registered_vfs_count();
+    {
+        ResponderDb db;
+        db.open(path_.c_str());
+        EXPECT_EQ(registered_vfs_count(), before + 1);
+        db.close();
+        EXPECT_EQ(registered_vfs_count(), before);
+        db.open(path_.c_str());
+        db.open(second_path_.c_str());
+        EXPECT_EQ(registered_vfs_count(), before + 1);
+    }
+    EXPECT_EQ(registered_vfs_count(), before);
+}
+
+TEST_F(ResponderVfsTest, FailureToOpenLeavesNoVfsBehind)
+{
+    const int before = registered_vfs_count();
+    ResponderDb db;
+    EXPECT_EQ(db.open((dir_ / "missing/test.db").c_str()), -1);
+    EXPECT_EQ(registered_vfs_count(), before);
+}
+
+TEST_F(ResponderVfsTest, RelativePathIsOpened)
+{
+    std::filesystem::current_path(dir_.path());
+    ResponderDb db;
+    EXPECT_EQ(db.open("test.db"), 0);
+    EXPECT_EQ(db.exec("INSERT INTO t VALUES (1)", message_), SQLITE_OK);
+    EXPECT_FALSE(exists("test.db-journal"));
+    std::filesystem::current_path("/");
+}
+
+} // namespace
