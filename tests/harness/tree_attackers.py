@@ -1,0 +1,63 @@
+"""What the mail user can do to the mail tree while a run is at work in it."""
+
+import ctypes
+import fcntl
+import itertools
+import os
+import signal
+import socket
+from pathlib import Path
+
+from . import preload
+from .waiting import until
+
+AT_FDCWD = -100
+RENAME_EXCHANGE = 2
+
+libc = ctypes.CDLL(None, use_errno=True)
+
+
+def exchange(sandbox, one, other):
+    """Exchanges the entries of two paths in one step."""
+    paths = [os.fsencode(sandbox.path(path)) for path in (one, other)]
+    if libc.renameat2(AT_FDCWD, paths[0], AT_FDCWD, paths[1], RENAME_EXCHANGE) != 0:
+        raise OSError(ctypes.get_errno(), os.strerror(ctypes.get_errno()), one)
+
+
+def attacked_runs(sandbox, args, prepare, attack):
+    """Runs the tool with `args` again and again and yields each Result. `prepare()` comes before each run. The first
+    run is held before its first call that takes a name in a directory (held_calls.cpp), the second before its second,
+    and so on; `attack()` is called then. The last run is not attacked: it has no further call."""
+    code = Path(__file__).with_name("held_calls.cpp").read_text()
+    for number in itertools.count(1):
+        prepare()
+        ours, theirs = socket.socketpair()
+        with ours:
+            ours.settimeout(60)
+            environment = preload.environment(sandbox, code, HELD_NUMBER=str(number), HELD_SOCKET=str(theirs.fileno()))
+            with theirs:
+                running = sandbox.start(*args, env=environment, pass_fds=[theirs.fileno()])
+            held = ours.recv(100)  # nothing when the run has ended
+            if held:
+                attack()
+                ours.send(b"+")
+            yield running.wait()
+        if not held:
+            assert number > 1, "no call was held"
+            return
+
+
+class Lease:
+    """A lease on the file `path`, seen from outside: a program that opens the file to write to it is held."""
+
+    def __init__(self, path):
+        self._file = open(path, "rb")
+        fcntl.fcntl(self._file, fcntl.F_SETSIG, signal.SIGURG)  # the holder is sent this one, and ignores it
+        fcntl.fcntl(self._file, fcntl.F_SETLEASE, fcntl.F_RDLCK)
+
+    def wait_for_writer(self):
+        until(lambda: fcntl.fcntl(self._file, fcntl.F_GETLEASE) != fcntl.F_RDLCK, "a program opens the file to write")
+
+    def release(self):
+        """Lets the writer go on."""
+        self._file.close()
