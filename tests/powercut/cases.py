@@ -1,0 +1,140 @@
+"""The commands, what they start from, and what each of them may leave behind when the power is cut."""
+
+import contextlib
+import sqlite3
+import tarfile
+import tempfile
+from collections.abc import Callable
+from dataclasses import dataclass
+from pathlib import Path
+
+DATABASE = "lib/quarn/mail/autoresponder/responder.db"  # below /var, as all paths here
+ATTACHMENTS = "qmail/mailnames/example.org/user/@attachments"
+ABSENT, NO_TABLES = None, {}  # instead of rows
+
+INPUTS = {  # in the guest's /in
+    "body": b"Away until Monday.\n" * 1000,  # does not fit into one page of the database
+    "new-body": b"Back again.\n" * 1500,
+    "source": b"the report " * 5000,
+    "new-source": b"the revised report " * 5000,
+    "headers": b'{"X-Old": "1", "X-Older": "2"}',
+    "new-headers": b'{"X-New": "yes", "X-Newest": "' + b"z" * 6000 + b'"}',
+}
+USER = "--mailname user@example.org"
+PREPARE = (
+    "mkdir -p /var/lib /var/qmail/mailnames",
+    "arspctl --init-db",
+    f"arspctl --set-resp {USER} --real-owner user@example.org </in/body",
+    "arspctl --set-resp --mailname other@example.org --real-owner owner@example.com </in/body",
+    f"arspctl --add-attach {USER} --filename report.pdf --source /in/source",
+    f"arspctl --add-attach {USER} --filename old.pdf --source /in/source",
+    f"mkdir -p /var/{ATTACHMENTS}/left/over && echo >/var/{ATTACHMENTS}/left/over/by-hand",
+    "arspctl --set-extra-headers </in/headers",
+)
+
+
+@dataclass(frozen=True)
+class Case:
+    """One command in one situation.
+
+    command  as typed in the guest
+    touches  the command only changes paths that begin with this; "-": none
+    before   what the guest does, and flushes, before the command
+    between  the other rows that may be found after a cut during the run, made from the old rows
+    proof    "new": the new rows prove that the files are the new ones; "old": the old rows, that they are the old ones
+    """
+
+    command: str
+    touches: str = "-"
+    before: str = "true"
+    between: Callable = lambda _: ()
+    proof: str = ""
+
+
+CASES = {
+    "init-db": Case("arspctl --init-db", "lib/quarn", between=lambda _: (ABSENT, NO_TABLES)),
+    "init-db, first": Case("arspctl --init-db", "lib/quarn", "rm -r /var/lib/quarn", lambda _: (NO_TABLES,)),
+    "set-resp": Case(f"arspctl --set-resp {USER} --real-owner user@example.org --subj New </in/new-body"),
+    "add-attach, new": Case(f"arspctl --add-attach {USER} --filename new.pdf --source /in/source",
+                            f"{ATTACHMENTS}/new.pdf", proof="new"),
+    "add-attach, new directories": Case(
+        "arspctl --add-attach --mailname other@example.org --filename new.pdf --source /in/source",
+        "qmail/mailnames/example.com", proof="new"),
+    "add-attach, replaced": Case(f"arspctl --add-attach {USER} --filename report.pdf --source /in/new-source",
+                                 f"{ATTACHMENTS}/report.pdf"),
+    "del-attach": Case(f"arspctl --del-attach {USER} --filename report.pdf", f"{ATTACHMENTS}/report.pdf", proof="old"),
+    "del-resp": Case(f"arspctl --del-resp {USER}", f"{ATTACHMENTS}/", proof="new"),
+    "set-extra-headers": Case("arspctl --set-extra-headers </in/new-headers",
+                              between=lambda rows: ({**rows, "extra_headers": []},)),
+}
+
+
+@dataclass(frozen=True)
+class State:
+    """The rows by table, and the files below /var: {path: (mode, uid, gid, content)}, the database without content."""
+
+    rows: dict
+    files: dict
+
+
+def read_state(archive):
+    """The state in a tar archive of /var; raises sqlite3.Error or tarfile.TarError when something is damaged."""
+    files = {}
+    with tarfile.open(archive) as members:
+        for member in members:
+            content = members.extractfile(member).read() if member.isfile() else b""
+            files[member.name] = (f"{member.mode:04o}", member.uid, member.gid, content)
+    journal = files.pop(f"{DATABASE}-journal", None)
+    rows = ABSENT
+    if DATABASE in files:
+        *owner_and_mode, content = files[DATABASE]
+        files[DATABASE] = (*owner_and_mode, b"")
+        rows = read_rows(content, journal and journal[3])
+    return State(rows, files)
+
+
+def read_rows(content, journal):
+    """The rows of a database. If there is a journal, SQLite rolls it back, as for every program that opens the file."""
+    with tempfile.TemporaryDirectory() as directory:
+        path = Path(directory, "responder.db")
+        path.write_bytes(content)
+        if journal is not None:
+            Path(directory, "responder.db-journal").write_bytes(journal)
+        with contextlib.closing(sqlite3.connect(path)) as connection:
+            result = connection.execute("PRAGMA integrity_check").fetchall()
+            if result != [("ok",)]:
+                raise sqlite3.DatabaseError(f"integrity_check: {result}")
+            tables = connection.execute("SELECT name FROM sqlite_master WHERE type = 'table' ORDER BY name").fetchall()
+            rows = {name: connection.execute(f"SELECT * FROM {name} ORDER BY rowid").fetchall() for name, in tables}
+            # Only the extra headers have an order; a replaced row moves to the end.
+            return {name: found if name == "extra_headers" else sorted(found) for name, found in rows.items()}
+
+
+def problem(case, old, new, found, acknowledged):
+    """What is wrong with the state after a cut; None when nothing is."""
+    if found.rows not in ([new.rows] if acknowledged else [old.rows, new.rows, *case.between(old.rows)]):
+        return wrong_rows(found.rows, old.rows, new.rows)
+    if found.rows is not ABSENT and found.files[DATABASE][0] != "0600":
+        return f"the mode of the database is {found.files[DATABASE][0]}"
+    proved = acknowledged or (case.proof == "new" and found.rows == new.rows) or (
+        case.proof == "old" and found.rows == old.rows)
+    expected = old.files if case.proof == "old" and not acknowledged else new.files
+    for path in sorted({*found.files, *expected}):
+        if found.files.get(path) != expected.get(path) and (proved or not path.startswith(case.touches)):
+            return f"{path} is {described(found.files.get(path))}, not {described(expected.get(path))}"
+    return None
+
+
+def wrong_rows(found, old, new):
+    if found is ABSENT:
+        return "there is no database"
+    if found == NO_TABLES:
+        return "the database has no tables"
+    if found == old:
+        return "the rows are the old ones"
+    tables = ", ".join(name for name in new if found.get(name) != new[name])
+    return f"the rows of {tables} are neither the old nor the new ones"
+
+
+def described(file):
+    return "absent" if file is None else f"{file[0]} {file[1]}:{file[2]} with {len(file[3])} bytes"
