@@ -1,11 +1,6 @@
-/* Whole command lines: the tool's own main() in this process, in a private root, from the same database and the same
+/* Whole command lines: what the tool's main() does, in this process, in a private root, from the same database and the same
  * files each time. The input is text: a line for each argument (a NUL byte in it stands for a line feed), a line "&"
  * between two runs of the tool, and after a line "|" the standard input of them all. */
-
-int arspctl_main(int argc, char *argv[]);
-#define main arspctl_main
-#include "cli/main.cpp"
-#undef main
 
 #include <algorithm>
 #include <cstdint>
@@ -25,9 +20,12 @@ int arspctl_main(int argc, char *argv[]);
 #include <sys/stat.h>
 #include <sys/syscall.h>
 
+#include "cli/run.h"
 #include "fuzz/check.h"
 #include "store/init_db.h"
 #include "store/schema.h"
+#include "support/conf.h"
+#include "support/log.h"
 #include "tests/unit/support/syslog_capture.h"
 
 using namespace arsp;
@@ -244,7 +242,9 @@ void perform(Run &run)
     syslog_capture = {};
     const int free_descriptor = lowest_free_descriptor();
 
-    run.status = arspctl_main(static_cast<int>(argv.size()) - 1, argv.data());
+    log_init(nullptr, LOG_ERR, LOG_MAIL, LOG_PERROR, "arspctl");
+    conf_load();
+    run.status = run_command_line(static_cast<int>(argv.size()) - 1, argv.data());
 
     run.output = start().output.text();
     run.log = syslog_capture.records;

@@ -1,8 +1,4 @@
-/* Takes in the whole of main.cpp, for its guard has no header. main() itself is not called: it is a process's own. */
-int arspctl_main(int argc, char *argv[]);
-#define main arspctl_main
-#include "cli/main.cpp"
-#undef main
+#include "cli/run.h"
 
 #include <functional>
 #include <new>
@@ -47,7 +43,7 @@ Reported run_with(std::function<int()> body)
     std::string words[] = {"arspctl", "--init-db"};
     char *argv[] = {words[0].data(), words[1].data(), nullptr};
     testing::internal::CaptureStdout();
-    const int status = run_guarded(2, argv);
+    const int status = arsp::run_command_line(2, argv);
     return {status, testing::internal::GetCapturedStdout()};
 }
 
@@ -64,7 +60,7 @@ TEST(GuardTest, ExhaustedMemoryIsReportedLikeOtherExceptions)
 
 TEST(GuardTest, ExhaustedMemoryIsReportedEvenWhenThereIsNoneForAnException)
 {
-    const ChildResult child = run_in_child(report_no_memory);
+    const ChildResult child = run_in_child(arsp::exit_without_memory);
     EXPECT_EQ(child.exit_status, 1);
     EXPECT_EQ(child.out, "Error: std::bad_alloc\n");
     EXPECT_EQ(child.err, "");
