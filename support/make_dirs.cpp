@@ -2,7 +2,6 @@
 
 #include <cerrno>
 #include <climits>
-#include <cstdlib>
 #include <utility>
 
 #include <fcntl.h>
@@ -34,10 +33,10 @@ Descriptor open_made(int parent, const char *name)
     return made;
 }
 
-[[noreturn]] void cannot_create(const char *path)
+/* Ends the process. */
+void cannot_create(const char *path)
 {
     fatal_error(1, 1, "Cannot create directory %s: %s", path, std::strerror(errno));
-    std::abort(); /* not reached: a status ends the process */
 }
 
 Descriptor open_existing(const DirTree &tree, Descriptor parent, const char *name, std::size_t offset)
