@@ -72,6 +72,10 @@ def test_the_example_prints_the_reply(connection, sandbox):
     assert sandbox.rows("SELECT mn, email, num FROM resp_freq") == [("anna@example.org", "ben@example.net", 1)]
 
 
+def test_counters_survive_a_power_cut(connection):
+    assert connection.execute("PRAGMA synchronous").fetchone() == (3,)  # EXTRA
+
+
 def test_a_mailbox_without_autoresponder_gets_no_answer(connection, sandbox):
     assert responder.answer(connection, "nobody@example.org", "ben@example.net") is None
     assert sandbox.rows("SELECT * FROM resp_freq") == []
