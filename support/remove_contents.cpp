@@ -16,13 +16,16 @@ namespace {
 
 constexpr int READ_DIRECTORY = O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC;
 
-/* Which directory it is, wherever it is moved. */
-struct Identity {
+constexpr std::size_t MOST_HELD = 8; /* levels that stay open, so that a wide tree is listed once */
+
+/* A directory on the path to the one being emptied. Device and inode identify it wherever it is moved. */
+struct Level {
     dev_t device;
     ino_t inode;
+    DirPtr stream; /* of the outermost levels only; null for the others */
 };
 
-/* Empties a tree. It holds one directory open at a time, and comes back to the one above by "..". */
+/* Empties a tree with a bounded number of open directories: it comes back to a deep one by "..", and lists it anew. */
 class Remover {
 public:
     explicit Remover(std::string path) : path_(std::move(path)) {}
@@ -39,9 +42,9 @@ private:
     int goUp();
     int failed(const char *what);
 
-    DirPtr directory_;            /* the one being emptied */
-    std::string path_;            /* its name */
-    std::vector<Identity> above_; /* the directories on the way to it, outermost first */
+    DirPtr directory_;         /* the one being emptied */
+    std::string path_;         /* its name */
+    std::vector<Level> above_; /* outermost first */
     std::string error_;
 };
 
@@ -88,7 +91,7 @@ int Remover::goDown(const char *name)
     struct stat status = {};
     if (fstat(current, &status) != 0)
         return failed("cannot open directory");
-    above_.push_back({status.st_dev, status.st_ino});
+    above_.push_back({status.st_dev, status.st_ino, above_.size() < MOST_HELD ? std::move(directory_) : nullptr});
     return open(Descriptor(openat(current, name, READ_DIRECTORY)));
 }
 
@@ -107,8 +110,12 @@ int Remover::goUp()
     if (unlinkat(parent.get(), path_.c_str() + slash + 1, AT_REMOVEDIR) != 0 && errno != ENOENT)
         return failed("cannot remove");
     path_.resize(slash);
+    DirPtr held = std::move(above_.back().stream);
     above_.pop_back();
-    return open(std::move(parent)); /* listed anew: what was listed before is gone */
+    if (held == nullptr)
+        return open(std::move(parent)); /* what was listed before is gone */
+    directory_ = std::move(held);
+    return 0;
 }
 
 } // namespace
