@@ -1,7 +1,9 @@
 #ifndef ARSP_STORE_SCHEMA_H
 #define ARSP_STORE_SCHEMA_H
 
+#ifdef __cplusplus /* bench/bare.c includes this header as C */
 namespace arsp {
+#endif
 
 /* The one database file; nothing on the command line or in the configuration moves it. */
 constexpr char RESPONDER_DB_PATH[] = "/var/lib/quarn/mail/autoresponder/responder.db";
@@ -29,6 +31,8 @@ constexpr char RESPONDER_DB_SCHEMA[] =
 static_assert(sizeof RESPONDER_DB_SCHEMA - 1 == 846,
               "SQLite keeps the text of each CREATE: a changed blank would show");
 
+#ifdef __cplusplus
 } // namespace arsp
+#endif
 
 #endif
