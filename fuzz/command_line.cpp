@@ -1,6 +1,6 @@
-/* Whole command lines: what the tool's main() does, in this process, in a private root, from the same database and the same
- * files each time. The input is text: a line for each argument (a NUL byte in it stands for a line feed), a line "&"
- * between two runs of the tool, and after a line "|" the standard input of them all. */
+/* Whole command lines: what the tool's main() does, in this process, in a private root, from the same database and the
+ * same files each time. The input is text: a line for each argument (a NUL byte in it stands for a line feed), a line
+ * "&" between two runs of the tool, and after a line "|" the standard input of them all. */
 
 #include <algorithm>
 #include <cstdint>
