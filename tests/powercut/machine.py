@@ -40,7 +40,8 @@ class Machine:
         drives = [word for disk in disks for word in ("-drive", f"file={disk},format=raw,if=virtio,cache=writeback")]
         self._words = [QEMU, "-nodefaults", "-no-user-config", "-no-reboot", "-display", "none", "-serial", "stdio",
                        "-accel", accelerator, "-cpu", "max", "-m", "256", "-kernel", kernel.image, "-initrd", archive,
-                       "-append", "console=ttyS0 quiet panic=-1 mitigations=off cryptomgr.notests", *drives]
+                       "-append", "console=ttyS0 no_timer_check quiet panic=-1 mitigations=off "
+                       "cryptomgr.notests", *drives]
         self._boot_seconds = BOOT_SECONDS[accelerator]
         self._boot()
 
