@@ -103,7 +103,7 @@ class Arena:
     # -- runs
 
     def run(self, words, stdin=""):
-        """Runs a program inside, fed from the file `stdin` inside, and answers what it wrote to standard output."""
+        """Runs a program inside, fed from the file `stdin` inside, and returns what it wrote to standard output."""
         with contextlib.ExitStack() as files:
             source = files.enter_context(open(self.path(stdin) if stdin else os.devnull, "rb"))
             pipe = subprocess.Popen(["cat"], stdin=source, stdout=subprocess.PIPE)
@@ -120,7 +120,7 @@ class Arena:
         self.run([competitors.FIXTURE, *map(str, words)])
 
     def time(self, case, names, rounds, jobs=1, urgent=True):
-        """Runs the competitors `names` by turns; answers {name: Sample}.
+        """Runs the competitors `names` by turns; returns {name: Sample}.
 
         urgent   with real-time priority, so that whatever else the machine does costs the competitors nothing
         """
@@ -141,7 +141,7 @@ class Arena:
         return {name: Sample([row[1:] for row in rows if row[0] == number]) for number, name in enumerate(names)}
 
     def system_calls(self, case, name):
-        """Answers {system call: number}, of the program and all that it starts."""
+        """Returns {system call: number}, of the program and all that it starts."""
         if case.before:
             self.run(case.before)
         self.run(["/usr/bin/strace", "-f", "-qq", "-e", "signal=none", "-o", "/tmp/trace", *case.programs[name]], case.stdin)
@@ -153,7 +153,7 @@ class Arena:
         return calls
 
     def instructions(self, case, name):
-        """Answers {function: instructions} of the program itself, without what it starts."""
+        """Returns {function: instructions} of the program itself, without what it starts."""
         if case.before:
             self.run(case.before)
         self.path("/tmp/callgrind").unlink(missing_ok=True)

@@ -31,7 +31,7 @@ def record(counted):
 
 
 def read():
-    """Answers {command: (total, {function: instructions})}."""
+    """Returns {command: (total, {function: instructions})}."""
     recorded, functions = {}, {}
     for line in FILE.read_text(encoding="utf-8").splitlines():
         if line.startswith("#"):
@@ -47,7 +47,7 @@ def read():
 
 
 def compare(counted):
-    """Prints what changed and answers whether a command has grown."""
+    """Prints what changed and returns whether a command has grown."""
     recorded, grown = read(), False
     if tools() not in FILE.read_text(encoding="utf-8").splitlines():
         print("The recorded counts are of other tools: a difference may be theirs, not the code's")

@@ -99,7 +99,7 @@ def init_db(script):
 
 
 def set_resp(address, body, stdin=BODY):
-    """With `body` None the text is too long for an argument, and nobody is called directly."""
+    """With `body` None the text is too long for an argument, and sqlite3 is not called directly."""
     options = ["--mailname", address, "--real-owner", address, "--subj", SUBJECT, "--content-type", "html"]
     direct = None if body is None else _sqlite3("BEGIN TRANSACTION", (
         "REPLACE INTO autoresponder (keystr, key_where, subject, reply_to, forward_to, content_type, charset, body, "

@@ -140,7 +140,7 @@ def slope(points):
 
 
 def exponent(curve, points, name):
-    """Answers (exponent, number of sizes it was fitted to)."""
+    """Returns (exponent, number of sizes it was fitted to)."""
     walls = [(point.size, point.wall[name]) for point in points]
     if not curve.flat:
         least, base = walls[0]

@@ -59,7 +59,7 @@ bool domain_rule(std::string_view text)
     return true;
 }
 
-/* What the option answers: the address that it holds, or its message after "!". */
+/* The result of the option: the address that it holds, or its message after "!". */
 std::string address_rule(const std::string &token)
 {
     const std::vector<std::string_view> pieces = split(token, '@');

@@ -48,7 +48,7 @@ def text(value):
 
 
 def read_reply(connection, mailbox):
-    """What the mailbox answers, or None. One short transaction, so that its parts belong together."""
+    """Returns the reply of the mailbox, or None. One short transaction, so that its parts belong together."""
     with transaction(connection, "BEGIN"):
         row = connection.execute(
             "SELECT keystr, key_where, subject, reply_to, forward_to, content_type, charset, body, ans_freq, real_owner"
@@ -73,7 +73,7 @@ def asks_for_reply(reply, subject, body):
 
 
 def count_reply(connection, mailbox, sender, limit, now):
-    """Counts one more reply to `sender`; answers whether it may be sent.
+    """Counts one more reply to `sender`; returns whether it may be sent.
 
     Read-then-write: BEGIN IMMEDIATE takes the write lock before reading, so that it waits here, with nothing in hand
     that others wait for.
