@@ -1,9 +1,9 @@
 # What is installed. The component "runtime" is for who administers the panel: the tool with its manual pages, completions
 # and documents.
 #
-# The component "development" is for other programs of the panel: the libraries of support/ and store/ with all their
-# headers, found by find_package(arsp) or as the pkg-config module "arsp". Everything in it finds its prefix by its own
-# place, so the installed tree may be moved.
+# The component "development" is for other programs of the panel: the libraries of support/ and store/ with their
+# interface headers, found by find_package(arsp) or as the pkg-config module "arsp". Everything in it finds its prefix by
+# its own place, so the installed tree may be moved.
 set(CMAKE_INSTALL_DOCDIR "share/doc/arspctl" CACHE PATH "Documents")
 include(GNUInstallDirs)
 include(CMakePackageConfigHelpers)
@@ -45,10 +45,10 @@ install(FILES docs/examples/responder.py DESTINATION ${CMAKE_INSTALL_DOCDIR}/exa
 
 set(ARSP_CONFIG_DIR ${CMAKE_INSTALL_LIBDIR}/cmake/arsp)
 
-# Makes arsp_<folder> part of the package, as arsp::<folder>; its headers are included as "<folder>/<file>.h".
+# Makes arsp_<folder> part of the package, as arsp::<folder>. The further arguments are its interface headers, included
+# as "<folder>/<file>.h"; the other headers of the folder are not installed.
 function(arsp_package_library folder)
-  file(GLOB headers CONFIGURE_DEPENDS ${CMAKE_CURRENT_SOURCE_DIR}/*.h)
-  target_sources(arsp_${folder} PUBLIC FILE_SET HEADERS BASE_DIRS ${PROJECT_SOURCE_DIR} FILES ${headers})
+  target_sources(arsp_${folder} PUBLIC FILE_SET HEADERS BASE_DIRS ${PROJECT_SOURCE_DIR} FILES ${ARGN})
   set_target_properties(arsp_${folder} PROPERTIES EXPORT_NAME ${folder})
   add_library(arsp::${folder} ALIAS arsp_${folder})
   install(

@@ -1,6 +1,7 @@
 """What `cmake --install` puts where: one component for who administers the panel, one for other programs."""
 
 import re
+import subprocess
 
 from harness.private_root import REPOSITORY
 
@@ -25,9 +26,23 @@ def test_the_runtime_is_the_tool_its_pages_completions_and_documents(install):
 
 def test_the_development_files_are_libraries_headers_and_what_finds_them(install):
     files = [re.sub(r"^lib/([^/]+-linux-gnu/)?", "lib/", name) for name in install("development")]
-    files = [re.sub(r"arsp-targets-(release|none)", "arsp-targets-TYPE", name) for name in files]
+    files = [re.sub(r"arsp-targets-(release|none|debug)", "arsp-targets-TYPE", name) for name in files]
 
-    assert [name for name in files if not name.startswith("include/")] == [
+    assert files == [
+        "include/arsp/store/attachments.h",
+        "include/arsp/store/extra_headers.h",
+        "include/arsp/store/init_db.h",
+        "include/arsp/store/records.h",
+        "include/arsp/store/responder_db.h",
+        "include/arsp/store/schema.h",
+        "include/arsp/support/conf.h",
+        "include/arsp/support/conf_vars.h",
+        "include/arsp/support/dirs.h",
+        "include/arsp/support/fatal.h",
+        "include/arsp/support/files.h",
+        "include/arsp/support/log.h",
+        "include/arsp/support/mail_syntax.h",
+        "include/arsp/support/text.h",
         "lib/cmake/arsp/arsp-config-version.cmake",
         "lib/cmake/arsp/arsp-config.cmake",
         "lib/cmake/arsp/arsp-targets-TYPE.cmake",
@@ -36,8 +51,14 @@ def test_the_development_files_are_libraries_headers_and_what_finds_them(install
         "lib/libarsp_support.a",
         "lib/pkgconfig/arsp.pc",
     ]
-    assert {name.rsplit("/", 1)[0] for name in files if name.startswith("include/")} == {
-        "include/arsp/store", "include/arsp/support"}
+
+
+def test_installed_headers_include_only_installed_headers(install, tmp_path):
+    headers = re.findall("include/arsp/(.*)", "\n".join(install("development")))
+    source = "".join(f'#include "{header}"\n' for header in headers)
+
+    subprocess.run(["g++", "-std=c++20", "-fsyntax-only", "-I", tmp_path / "development/include/arsp", "-xc++", "-"],
+                   input=source, text=True, check=True)
 
 
 def test_the_debian_packages_have_the_version_of_the_project():
