@@ -17,6 +17,8 @@
 #include "cli/options.h"
 #include "support/stream.h"
 
+using namespace arsp;
+
 namespace po = boost::program_options;
 
 namespace {

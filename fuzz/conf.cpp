@@ -17,6 +17,8 @@
 #include "support/conf_store.h"
 #include "tests/unit/support/syslog_capture.h"
 
+using namespace arsp;
+
 namespace {
 
 constexpr int WARNING_OF_THE_USER = 12;

@@ -21,6 +21,8 @@
 #include "support/text.h"
 #include "tests/unit/support/syslog_capture.h"
 
+using namespace arsp;
+
 namespace {
 
 struct Settings {

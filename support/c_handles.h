@@ -10,6 +10,8 @@
 #include <dirent.h>
 #include <unistd.h>
 
+namespace arsp {
+
 /* RAII owners for C resources; signatures pass plain pointers and descriptors. */
 
 /* Puts errno back, when its scope ends, to what it was when its scope began. */
@@ -92,5 +94,7 @@ struct LineBuffer {
     char *text = nullptr;
     size_t size = 0; /* bytes allocated, not the length of the line */
 };
+
+} // namespace arsp
 
 #endif

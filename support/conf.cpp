@@ -7,6 +7,8 @@
 #include "support/conf_store.h"
 #include "support/log.h"
 
+using namespace arsp;
+
 namespace {
 
 ConfStore *loaded_store = nullptr;

@@ -6,7 +6,9 @@
 /* The panel configuration: read once per process, never reloaded and never freed. Every value returned here belongs to
  * this module, or is a literal: callers neither free nor change it. */
 
+namespace arsp {
 constexpr char KEL_CONF_PATH[] = "/etc/kel/kel.conf";
+}
 
 /* Reads KEL_CONF_PATH, unless that has been done. Returns 0, or -1 with errno set and nothing loaded: then every value
  * is its default, and every later request tries to load again. Logs what conf_parse_file logs, and

@@ -8,6 +8,8 @@
 #include "support/c_handles.h"
 #include "support/log.h"
 
+using namespace arsp;
+
 namespace {
 
 bool is_space(char c)

@@ -9,6 +9,8 @@
 #include "support/c_handles.h"
 #include "support/log.h"
 
+using namespace arsp;
+
 namespace {
 
 constexpr uint64_t FIRST_CAPACITY = 20; /* pairs */

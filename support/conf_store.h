@@ -5,14 +5,16 @@
 #include <memory>
 
 /* The pairs read from kel.conf. Everything in it is malloc'ed and belongs to the store. */
+namespace arsp {
 struct ConfPair {
     char *name;
     char *value;
 };
+} // namespace arsp
 
 /* All zero is an empty store. */
 struct ConfStore {
-    ConfPair *entries;
+    arsp::ConfPair *entries;
     uint64_t capacity; /* pairs allocated */
     uint64_t count;    /* pairs in use */
     int32_t sorted;    /* 1: the pairs are in ascending strcmp order of their names */
@@ -35,9 +37,11 @@ const char *conf_store_find(const char *name, const ConfStore *store);
 /* Frees the pairs, and the store itself, which was malloc'ed. Does nothing to a null pointer. */
 void conf_store_free(ConfStore *store);
 
+namespace arsp {
 struct FreeConfStore {
     void operator()(ConfStore *store) const { conf_store_free(store); }
 };
 using ConfStorePtr = std::unique_ptr<ConfStore, FreeConfStore>;
+} // namespace arsp
 
 #endif

@@ -2,7 +2,7 @@
 
 /* The sizes are left to the compiler: it refuses a table that has another length than its declaration. */
 
-const char *const CONF_VAR_NAMES[] = {
+const char *const arsp::CONF_VAR_NAMES[] = {
     "_MIN_POSSIBLE_KEL_CONF_VAR_NAME",
     "QUARN_MAILNAMES_D",
     "RBLSMTPD",
@@ -36,7 +36,7 @@ const char *const CONF_VAR_NAMES[] = {
     "_MAX_POSSIBLE_KEL_CONF_VAR_NAME",
 };
 
-const char *const CONF_VAR_DEFAULTS[] = {
+const char *const arsp::CONF_VAR_DEFAULTS[] = {
     "_MIN_POSSIBLE_KEL_CONF_VAR_VALUE",
     "/var/qmail/mailnames",
     "/usr/sbin/rblsmtpd",

@@ -1,6 +1,8 @@
 #ifndef ARSP_SUPPORT_CONF_VARS_H
 #define ARSP_SUPPORT_CONF_VARS_H
 
+namespace arsp {
+
 /* The variables of the panel configuration that have a compile-time default. The first and the last enumerator bound
  * the range and are no variables. The numbers are shared with the panel's other tools: new ones go before the last. */
 enum ConfVarIndex : int {
@@ -42,5 +44,9 @@ constexpr int CONF_VAR_COUNT = CONF_MAX_POSSIBLE_KEL_CONF_VAR + 1;
 /* Both indexed by ConfVarIndex, the two bounds included: the name in kel.conf, and the value when kel.conf has none. */
 extern const char *const CONF_VAR_NAMES[CONF_VAR_COUNT];
 extern const char *const CONF_VAR_DEFAULTS[CONF_VAR_COUNT];
+
+} // namespace arsp
+
+using arsp::ConfVarIndex;
 
 #endif

@@ -3,6 +3,8 @@
 #include <cerrno>
 #include <cstring>
 
+namespace arsp {
+
 DirPtr open_dir_stream(Descriptor directory)
 {
     DirPtr stream(directory ? fdopendir(directory.get()) : nullptr);
@@ -20,3 +22,5 @@ const char *next_entry(DIR *stream)
     while (entry != nullptr && (std::strcmp(entry->d_name, ".") == 0 || std::strcmp(entry->d_name, "..") == 0));
     return entry != nullptr ? entry->d_name : nullptr;
 }
+
+} // namespace arsp

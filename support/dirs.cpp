@@ -12,6 +12,8 @@
 #include "support/fatal.h"
 #include "support/make_dirs.h"
 
+using namespace arsp;
+
 namespace {
 
 /* Returns whether `path` is a directory, after making it if there was nothing; errno says why not. */

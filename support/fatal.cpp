@@ -9,6 +9,8 @@
 #include "support/c_handles.h"
 #include "support/stream.h"
 
+using namespace arsp;
+
 const char *error_program_path = nullptr;
 
 namespace {

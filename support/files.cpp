@@ -12,6 +12,8 @@
 #include "support/log.h"
 #include "support/text.h"
 
+using namespace arsp;
+
 namespace {
 
 /* Opens `path` for writing with these further flags and closes it at once. Returns 0, or -1 with errno set. */

@@ -9,6 +9,8 @@
 #include "support/c_handles.h"
 #include "support/log.h"
 
+namespace arsp {
+
 int flush(int fd)
 {
     const int result = fsync(fd);
@@ -28,3 +30,5 @@ void log_flush_failure(const char *path)
 {
     log_message(LOG_ERR, "Unable to flush %s: %s", path, std::strerror(errno));
 }
+
+} // namespace arsp

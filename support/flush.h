@@ -1,6 +1,8 @@
 #ifndef ARSP_SUPPORT_FLUSH_H
 #define ARSP_SUPPORT_FLUSH_H
 
+namespace arsp {
+
 /* Waits until what was written to the open file or directory `fd` is on the disk. A file that cannot be flushed, such
  * as a pipe, counts as flushed. Returns 0; or -1 with `errno` set. Logs nothing. */
 [[nodiscard]] int flush(int fd);
@@ -12,5 +14,7 @@
 
 /* Logs "Unable to flush %s: %s" at LOG_ERR, with the text of `errno`. */
 void log_flush_failure(const char *path);
+
+} // namespace arsp
 
 #endif

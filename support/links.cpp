@@ -4,6 +4,8 @@
 
 #include <unistd.h>
 
+namespace arsp {
+
 int read_link_target(int link, char (&target)[PATH_MAX])
 {
     const ssize_t length = readlinkat(link, "", target, sizeof target);
@@ -16,3 +18,5 @@ int read_link_target(int link, char (&target)[PATH_MAX])
     target[length] = '\0';
     return 0;
 }
+
+} // namespace arsp

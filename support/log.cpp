@@ -15,6 +15,8 @@
 #include "support/stream.h"
 #include "support/write_deadline.h"
 
+using namespace arsp;
+
 namespace {
 
 using VMessage = void(int priority, const char *format, va_list args);

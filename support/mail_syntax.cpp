@@ -5,6 +5,8 @@
 
 #include "support/c_handles.h"
 
+using namespace arsp;
+
 namespace {
 
 constexpr size_t LOCAL_PART_MAX = 245; /* bytes; wider than the usual 64 on purpose */

@@ -12,6 +12,8 @@
 #include "support/fatal.h"
 #include "support/text.h"
 
+namespace arsp {
+
 namespace {
 
 bool is_empty(int directory)
@@ -91,3 +93,5 @@ void make_dirs(const DirTree &tree)
     });
     umask(old_umask);
 }
+
+} // namespace arsp

@@ -10,6 +10,8 @@
 
 #include "support/c_handles.h"
 
+namespace arsp {
+
 /* Calls `visit(name, last)` for each name of `path`, from the first on, with `path` cut behind the name: the start of
  * the name, and whether nothing follows it. An empty path is one empty name. Stops when `visit` returns false, and
  * leaves `path` cut there. Returns whether it reached the end. */
@@ -45,5 +47,7 @@ struct DirTree {
 /* Does what create_dir_tree does, below directories that it holds open. A new directory gets its owner through a
  * descriptor: another directory or a link that takes its place meanwhile does not get it. */
 void make_dirs(const DirTree &tree);
+
+} // namespace arsp
 
 #endif

@@ -12,6 +12,8 @@
 #include "support/c_handles.h"
 #include "support/dir_stream.h"
 
+namespace arsp {
+
 namespace {
 
 constexpr int READ_DIRECTORY = O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC;
@@ -137,3 +139,5 @@ int remove_contents(int fd, const std::string &path, std::string &error)
     error = remover.error();
     return result;
 }
+
+} // namespace arsp

@@ -3,6 +3,8 @@
 
 #include <string>
 
+namespace arsp {
+
 /* Returns "WHAT PATH: TEXT" with the text of `errno`. The log drops a record that is too long, so the middle of a long
  * path is left out. */
 std::string failure_text(const char *what, const std::string &path);
@@ -13,5 +15,7 @@ std::string failure_text(const char *what, const std::string &path);
  * An entry that has vanished is no error. Returns 0; or -1 after the first failure, with what went wrong where, at most
  * about a kilobyte, in `error`. */
 [[nodiscard]] int remove_contents(int fd, const std::string &path, std::string &error);
+
+} // namespace arsp
 
 #endif

@@ -12,6 +12,8 @@
 
 #include "support/log.h"
 
+namespace arsp {
+
 namespace {
 
 constexpr std::size_t FIRST_BLOCK = 65536; /* what a full pipe delivers at once */
@@ -58,3 +60,5 @@ int read_standard_input(InputText &input)
         }
     }
 }
+
+} // namespace arsp

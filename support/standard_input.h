@@ -6,6 +6,8 @@
 
 #include "support/c_handles.h"
 
+namespace arsp {
+
 /* The bytes of standard input, owned: one malloc'ed block, because realloc moves hundreds of megabytes by remapping
  * pages where a std::string would copy them. Not NUL-terminated. */
 struct InputText {
@@ -20,5 +22,7 @@ struct InputText {
  * part read so far is then no input at all. Waits for a descriptor that its owner made non-blocking. Throws
  * std::bad_alloc when the input does not fit into memory. */
 int read_standard_input(InputText &input);
+
+} // namespace arsp
 
 #endif

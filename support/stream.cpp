@@ -10,6 +10,8 @@
 #include "support/c_handles.h"
 #include "support/write_deadline.h"
 
+namespace arsp {
+
 void write_text(FILE *stream, std::string_view first, std::string_view second, std::string_view third,
                 std::string_view fourth)
 {
@@ -43,3 +45,5 @@ void write_text(FILE *stream, std::string_view first, std::string_view second, s
         }
     }
 }
+
+} // namespace arsp

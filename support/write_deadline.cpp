@@ -2,6 +2,8 @@
 
 #include <unistd.h>
 
+namespace arsp {
+
 namespace {
 
 volatile std::sig_atomic_t alarms = 0;
@@ -64,3 +66,5 @@ WriteDeadline::~WriteDeadline()
         kill(getpid(), SIGALRM);
     setitimer(ITIMER_REAL, &old_timer_, nullptr);
 }
+
+} // namespace arsp

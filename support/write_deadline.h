@@ -4,6 +4,8 @@
 #include <csignal>
 #include <sys/time.h>
 
+namespace arsp {
+
 /* Limits, while it lives, how long each write may wait for a reader: syslog(3) and the standard streams wait for ever
  * for a process that does not read, and a run may hold a database lock meanwhile. After a second an alarm interrupts
  * the waiting call, which fails with EINTR; after the first alarm, later deadlines allow a millisecond.
@@ -34,5 +36,7 @@ private:
     bool was_pending_ = false;
     const int alarms_before_;
 };
+
+} // namespace arsp
 
 #endif

@@ -4,6 +4,8 @@
 
 #include <gtest/gtest.h>
 
+using namespace arsp;
+
 namespace {
 
 TEST(KeepErrnoTest, PutsErrnoBackAtTheEndOfItsScope)

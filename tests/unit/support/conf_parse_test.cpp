@@ -10,6 +10,8 @@
 #include "tests/unit/support/scratch_dir.h"
 #include "tests/unit/support/syslog_capture.h"
 
+using namespace arsp;
+
 using namespace std::string_literals;
 
 namespace {

@@ -11,6 +11,8 @@
 #include "tests/unit/support/little_memory.h"
 #include "tests/unit/support/syslog_capture.h"
 
+using namespace arsp;
+
 /* What AddressSanitizer, where there is one, asks at the start: an impossible size is to be answered as malloc answers.
  */
 const char *sanitizer_options() __asm__("__asan_default_options");

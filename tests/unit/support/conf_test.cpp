@@ -14,6 +14,8 @@
 #include "tests/unit/support/scratch_dir.h"
 #include "tests/unit/support/syslog_capture.h"
 
+using namespace arsp;
+
 namespace {
 
 /* What is opened in place of /etc/kel/kel.conf. */

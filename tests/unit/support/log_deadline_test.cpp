@@ -12,6 +12,8 @@
 #include "tests/unit/support/full_pipe.h"
 #include "tests/unit/support/syslog_capture.h"
 
+using namespace arsp;
+
 namespace {
 
 /* What a caller has arranged for SIGALRM, put back at the end. */

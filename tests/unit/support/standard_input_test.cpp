@@ -15,6 +15,8 @@
 #include "tests/unit/support/scratch_dir.h"
 #include "tests/unit/support/syslog_capture.h"
 
+using namespace arsp;
+
 namespace {
 
 size_t largest_block = std::numeric_limits<size_t>::max(); /* that realloc gives */

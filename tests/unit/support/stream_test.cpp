@@ -17,6 +17,8 @@
 #include "tests/unit/support/full_pipe.h"
 #include "tests/unit/support/scratch_dir.h"
 
+using namespace arsp;
+
 namespace {
 
 enum class Interruption { by_alarm, by_alarm_after_a_byte, by_another_signal };

@@ -9,6 +9,8 @@
 #include "tests/unit/support/little_memory.h"
 #include "tests/unit/support/syslog_capture.h"
 
+using namespace arsp;
+
 namespace {
 
 /* The text that is left where it stood, and the one the function returned. */

@@ -7,6 +7,8 @@
 
 #include <gtest/gtest.h>
 
+using namespace arsp;
+
 namespace {
 
 volatile std::sig_atomic_t alarms_of_the_caller = 0;
