@@ -13,8 +13,7 @@ extern const char *error_program_path;
  *   flag    has no effect.
  *   format  printf-style, never text that came from outside.
  * The second line is left out when it does not fit, together with the message, in 4096 bytes; the message itself has no
- * limit. Without memory for the message, "Can't allocate memory for error message" is printed instead. A message that
- * a stream does not take within a second is lost there.
+ * limit. Without memory for the message, "Can't allocate memory for error message" is printed instead.
  * errno stays as it was. */
 void fatal_error(int status, int flag, const char *format, ...) __attribute__((format(printf, 3, 4)));
 void fatal_verror(int status, int flag, const char *format, va_list args) __attribute__((format(printf, 3, 0)));

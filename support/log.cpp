@@ -1,10 +1,10 @@
 #include "support/log.h"
 
+#include <algorithm>
 #include <cctype>
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
-#include <cstring>
 #include <optional>
 
 #include <poll.h>
@@ -19,75 +19,59 @@ using namespace arsp;
 
 namespace {
 
-using VMessage = void(int priority, const char *format, va_list args);
-
-VMessage console_vmessage __attribute__((format(printf, 2, 0)));
-VMessage system_vmessage __attribute__((format(printf, 2, 0)));
-
 constexpr int SYSLOG_OPTIONS = LOG_PID | LOG_CONS | LOG_PERROR; /* of a caller's bits, those that openlog gets */
 constexpr unsigned LEVEL_FROM_ENVIRONMENT = 0x08;
 
-/* How the logger is before log_init. */
-const char *log_target = nullptr; /* null: none; never "" */
-int log_threshold = LOG_INFO;
-int log_facility = LOG_MAIL;
-int log_option_bits = LOG_PID;
-int log_syslog_options = LOG_PID; /* what openlog got last */
-char log_ident[64] = "";
-char log_trace_id[64] = "";
-VMessage *log_backend = console_vmessage;
+/* The whole state of the logger, as it is before log_init. */
+struct Logger {
+    const char *target = nullptr; /* null: none; never "" */
+    bool system_log = false;      /* log_init has chosen it */
+    int threshold = LOG_INFO;
+    int facility = LOG_MAIL;
+    int options = LOG_PID;
+    int syslog_options = LOG_PID; /* what openlog got last */
+    char ident[64] = "";
+    char trace_id[64] = "";
+};
 
-void copy_cut(char (&to)[64], const char *from)
-{
-    std::snprintf(to, sizeof to, "%s", from);
-}
+Logger logger;
 
-void console_vmessage(int priority, const char *format, va_list args)
+[[gnu::format(printf, 2, 0)]] void log_to_console(int priority, const char *format, va_list args)
 {
-    const KeepErrno keep;
-    if (log_threshold < priority)
+    if (logger.threshold < priority)
         return;
-    const bool both = log_target == nullptr || strcasecmp(log_target, "console") == 0;
-    if (!both && strcasecmp(log_target, "stderr") != 0)
+    const bool both = logger.target == nullptr || strcasecmp(logger.target, "console") == 0;
+    if (!both && strcasecmp(logger.target, "stderr") != 0)
         return;
-    char *made = nullptr;
-    const CString text(vasprintf(&made, format, args) < 0 ? nullptr : made);
-    if (text == nullptr)
+    char *text = nullptr;
+    if (vasprintf(&text, format, args) < 0)
         return;
-    write_text(stderr, text.get(), "\n");
+    write_text(stderr, text, "\n");
     if (both)
-        write_text(stdout, text.get(), "\n");
+        write_text(stdout, text, "\n");
+    std::free(text);
 }
 
-/* Once a record had to be given up because nobody reads standard error, its copies there are left out: the system log
- * gets all its time. */
-void leave_stuck_copies_out()
+/* Stops copying records to standard error if the deadline passed there: each further copy would use up the time that
+ * the system log has. */
+void stop_stuck_copies(WriteDeadline &deadline)
 {
-    if (!WriteDeadline::wasMissed() || (log_syslog_options & LOG_PERROR) == 0)
-        return;
     pollfd copies = {STDERR_FILENO, POLLOUT, 0};
-    if (poll(&copies, 1, 0) != 0)
+    if ((logger.syslog_options & LOG_PERROR) == 0 || poll(&copies, 1, 0) != 0)
         return;
-    log_syslog_options &= ~LOG_PERROR;
-    openlog(log_ident, log_syslog_options, log_facility);
-    WriteDeadline::forget();
+    logger.syslog_options &= ~LOG_PERROR;
+    openlog(logger.ident, logger.syslog_options, logger.facility);
+    deadline.restart();
 }
 
-void system_vmessage(int priority, const char *format, va_list args)
+[[gnu::format(printf, 2, 0)]] void log_to_system(int priority, const char *format, va_list args)
 {
-    const KeepErrno keep;
-    std::optional<WriteDeadline> deadline;
-    if (LOG_PRI(priority) <= log_threshold) { /* the others syslog drops, without waiting for anybody */
-        leave_stuck_copies_out();
-        deadline.emplace();
-    }
-    errno = keep.saved(); /* for %m */
-    if ((log_option_bits & LOG_OPT_TRACE_ID) == 0 || log_trace_id[0] == '\0') {
+    if ((logger.options & LOG_OPT_TRACE_ID) == 0 || logger.trace_id[0] == '\0') {
         vsyslog(priority, format, args);
         return;
     }
     char buffer[8192];
-    const int prefix = std::snprintf(buffer, sizeof buffer, "%s: ", log_trace_id);
+    const int prefix = std::snprintf(buffer, sizeof buffer, "%s: ", logger.trace_id);
     std::vsnprintf(buffer + prefix, sizeof buffer - static_cast<size_t>(prefix), format, args);
     syslog(priority, "%s", buffer);
 }
@@ -96,62 +80,69 @@ void find_trace_id()
 {
     const char *given = std::getenv("QUARN_LOG_TRACE_ID");
     if (given != nullptr && *given != '\0') {
-        copy_cut(log_trace_id, given);
-        return;
+        std::snprintf(logger.trace_id, sizeof logger.trace_id, "%s", given);
+    } else {
+        const int initial = std::toupper(static_cast<unsigned char>(program_invocation_short_name[0]));
+        std::snprintf(logger.trace_id, sizeof logger.trace_id, "%c%ld", initial, static_cast<long>(getpid()));
+        setenv("QUARN_LOG_TRACE_ID", logger.trace_id, 1);
     }
-    const int initial = std::toupper(static_cast<unsigned char>(program_invocation_short_name[0]));
-    std::snprintf(log_trace_id, sizeof log_trace_id, "%c%ld", initial, static_cast<long>(getpid()));
-    setenv("QUARN_LOG_TRACE_ID", log_trace_id, 1);
 }
 
 } // namespace
 
 void log_init(const char *target, unsigned level, int facility, int options, const char *ident)
 {
-    log_target = target != nullptr && *target != '\0' ? target : nullptr;
-    log_facility = facility;
-    if (log_target != nullptr) {
-        log_backend = console_vmessage;
-    } else {
+    logger.target = target != nullptr && *target != '\0' ? target : nullptr;
+    logger.system_log = logger.target == nullptr;
+    logger.facility = facility;
+    if (logger.system_log) {
         closelog();
-        log_option_bits = options | LOG_PID;
-        copy_cut(log_ident, ident != nullptr ? ident : program_invocation_short_name);
-        if ((log_option_bits & LOG_OPT_TRACE_ID) != 0)
+        logger.options = options | LOG_PID;
+        std::snprintf(logger.ident, sizeof logger.ident, "%s",
+                      ident != nullptr ? ident : program_invocation_short_name);
+        if ((logger.options & LOG_OPT_TRACE_ID) != 0)
             find_trace_id();
-        log_syslog_options = log_option_bits & SYSLOG_OPTIONS;
-        openlog(log_ident, log_syslog_options, log_facility);
-        log_backend = system_vmessage;
+        logger.syslog_options = logger.options & SYSLOG_OPTIONS;
+        openlog(logger.ident, logger.syslog_options, logger.facility);
     }
     log_set_level(level);
 }
 
 void log_set_level(unsigned level)
 {
-    int threshold = static_cast<int>(level & LOG_PRIMASK);
-    if ((level & LEVEL_FROM_ENVIRONMENT) != 0) {
-        const char *wish = std::getenv("QUARN_LOG_LEVEL");
-        if (wish != nullptr && wish[0] >= '0' && wish[0] <= '7' && wish[1] == '\0' && wish[0] - '0' > threshold)
-            threshold = wish[0] - '0';
-    }
-    log_threshold = threshold;
-    if (log_target == nullptr)
-        setlogmask(LOG_UPTO(threshold));
+    logger.threshold = static_cast<int>(level & LOG_PRIMASK);
+    const char *wish = (level & LEVEL_FROM_ENVIRONMENT) != 0 ? std::getenv("QUARN_LOG_LEVEL") : nullptr;
+    if (wish != nullptr && wish[0] >= '0' && wish[0] <= '7' && wish[1] == '\0')
+        logger.threshold = std::max(logger.threshold, wish[0] - '0');
+    if (logger.target == nullptr)
+        setlogmask(LOG_UPTO(logger.threshold));
 }
 
 int log_options()
 {
-    return log_option_bits;
+    return logger.options;
 }
 
 void log_message(int priority, const char *format, ...)
 {
     va_list args;
     va_start(args, format);
-    log_backend(priority, format, args);
+    log_vmessage(priority, format, args);
     va_end(args);
 }
 
 void log_vmessage(int priority, const char *format, va_list args)
 {
-    log_backend(priority, format, args);
+    const KeepErrno keep;
+    if (!logger.system_log) {
+        log_to_console(priority, format, args);
+        return;
+    }
+    std::optional<WriteDeadline> deadline;
+    if (LOG_PRI(priority) <= logger.threshold) /* syslog drops the others, without waiting */
+        deadline.emplace();
+    errno = keep.saved(); /* for %m */
+    log_to_system(priority, format, args);
+    if (deadline && deadline->passed())
+        stop_stuck_copies(*deadline);
 }

@@ -32,10 +32,8 @@ void log_set_level(unsigned level);
 /* Returns the option bits given to log_init for the system log, LOG_PID added. */
 int log_options();
 
-/* Emits one record. Failures to do so are not reported; errno stays as it was. A system log that nobody reads costs
- * two seconds once and next to nothing after that; the records are lost. A standard error that nobody reads costs a
- * second once; the system log then gets the records alone. The console loses a record that a stream does not take
- * within a second, or for which there is no memory.
+/* Emits one record. Failures to do so are not reported; errno stays as it was. The console loses a record for which
+ * there is no memory.
  *   priority  a syslog severity, optionally with a facility added. The console compares the whole value with the
  *             threshold, so a priority with a facility is never shown there.
  *   format    printf-style, never text that came from outside. It needs no line feed at its end. With a trace id, what

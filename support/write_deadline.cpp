@@ -1,70 +1,70 @@
 #include "support/write_deadline.h"
 
-#include <unistd.h>
+#include <csignal>
+#include <ctime>
 
 namespace arsp {
 
 namespace {
 
-volatile std::sig_atomic_t alarms = 0;
+bool enabled = false;
+bool missed = false; /* a deadline has passed for good */
+volatile std::sig_atomic_t expired = 0;
 
-void count_alarm(int)
+void set_expired(int)
 {
-    alarms = alarms + 1;
+    expired = 1;
 }
 
-constexpr itimerval OFF = {};
+/* A timer and a signal of our own: the caller's SIGALRM and its timer, which survive exec, stay as they are. */
+timer_t make_timer()
+{
+    struct sigaction interrupt = {}; /* no SA_RESTART: the waiting call has to fail */
+    interrupt.sa_handler = set_expired;
+    sigaction(SIGRTMIN, &interrupt, nullptr);
+    sigset_t unblocked = {};
+    sigaddset(&unblocked, SIGRTMIN);
+    sigprocmask(SIG_UNBLOCK, &unblocked, nullptr);
+    sigevent event = {};
+    event.sigev_notify = SIGEV_SIGNAL;
+    event.sigev_signo = SIGRTMIN;
+    timer_t timer = {};
+    timer_create(CLOCK_MONOTONIC, &event, &timer); /* ignored: without a timer there is no deadline */
+    return timer;
+}
+
+/* Makes the timer expire again and again: syslog tries a second time, and there may be several writes. */
+void set_timer(timespec interval)
+{
+    if (!enabled)
+        return;
+    static const timer_t timer = make_timer();
+    const itimerspec setting = {interval, interval};
+    timer_settime(timer, 0, &setting, nullptr);
+}
 
 } // namespace
 
-WriteDeadline::WriteDeadline() : alarms_before_(alarms)
+void enable_write_deadlines()
 {
-    setitimer(ITIMER_REAL, &OFF, &old_timer_); /* first: our handler must not take an alarm of the caller's timer */
-    sigset_t pending = {};
-    sigpending(&pending);
-    was_pending_ = sigismember(&pending, SIGALRM) == 1;
-    struct sigaction interrupt = {}; /* no SA_RESTART: the waiting call has to fail */
-    interrupt.sa_handler = count_alarm;
-    sigaction(SIGALRM, &interrupt, &old_action_);
-    sigset_t alarm_only;
-    sigemptyset(&alarm_only);
-    sigaddset(&alarm_only, SIGALRM);
-    sigprocmask(SIG_UNBLOCK, &alarm_only, &old_mask_); /* a pending alarm comes now; restart() forgets it */
-    restart();
+    enabled = true;
 }
 
 void WriteDeadline::restart()
 {
-    /* Again and again: syslog tries a second time, and there may be several writes. */
-    const timeval wait = alarms_before_ != 0 ? timeval{0, 1000} : timeval{1, 0};
-    const itimerval timer = {wait, wait};
-    setitimer(ITIMER_REAL, &timer, nullptr);
-    alarms = alarms_before_;
+    set_timer(missed ? timespec{0, 1000000} : timespec{1, 0});
+    expired = 0;
 }
 
 bool WriteDeadline::passed() const
 {
-    return alarms != alarms_before_;
-}
-
-bool WriteDeadline::wasMissed()
-{
-    return alarms != 0;
-}
-
-void WriteDeadline::forget()
-{
-    alarms = 0;
+    return expired != 0;
 }
 
 WriteDeadline::~WriteDeadline()
 {
-    setitimer(ITIMER_REAL, &OFF, nullptr);
-    sigprocmask(SIG_SETMASK, &old_mask_, nullptr);
-    sigaction(SIGALRM, &old_action_, nullptr);
-    if (was_pending_)
-        kill(getpid(), SIGALRM);
-    setitimer(ITIMER_REAL, &old_timer_, nullptr);
+    set_timer({0, 0});
+    missed = missed || passed();
 }
 
 } // namespace arsp

@@ -1,40 +1,26 @@
 #ifndef ARSP_SUPPORT_WRITE_DEADLINE_H
 #define ARSP_SUPPORT_WRITE_DEADLINE_H
 
-#include <csignal>
-#include <sys/time.h>
-
 namespace arsp {
 
+/* Switches write deadlines on, for the rest of the process. For a program that must not wait for ever while it holds a
+ * lock. The first deadline then takes over the signal SIGRTMIN. Without this call a WriteDeadline has no effect. */
+void enable_write_deadlines();
+
 /* Limits, while it lives, how long each write may wait for a reader: syslog(3) and the standard streams wait for ever
- * for a process that does not read, and a run may hold a database lock meanwhile. After a second an alarm interrupts
- * the waiting call, which fails with EINTR; after the first alarm, later deadlines allow a millisecond.
- *
- * Uses SIGALRM and the real-time timer of the process and restores both. An alarm of the caller's that was blocked and
- * pending is pending again afterwards. */
+ * for a process that does not read. After a second a signal interrupts the waiting call, which fails with EINTR; after
+ * the first missed deadline, later ones allow a millisecond. One at a time. */
 class WriteDeadline {
 public:
-    WriteDeadline();
+    WriteDeadline() { restart(); }
     WriteDeadline(const WriteDeadline &) = delete;
     WriteDeadline &operator=(const WriteDeadline &) = delete;
     ~WriteDeadline();
 
-    /* Begins the wait anew, and forgets an alarm: the reader is slow, but it reads. */
+    /* Starts the wait again, as if the deadline had not passed. */
     void restart();
 
-    /* Returns whether an alarm has come since this deadline began. */
-    bool passed() const;
-
-    /* Whether any deadline has passed; forget() starts anew, once the stream in question is left alone. */
-    static bool wasMissed();
-    static void forget();
-
-private:
-    itimerval old_timer_ = {};
-    struct sigaction old_action_ = {};
-    sigset_t old_mask_ = {};
-    bool was_pending_ = false;
-    const int alarms_before_;
+    [[nodiscard]] bool passed() const;
 };
 
 } // namespace arsp

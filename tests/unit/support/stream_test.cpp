@@ -15,13 +15,12 @@
 #include "support/write_deadline.h"
 #include "tests/unit/support/child_process.h"
 #include "tests/unit/support/full_pipe.h"
-#include "tests/unit/support/scratch_dir.h"
 
 using namespace arsp;
 
 namespace {
 
-enum class Interruption { by_alarm, by_alarm_after_a_byte, by_another_signal };
+enum class Interruption { by_deadline, by_deadline_after_a_byte, by_another_signal };
 
 std::deque<Interruption> interruptions; /* of the next calls of writev */
 
@@ -36,8 +35,8 @@ ssize_t writev_that_is_interrupted(int fd, const iovec *parts, int count)
     const Interruption now = interruptions.front();
     interruptions.pop_front();
     if (now != Interruption::by_another_signal)
-        raise(SIGALRM);
-    if (now == Interruption::by_alarm_after_a_byte)
+        raise(SIGRTMIN);
+    if (now == Interruption::by_deadline_after_a_byte)
         return write(fd, parts->iov_base, 1);
     errno = EINTR;
     return -1;
@@ -45,91 +44,29 @@ ssize_t writev_that_is_interrupted(int fd, const iovec *parts, int count)
 
 namespace {
 
-class WriteTextTest : public testing::Test {
-protected:
-    ~WriteTextTest() override
-    {
-        std::fclose(stream_);
-        interruptions.clear();
-        WriteDeadline::forget();
+TEST(WriteTextTest, WritesItsPartsAfterTheBufferedText)
+{
+    const ChildResult child = run_in_child([] {
+        std::fputs("zero ", stdout);
+        write_text(stdout, "one", "", " two", "\n");
+        write_text(stdout, "");
+        write_text(stdout, "three\n");
+    });
+    EXPECT_EQ(child.out, "zero one two\nthree\n");
+}
+
+TEST(WriteTextTest, KeepsErrno)
+{
+    for (const char *path : {"/dev/null", "/dev/full"}) {
+        FILE *stream = std::fopen(path, "w");
+        errno = ENOENT;
+        write_text(stream, "one\n");
+        EXPECT_EQ(errno, ENOENT) << path;
+        std::fclose(stream);
     }
-
-    std::string written() const { return file_text(path_); }
-
-private:
-    ScratchDir dir_;
-    std::string path_ = dir_.file("stream");
-
-protected:
-    FILE *stream_ = std::fopen(path_.c_str(), "w");
-};
-
-TEST_F(WriteTextTest, PartsFollowEachOther)
-{
-    write_text(stream_, "one", " ", "two", "\n");
-    write_text(stream_, "three\n");
-    EXPECT_EQ(written(), "one two\nthree\n");
 }
 
-TEST_F(WriteTextTest, EmptyPartsAreHarmless)
-{
-    write_text(stream_, "");
-    write_text(stream_, "", "one", "", "\n");
-    EXPECT_EQ(written(), "one\n");
-}
-
-TEST_F(WriteTextTest, BufferedTextIsWrittenFirst)
-{
-    std::fputs("one ", stream_);
-    write_text(stream_, "two\n");
-    EXPECT_EQ(written(), "one two\n");
-}
-
-TEST_F(WriteTextTest, KeepsErrno)
-{
-    errno = ENOENT;
-    write_text(stream_, "one\n");
-    EXPECT_EQ(errno, ENOENT);
-    FILE *full = std::fopen("/dev/full", "w");
-    errno = ENOENT;
-    write_text(full, "one\n");
-    EXPECT_EQ(errno, ENOENT);
-    std::fclose(full);
-}
-
-TEST_F(WriteTextTest, SignalOfAnotherNumberDoesNotEndTheWait)
-{
-    interruptions = {3, Interruption::by_another_signal};
-    write_text(stream_, "one\n");
-    EXPECT_EQ(written(), "one\n");
-}
-
-TEST_F(WriteTextTest, AlarmEndsTheWait)
-{
-    interruptions = {Interruption::by_alarm};
-    write_text(stream_, "one\n");
-    EXPECT_EQ(written(), "");
-}
-
-TEST_F(WriteTextTest, AlarmDoesNotEndTheWaitForAReaderThatReads)
-{
-    interruptions = {Interruption::by_alarm_after_a_byte, Interruption::by_another_signal,
-                     Interruption::by_alarm_after_a_byte};
-    write_text(stream_, "one\n");
-    EXPECT_EQ(written(), "one\n");
-    EXPECT_FALSE(WriteDeadline::wasMissed());
-}
-
-TEST_F(WriteTextTest, SignalOfAnotherNumberDoesNotEndALaterWait)
-{
-    interruptions = {Interruption::by_alarm};
-    write_text(stream_, "one\n");
-    interruptions = {Interruption::by_another_signal};
-    write_text(stream_, "two\n");
-    EXPECT_EQ(written(), "two\n");
-}
-
-TEST(WriteTextToMemoryTest, StreamWithoutADescriptorGetsTheTextToo)
+TEST(WriteTextTest, StreamWithoutADescriptorGetsTheTextToo)
 {
     char *text = nullptr;
     size_t size = 0;
@@ -141,13 +78,37 @@ TEST(WriteTextToMemoryTest, StreamWithoutADescriptorGetsTheTextToo)
     std::free(text);
 }
 
+/* Returns what is written of "one\n" when writev is interrupted like this, and then of "two\n" when a signal other than
+ * the deadline's interrupts it once. */
+std::string written(const std::deque<Interruption> &of_first)
+{
+    return run_in_child([&] {
+               enable_write_deadlines();
+               interruptions = of_first;
+               write_text(stdout, "one\n");
+               interruptions = {Interruption::by_another_signal};
+               write_text(stdout, "two\n");
+           })
+        .out;
+}
+
+TEST(WriteTextTest, OnlyADeadlineWithoutProgressEndsTheWait)
+{
+    using enum Interruption;
+    EXPECT_EQ(written({by_another_signal, by_another_signal}), "one\ntwo\n");
+    EXPECT_EQ(written({by_deadline_after_a_byte, by_another_signal, by_deadline_after_a_byte}), "one\ntwo\n");
+    EXPECT_EQ(written({by_deadline}), "two\n");
+    EXPECT_EQ(written({by_deadline_after_a_byte, by_deadline}), "otwo\n");
+}
+
 class FullPipeTest : public testing::TestWithParam<int> {};
 
-TEST_P(FullPipeTest, ReaderThatDoesNotReadIsWaitedForNoLongerThanTheDeadline)
+TEST_P(FullPipeTest, WaitForAReaderEndsWithTheDeadline)
 {
     const FullPipe pipe(GetParam());
     const ChildResult child = run_in_child([&] {
         kill_after(20);
+        enable_write_deadlines();
         write_text(fdopen(pipe.writer(), "w"), "one\n");
         _exit(7);
     });
@@ -161,6 +122,7 @@ TEST_P(FullPipeTest, SlowReaderGetsAllOfALongText)
     const pid_t child = fork();
     if (child == 0) {
         kill_after(20);
+        enable_write_deadlines();
         write_text(fdopen(pipe.writer(), "w"), text.substr(1), "z");
         _exit(0);
     }

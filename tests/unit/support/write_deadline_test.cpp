@@ -1,192 +1,124 @@
 #include "support/write_deadline.h"
 
+#include <cerrno>
 #include <csignal>
+#include <ctime>
 
-#include <dlfcn.h>
 #include <sys/time.h>
 
 #include <gtest/gtest.h>
+
+#include "tests/unit/support/child_process.h"
 
 using namespace arsp;
 
 namespace {
 
-volatile std::sig_atomic_t alarms_of_the_caller = 0;
-
-void count_alarm_of_the_caller(int)
+/* Each test runs in a process of its own: deadlines stay enabled, and a missed one shortens the others. */
+template <typename Body>
+int status_with_deadlines(Body body)
 {
-    alarms_of_the_caller = alarms_of_the_caller + 1;
+    return run_in_child([&] {
+               enable_write_deadlines();
+               _exit(body());
+           })
+        .exit_status;
 }
 
-constexpr time_t CALLERS_SECONDS = 77; /* what the caller's timer is set to */
+constexpr long MILLISECOND = 1000000; /* nanoseconds */
 
-/* Lets the caller's timer expire now, if it runs. */
-void expire_timer_of_the_caller()
+/* Returns whether a sleep of a minute is interrupted, and no earlier than after `least` nanoseconds. */
+bool interrupts_after(long least)
 {
-    itimerval timer = {};
-    getitimer(ITIMER_REAL, &timer);
-    if (timer.it_value.tv_sec < CALLERS_SECONDS - 10 || timer.it_value.tv_sec > CALLERS_SECONDS)
-        return;
-    const itimerval off = {};
-    setitimer(ITIMER_REAL, &off, nullptr);
-    raise(SIGALRM);
+    timespec start = {};
+    timespec end = {};
+    clock_gettime(CLOCK_MONOTONIC, &start);
+    const timespec minute = {60, 0};
+    const bool interrupted = nanosleep(&minute, nullptr) != 0 && errno == EINTR;
+    clock_gettime(CLOCK_MONOTONIC, &end);
+    return interrupted && (end.tv_sec - start.tv_sec) * 1000 * MILLISECOND + end.tv_nsec - start.tv_nsec >= least;
 }
 
-} // namespace
-
-/* The linker takes this for sigaction. The caller's timer, where it runs, expires while a handler other than the
- * caller's is there. */
-int sigaction_when_the_timer_expires(int number, const struct sigaction *action,
-                                     struct sigaction *old) __asm__("sigaction");
-int sigaction_when_the_timer_expires(int number, const struct sigaction *action, struct sigaction *old)
+TEST(WriteDeadlineTest, HasNoEffectUntilEnabled)
 {
-    using Sigaction = int(int, const struct sigaction *, struct sigaction *);
-    static const auto real_sigaction = reinterpret_cast<Sigaction *>(dlsym(RTLD_NEXT, "sigaction"));
-    const bool is_callers = action != nullptr && action->sa_handler == count_alarm_of_the_caller;
-    if (is_callers)
-        expire_timer_of_the_caller();
-    const int result = real_sigaction(number, action, old);
-    if (!is_callers)
-        expire_timer_of_the_caller();
-    return result;
+    const WriteDeadline deadline;
+    struct sigaction action = {};
+    sigaction(SIGRTMIN, nullptr, &action);
+    EXPECT_EQ(action.sa_handler, SIG_DFL);
+    EXPECT_FALSE(deadline.passed());
 }
 
-namespace {
-
-sigset_t only_alarm()
+TEST(WriteDeadlineTest, InterruptsEachWaitAfterASecondAndLaterOnesAfterAMillisecond)
 {
-    sigset_t signals;
-    sigemptyset(&signals);
-    sigaddset(&signals, SIGALRM);
-    return signals;
+    EXPECT_EQ(status_with_deadlines([] {
+                  {
+                      const WriteDeadline deadline;
+                      if (deadline.passed() || !interrupts_after(900 * MILLISECOND) || !deadline.passed())
+                          return 1;
+                      if (!interrupts_after(900 * MILLISECOND))
+                          return 2;
+                  }
+                  const WriteDeadline later;
+                  return !later.passed() && interrupts_after(0) && later.passed() ? 0 : 3;
+              }),
+              0);
 }
 
-bool alarm_is_blocked()
+TEST(WriteDeadlineTest, RestartForgetsThatItPassed)
 {
-    sigset_t now;
-    sigprocmask(SIG_BLOCK, nullptr, &now);
-    return sigismember(&now, SIGALRM) == 1;
+    EXPECT_EQ(status_with_deadlines([] {
+                  {
+                      WriteDeadline deadline;
+                      raise(SIGRTMIN);
+                      deadline.restart();
+                      if (deadline.passed())
+                          return 1;
+                  }
+                  const WriteDeadline later;
+                  return interrupts_after(900 * MILLISECOND) ? 0 : 2;
+              }),
+              0);
 }
 
-bool alarm_is_pending()
+TEST(WriteDeadlineTest, TimerStopsWithTheDeadline)
 {
-    sigset_t now;
-    sigpending(&now);
-    return sigismember(&now, SIGALRM) == 1;
+    EXPECT_EQ(status_with_deadlines([] {
+                  {
+                      const WriteDeadline deadline;
+                      raise(SIGRTMIN);
+                  }
+                  {
+                      const WriteDeadline brief;
+                  }
+                  const timespec longer = {0, 50 * MILLISECOND};
+                  return nanosleep(&longer, nullptr);
+              }),
+              0);
 }
 
-/* The caller has blocked SIGALRM. */
-class BlockedAlarmTest : public testing::Test {
-protected:
-    void SetUp() override { sigprocmask(SIG_BLOCK, &alarm_, &old_mask_); }
-    void TearDown() override
-    {
-        const timespec at_once = {0, 0};
-        while (sigtimedwait(&alarm_, nullptr, &at_once) == SIGALRM)
-            continue;
-        sigprocmask(SIG_SETMASK, &old_mask_, nullptr);
-        WriteDeadline::forget();
-    }
-
-private:
-    const sigset_t alarm_ = only_alarm();
-    sigset_t old_mask_ = {};
-};
-
-TEST_F(BlockedAlarmTest, AlarmIsUnblockedMeanwhile)
+TEST(WriteDeadlineTest, SignalThatTheCallerBlockedOrIgnoredInterruptsAllTheSame)
 {
-    {
-        const WriteDeadline deadline;
-        EXPECT_FALSE(alarm_is_blocked());
-    }
-    EXPECT_TRUE(alarm_is_blocked());
+    EXPECT_EQ(status_with_deadlines([] {
+                  sigset_t all;
+                  sigfillset(&all);
+                  sigprocmask(SIG_SETMASK, &all, nullptr);
+                  signal(SIGRTMIN, SIG_IGN);
+                  const WriteDeadline deadline;
+                  return interrupts_after(0) ? 0 : 1;
+              }),
+              0);
 }
 
-TEST_F(BlockedAlarmTest, PendingAlarmIsPendingAgainAfterwards)
+TEST(WriteDeadlineTest, AlarmTimerOfTheCallerKeepsRunning)
 {
-    raise(SIGALRM);
-    {
-        const WriteDeadline deadline;
-    }
-    EXPECT_TRUE(alarm_is_pending());
-}
-
-TEST_F(BlockedAlarmTest, PendingAlarmIsNoMissedWrite)
-{
-    raise(SIGALRM);
-    {
-        const WriteDeadline deadline;
-        EXPECT_FALSE(deadline.passed());
-    }
-    EXPECT_FALSE(WriteDeadline::wasMissed());
-}
-
-TEST_F(BlockedAlarmTest, WithoutAPendingAlarmNoneIsPendingAfterwards)
-{
-    {
-        const WriteDeadline deadline;
-        raise(SIGALRM);
-    }
-    EXPECT_FALSE(alarm_is_pending());
-}
-
-TEST(WriteDeadlineTest, AlarmMeanwhileIsAMissedWrite)
-{
-    {
-        const WriteDeadline deadline;
-        EXPECT_FALSE(deadline.passed());
-        raise(SIGALRM);
-        EXPECT_TRUE(deadline.passed());
-    }
-    EXPECT_TRUE(WriteDeadline::wasMissed());
-    EXPECT_FALSE(WriteDeadline().passed());
-    WriteDeadline::forget();
-    EXPECT_FALSE(WriteDeadline::wasMissed());
-}
-
-TEST(WriteDeadlineTest, RestartForgetsTheAlarm)
-{
-    {
-        WriteDeadline deadline;
-        raise(SIGALRM);
-        deadline.restart();
-        EXPECT_FALSE(deadline.passed());
-    }
-    EXPECT_FALSE(WriteDeadline::wasMissed());
-}
-
-TEST(WriteDeadlineTest, LaterDeadlinesAllowAMillisecond)
-{
-    const auto limit = [] {
-        const WriteDeadline deadline;
-        itimerval timer = {};
-        getitimer(ITIMER_REAL, &timer);
-        return timer.it_interval.tv_sec * 1000000 + timer.it_interval.tv_usec;
-    };
-    EXPECT_EQ(limit(), 1000000);
-    {
-        const WriteDeadline deadline;
-        raise(SIGALRM);
-    }
-    EXPECT_EQ(limit(), 1000);
-    WriteDeadline::forget();
-    EXPECT_EQ(limit(), 1000000);
-}
-
-TEST(WriteDeadlineTest, CallersTimerExpiresInTheCallersHandler)
-{
-    struct sigaction mine = {};
-    mine.sa_handler = count_alarm_of_the_caller;
-    struct sigaction old = {};
-    sigaction(SIGALRM, &mine, &old);
-    const itimerval later = {{0, 0}, {CALLERS_SECONDS, 0}};
-    setitimer(ITIMER_REAL, &later, nullptr);
-    {
-        const WriteDeadline deadline;
-    }
-    expire_timer_of_the_caller();
-    sigaction(SIGALRM, &old, nullptr);
-    EXPECT_EQ(alarms_of_the_caller, 1);
+    EXPECT_EQ(status_with_deadlines([] {
+                  const itimerval alarm_soon = {{0, 0}, {0, 500000}};
+                  setitimer(ITIMER_REAL, &alarm_soon, nullptr);
+                  const WriteDeadline deadline;
+                  pause();
+                  return 0;
+              }),
+              -1); /* SIGALRM ended the process */
 }
 
 } // namespace
