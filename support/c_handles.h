@@ -2,6 +2,7 @@
 #define ARSP_SUPPORT_C_HANDLES_H
 
 #include <cerrno>
+#include <cstddef>
 #include <cstdio>
 #include <cstdlib>
 #include <memory>
@@ -83,6 +84,17 @@ struct FreeMemory {
     }
 };
 using CString = std::unique_ptr<char, FreeMemory>; /* text from malloc: xasprintf, strdup, str_dup_lower */
+
+/* Changes the size of a block, which keeps its contents. Returns false without memory, with the block as it was. */
+[[nodiscard]] inline bool resize(CString &block, std::size_t size)
+{
+    char *moved = static_cast<char *>(std::realloc(block.get(), size));
+    if (moved == nullptr)
+        return false;
+    static_cast<void>(block.release()); /* realloc has taken the old block over */
+    block.reset(moved);
+    return true;
+}
 
 /* The buffer of getdelim() and getline(), which replace the pointer that they are given, so no unique_ptr fits. */
 struct LineBuffer {

@@ -17,10 +17,11 @@ namespace {
 
 constexpr size_t FIRST_BUFFER = 4096; /* bytes */
 
-/* Appends the line about `error` to the text of `length` bytes, all of it or none. */
-void append_system_error(char *text, size_t length, size_t capacity, int error)
+/* Appends the line about `error` to a text in the first buffer, all of it or none. */
+void append_system_error(char *text, int error)
 {
-    const size_t room = capacity - length;
+    const size_t length = std::strlen(text);
+    const size_t room = FIRST_BUFFER - length;
     const int added = std::snprintf(text + length, room, "\nSystem error %d: %s", error, std::strerror(error));
     if (added < 0 || static_cast<size_t>(added) >= room)
         text[length] = '\0';
@@ -39,29 +40,21 @@ void fatal_error(int status, int flag, const char *format, ...)
 void fatal_verror(int status, int flag, const char *format, va_list args)
 {
     const KeepErrno keep;
-    size_t capacity = FIRST_BUFFER;
-    CString text(static_cast<char *>(std::malloc(capacity)));
+    CString text(static_cast<char *>(std::malloc(FIRST_BUFFER)));
     if (text == nullptr) {
         error_emit("Can't allocate memory for error message", status, flag);
         return;
     }
-    text.get()[0] = '\0'; /* what is left of a format that can't be converted */
+    *text = '\0'; /* in case the format cannot be converted */
     va_list again;
     va_copy(again, args);
-    const int wanted = std::vsnprintf(text.get(), capacity, format, args);
-    if (wanted >= 0 && static_cast<size_t>(wanted) >= capacity) {
-        const size_t exact = static_cast<size_t>(wanted) + 1;
-        if (char *longer = static_cast<char *>(std::realloc(text.get(), exact)); longer != nullptr) {
-            static_cast<void>(text.release()); /* realloc has taken the old block over */
-            text.reset(longer);
-            capacity = exact;
-            std::vsnprintf(text.get(), capacity, format, again);
-        }
-    }
+    const int length = std::vsnprintf(text.get(), FIRST_BUFFER, format, args);
+    const size_t size = length < 0 ? 0 : static_cast<size_t>(length) + 1;
+    if (size > FIRST_BUFFER && resize(text, size))
+        std::vsnprintf(text.get(), size, format, again);
     va_end(again);
-    /* A longer message has a buffer of just its length, so it never gets the line about the system error. */
-    if (keep.saved() != 0)
-        append_system_error(text.get(), std::strlen(text.get()), capacity, keep.saved());
+    if (keep.saved() != 0 && size <= FIRST_BUFFER) /* never after a longer message */
+        append_system_error(text.get(), keep.saved());
     error_emit(text.get(), status, flag);
 }
 

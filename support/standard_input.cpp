@@ -1,7 +1,6 @@
 #include "support/standard_input.h"
 
 #include <cerrno>
-#include <cstdlib>
 #include <cstring>
 #include <limits>
 #include <new>
@@ -24,18 +23,15 @@ void grow(CString &bytes, std::size_t &capacity)
     if (capacity > std::numeric_limits<std::size_t>::max() / 2)
         throw std::bad_alloc();
     const std::size_t wanted = capacity == 0 ? FIRST_BLOCK : capacity * 2;
-    char *moved = static_cast<char *>(std::realloc(bytes.get(), wanted));
-    if (moved == nullptr)
+    if (!resize(bytes, wanted))
         throw std::bad_alloc();
-    static_cast<void>(bytes.release()); /* realloc has taken the old block over */
-    bytes.reset(moved);
     capacity = wanted;
 }
 
 void wait_until_readable()
 {
     pollfd input = {STDIN_FILENO, POLLIN, 0};
-    static_cast<void>(poll(&input, 1, -1)); /* what it answers, the next read says better */
+    poll(&input, 1, -1); /* ignored: the next read reports errors */
 }
 
 } // namespace
