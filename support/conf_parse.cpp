@@ -7,15 +7,11 @@
 
 #include "support/c_handles.h"
 #include "support/log.h"
+#include "support/white_space.h"
 
 using namespace arsp;
 
 namespace {
-
-bool is_space(char c)
-{
-    return std::isspace(static_cast<unsigned char>(c)) != 0;
-}
 
 bool is_name_char(char c)
 {

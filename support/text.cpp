@@ -8,13 +8,11 @@
 
 #include "support/fatal.h"
 #include "support/log.h"
+#include "support/white_space.h"
+
+using namespace arsp;
 
 namespace {
-
-bool is_space(char c)
-{
-    return std::isspace(static_cast<unsigned char>(c)) != 0;
-}
 
 template <typename Unwanted>
 char *trim_end(char *s, Unwanted unwanted)
