@@ -4,7 +4,6 @@
 #include <cstdint>
 #include <memory>
 
-/* The pairs read from kel.conf. Everything in it is malloc'ed and belongs to the store. */
 namespace arsp {
 struct ConfPair {
     char *name;
@@ -12,7 +11,7 @@ struct ConfPair {
 };
 } // namespace arsp
 
-/* All zero is an empty store. */
+/* The pairs read from kel.conf. It owns all of them, allocated with malloc. All zero is an empty store. */
 struct ConfStore {
     arsp::ConfPair *entries;
     uint64_t capacity; /* pairs allocated */
@@ -20,21 +19,21 @@ struct ConfStore {
     int32_t sorted;    /* 1: the pairs are in ascending strcmp order of their names */
 };
 
-/* Makes room for one more pair. Returns 0, or -1 with errno ENOMEM and the store as it was; it then logs
+/* Makes room for one more pair. Returns 0; or -1 with errno ENOMEM and the store as it was, after logging
  * "Unable to read configuration: ..." at LOG_USER | LOG_WARNING. */
-int conf_store_grow(ConfStore *store);
+[[nodiscard]] int conf_store_grow(ConfStore *store);
 
-/* Stores a copy of `name` and `value`; a name that is there already gets the new value. Returns 0, or -1 with errno
- * ENOMEM and the pairs as they were; it then logs what conf_store_grow logs, or "Unable to form configuration: ..." at
+/* Stores a copy of `name` and `value`; a name that exists gets the new value. Returns 0; or -1 with errno ENOMEM and
+ * the pairs as they were, after logging the message of conf_store_grow, or "Unable to form configuration: ..." at
  * LOG_USER | LOG_WARNING. */
-int conf_store_set(const char *name, const char *value, ConfStore *store);
+[[nodiscard]] int conf_store_set(const char *name, const char *value, ConfStore *store);
 
 void conf_store_sort(ConfStore *store);
 
-/* Returns the value of `name`, which belongs to the store, or null. */
-const char *conf_store_find(const char *name, const ConfStore *store);
+/* Returns the value of `name`, which the store owns, or null. */
+[[nodiscard]] const char *conf_store_find(const char *name, const ConfStore *store);
 
-/* Frees the pairs, and the store itself, which was malloc'ed. Does nothing to a null pointer. */
+/* Frees the pairs and the store itself, which malloc allocated. Ignores a null pointer. */
 void conf_store_free(ConfStore *store);
 
 namespace arsp {

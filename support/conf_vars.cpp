@@ -1,6 +1,6 @@
 #include "support/conf_vars.h"
 
-/* The sizes are left to the compiler: it refuses a table that has another length than its declaration. */
+/* No sizes here: the compiler then rejects a table whose length differs from its declaration. */
 
 const char *const arsp::CONF_VAR_NAMES[] = {
     "_MIN_POSSIBLE_KEL_CONF_VAR_NAME",

@@ -1,10 +1,12 @@
 #ifndef ARSP_SUPPORT_CONF_VARS_H
 #define ARSP_SUPPORT_CONF_VARS_H
 
+/* Constants, which any thread may read. */
+
 namespace arsp {
 
 /* The variables of the panel configuration that have a compile-time default. The first and the last enumerator bound
- * the range and are no variables. The numbers are shared with the panel's other tools: new ones go before the last. */
+ * the range and are no variables. The panel's other tools use the same numbers: new ones go before the last. */
 enum ConfVarIndex : int {
     CONF_MIN_POSSIBLE_KEL_CONF_VAR = 0,
     CONF_QUARN_MAILNAMES_D = 1,
@@ -41,7 +43,7 @@ enum ConfVarIndex : int {
 
 constexpr int CONF_VAR_COUNT = CONF_MAX_POSSIBLE_KEL_CONF_VAR + 1;
 
-/* Both indexed by ConfVarIndex, the two bounds included: the name in kel.conf, and the value when kel.conf has none. */
+/* The names in kel.conf, and the values if kel.conf has none. Indexed by ConfVarIndex, the two bounds included. */
 extern const char *const CONF_VAR_NAMES[CONF_VAR_COUNT];
 extern const char *const CONF_VAR_DEFAULTS[CONF_VAR_COUNT];
 

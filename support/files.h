@@ -6,41 +6,45 @@
 #include <sys/stat.h>
 #include <sys/types.h>
 
-/* Unless a function says otherwise it returns 0 for success, and -1 with errno set after its message. Messages are
- * logged at LOG_ERR, or printed through fatal_error, after which the process goes on. */
+/* Files. Unless a function says otherwise it returns 0 for success, and -1 with errno set after its message. Messages
+ * are logged at LOG_ERR, or printed through fatal_error, which then returns.
+ *
+ * Not thread-safe: the logger, fatal_error and getpwnam are not. Throws nothing. Pointers must not be null. No command
+ * calls these functions. */
 
-/* chown, then chmod. Logs "ERROR: unable to chown|chmod ...". */
+/* Calls chown, then chmod. Logs "ERROR: unable to chown|chmod ...". */
 int chown_chmod(const char *path, uid_t uid, gid_t gid, mode_t mode);
 
-/* The same; also returns 0, having done nothing, when stat does not find `path`. */
+/* Does nothing and returns 0 if stat fails for `path`; else the same as chown_chmod. */
 int chown_chmod_if_exists(const char *path, uid_t uid, gid_t gid, mode_t mode);
 
-/* The same with the ids of a user; prints "user ... not found". errno is not cleared first: a line about an earlier
+/* chown_chmod with the ids of a user. Prints "user ... not found"; errno is not cleared first: a line about an earlier
  * error may follow. */
 int chown_chmod_to_user(const char *path, const char *user, mode_t mode);
 
 /* Creates `path` with mode 0644 less the umask, or empties it. Logs "Unable to truncate or create file ...". */
 int create_truncate_file(const char *path);
 
-/* Creates `path` with mode 0644 less the umask, or leaves it as it is. Prints "Unable to create file ...". */
+/* Creates `path` with mode 0644 less the umask, or leaves an existing file as it is. Prints "Unable to create file
+ * ...". */
 int create_file(const char *path);
 
-/* Closes a stream, which is gone afterwards in any case. Returns what fclose returned; prints
+/* Closes a stream, which is invalid afterwards in any case. Returns the result of fclose. Prints
  * "Unable to close the file: ...". */
 int close_file(FILE *stream);
 
-/* Stores in `*out` the first path of a null-terminated list that stat finds, and returns 1. Returns 0 with `*out` null
- * when it finds none. errno is 0 after a path that was not found. The result belongs to the list. */
-int first_existing_path(const char **out, const char *const *candidates);
+/* Stores in `*out` the first path of a null-terminated list for which stat succeeds, and returns 1. If none exists it
+ * stores null and returns 0. Sets errno to 0 after each miss. `*out` points into the list. */
+[[nodiscard]] int first_existing_path(const char **out, const char *const *candidates);
 
 /* Reads the first line of `path` into `buffer`, without the white space at its ends; an empty file fills the buffer
  * with NUL bytes.
  *   size  bytes in `buffer`: the line and its NUL must fit.
  * Prints "Unable to open file ...", "Unable to read line from file: ...", or "The buffer too short". errno is not
  * cleared before the last: a line about an earlier error may follow. */
-int read_first_line(char *buffer, size_t size, const char *path);
+[[nodiscard]] int read_first_line(char *buffer, size_t size, const char *path);
 
-/* Names the file type of a stat mode; "unknown" when it is none. The result is a literal. */
-const char *file_type_name(mode_t mode);
+/* Returns the name of the file type of a stat mode, or "unknown"; a literal. */
+[[nodiscard]] const char *file_type_name(mode_t mode);
 
 #endif

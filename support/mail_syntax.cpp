@@ -13,7 +13,7 @@ constexpr size_t LOCAL_PART_MAX = 245; /* bytes; wider than the usual 64 on purp
 constexpr size_t DOMAIN_MAX = 255;
 constexpr size_t LABEL_MAX = 63;
 
-/* Letters are compared, not classified: no locale makes one of a byte above 127. */
+/* Compares letters instead of classifying them: in some locales isalpha accepts bytes above 127. */
 bool is_letter_or_digit(char c)
 {
     return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || std::isdigit(static_cast<unsigned char>(c)) != 0;
@@ -57,7 +57,7 @@ int mail_domain_is_valid(const char *text)
                 return 0;
         }
     }
-    return label > 0 ? 1 : 0; /* a hyphen at the end of the last label has always been let pass */
+    return label > 0 ? 1 : 0; /* a hyphen at the end of the last label has always been valid */
 }
 
 int mail_address_is_valid(const char *text)
