@@ -1,6 +1,6 @@
-/* Stands in for libm, which nothing of the program needs but SQLite's SQL functions of the same names. No command uses
- * those; a trigger in the database may. Loading libm anyway would take every run a twentieth of its time, so the first
- * call does it. Part of the program only where SQLite is: as a shared library SQLite brings libm along by itself. */
+/* Definitions of libm's functions that load libm at the first call. Only SQL functions of SQLite call them, and no
+ * command uses those (a trigger may); loading libm at start-up would cost every run 5 % of its time.
+ * Linked only together with a static SQLite: a shared one loads libm itself. */
 #include <cmath>
 #include <exception>
 
@@ -8,8 +8,8 @@
 
 namespace {
 
-/* The function in libm. Without it, or without the memory to load it, the run ends as without memory: a statement may
- * only be given the right number, and SQLite's C between here and main() lets no exception through. */
+/* Returns the function in libm. Ends the run if libm cannot be loaded: SQLite needs the right number, and no exception
+ * may pass through its C code. */
 void *in_libm(const char *name)
 {
     static void *const libm = dlopen("libm.so.6", RTLD_NOW);

@@ -13,22 +13,22 @@
 
 namespace arsp {
 
-/* RAII owners for C resources; signatures pass plain pointers and descriptors. */
+/* RAII owners for C resources. Functions pass plain pointers and descriptors. */
 
-/* Puts errno back, when its scope ends, to what it was when its scope began. */
+/* Restores errno at the end of its scope. */
 class KeepErrno {
 public:
     KeepErrno() = default;
     KeepErrno(const KeepErrno &) = delete;
     KeepErrno &operator=(const KeepErrno &) = delete;
     ~KeepErrno() { errno = saved_; }
-    int saved() const { return saved_; } /* errno as it was when the scope began */
+    int saved() const { return saved_; } /* errno at the beginning of the scope */
 
 private:
     const int saved_ = errno;
 };
 
-/* Owns a descriptor; -1 owns none. Errors of close() are ignored: a writer flushes first. */
+/* Owns a descriptor, or none (-1). Ignores errors of close(): a writer flushes first. */
 class Descriptor {
 public:
     Descriptor() = default;
@@ -62,7 +62,7 @@ struct CloseFile {
     void operator()(FILE *file) const
     {
         const KeepErrno keep;
-        std::fclose(file); /* ignored: the owner only reads; a writer calls fclose itself */
+        std::fclose(file); /* result ignored: for reading only; a writer calls fclose itself */
     }
 };
 using FilePtr = std::unique_ptr<FILE, CloseFile>;
@@ -79,11 +79,11 @@ using DirPtr = std::unique_ptr<DIR, CloseDir>;
 struct FreeMemory {
     void operator()(void *memory) const
     {
-        const KeepErrno keep; /* POSIX lets free() change it */
+        const KeepErrno keep; /* free() may change it */
         std::free(memory);
     }
 };
-using CString = std::unique_ptr<char, FreeMemory>; /* text from malloc: xasprintf, strdup, str_dup_lower */
+using CString = std::unique_ptr<char, FreeMemory>; /* a text or bytes from malloc */
 
 /* Changes the size of a block, which keeps its contents. Returns false without memory, with the block as it was. */
 [[nodiscard]] inline bool resize(CString &block, std::size_t size)
@@ -96,7 +96,7 @@ using CString = std::unique_ptr<char, FreeMemory>; /* text from malloc: xasprint
     return true;
 }
 
-/* The buffer of getdelim() and getline(), which replace the pointer that they are given, so no unique_ptr fits. */
+/* The buffer of getdelim() and getline(). Not a unique_ptr: they replace the pointer. */
 struct LineBuffer {
     LineBuffer() = default;
     LineBuffer(const LineBuffer &) = delete;

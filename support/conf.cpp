@@ -13,7 +13,7 @@ namespace {
 
 ConfStore *loaded_store = nullptr;
 
-/* Per variable the file's value, never a default. It points into the loaded store, which never changes again. */
+/* The file's values, never defaults. They point into the loaded store, which does not change any more. */
 const char *value_cache[CONF_VAR_COUNT] = {};
 
 } // namespace

@@ -18,7 +18,7 @@ bool is_name_char(char c)
     return std::isalnum(static_cast<unsigned char>(c)) != 0 || c == '_';
 }
 
-bool ends_definition(char c)
+bool is_comment_or_end(char c)
 {
     return c == '#' || c == '\0';
 }
@@ -30,8 +30,8 @@ char *skip_space(char *text)
     return text;
 }
 
-/* Returns the end of the value that begins at `value`. One blank at the end is cut; of a run of blanks the last one is
- * cut only when their number is odd: each second blank takes the marker back. Files in use rely on what that leaves. */
+/* Returns the end of the value that begins at `value`. Of the white space at its end, the last character is cut if
+ * their number is odd, nothing if it is even: each second one clears the marker. Files in use rely on this. */
 char *value_end(char *value)
 {
     char *const limit = value + std::strcspn(value, "#");
@@ -41,22 +41,22 @@ char *value_end(char *value)
     return marker != nullptr ? marker : limit;
 }
 
-/* Takes one line, which it cuts up. Returns -1 only when the pair can't be stored: a bad line is logged and skipped. */
+/* Stores the pair of one line, which it modifies. Logs and skips a bad line. Returns -1 only if storing fails. */
 int parse_line(char *line, ConfStore *store)
 {
     char *const name = skip_space(line);
-    if (ends_definition(*name))
+    if (is_comment_or_end(*name))
         return 0;
     char *name_end = name;
     while (is_name_char(*name_end))
         ++name_end;
-    if (!is_space(*name_end)) { /* nor is it one where there is no name at all */
+    if (!is_space(*name_end)) { /* also true without any name */
         log_message(LOG_USER | LOG_WARNING, "Invalid variable definition %s\nExpected a space after variable name\n",
                     name_end);
         return 0;
     }
     char *const value = skip_space(name_end);
-    if (ends_definition(*value)) {
+    if (is_comment_or_end(*value)) {
         log_message(LOG_USER | LOG_WARNING, "Invalid variable definition %s\nExpected a value", name);
         return 0;
     }
@@ -81,7 +81,7 @@ int conf_parse_file(const char *path, ConfStore *store)
     }
     const KeepErrno keep;
     conf_store_sort(store);
-    /* Without memory for the line getdelim sets neither mark, so that the end was not reached is asked as well. */
+    /* Without memory for the line, getdelim sets neither the end-of-file nor the error indicator. */
     if (std::feof(file.get()) == 0 || std::ferror(file.get()) != 0) {
         log_message(LOG_USER | LOG_WARNING, "Unable to read configuration file: %s", std::strerror(keep.saved()));
         return -1;

@@ -20,8 +20,8 @@ int compare_names(const void *left, const void *right)
     return std::strcmp(static_cast<const ConfPair *>(left)->name, static_cast<const ConfPair *>(right)->name);
 }
 
-/* Returns the pairs in a block of twice the room; null, with the old block untouched, when there can't be one. */
-ConfPair *doubled(const ConfStore &store)
+/* Returns the pairs in a block of twice the size; or null, with the old block untouched. */
+ConfPair *double_capacity(const ConfStore &store)
 {
     if (store.capacity > UINT64_MAX / 2)
         return nullptr;
@@ -40,7 +40,7 @@ int conf_store_grow(ConfStore *store)
         store->count = 0;
         store->sorted = 1;
     } else if (store->count == capacity) {
-        entries = doubled(*store);
+        entries = double_capacity(*store);
         capacity *= 2;
     }
     if (entries == nullptr) {
@@ -68,14 +68,14 @@ int conf_store_set(const char *name, const char *value, ConfStore *store)
     size_t count = store->count;
     auto *place = static_cast<ConfPair *>(lsearch(&pair, store->entries, &count, sizeof pair, compare_names));
     if (count > store->count) {
-        static_cast<void>(name_copy.release()); /* the appended pair owns it now */
+        static_cast<void>(name_copy.release()); /* the store owns the appended pair */
         store->count = count;
         store->sorted = 0;
     } else {
         const CString old_value(place->value);
         place->value = pair.value;
     }
-    static_cast<void>(value_copy.release());
+    static_cast<void>(value_copy.release()); /* likewise */
     return 0;
 }
 
@@ -89,7 +89,7 @@ void conf_store_sort(ConfStore *store)
 const char *conf_store_find(const char *name, const ConfStore *store)
 {
     if (store->count == 0)
-        return nullptr; /* an empty store may have no array, which no search takes */
+        return nullptr; /* an empty store may have no array: the searches require one */
     const ConfPair key = {const_cast<char *>(name), nullptr};
     size_t count = store->count;
     const void *found = store->sorted != 0 ? std::bsearch(&key, store->entries, count, sizeof key, compare_names)

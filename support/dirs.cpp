@@ -16,8 +16,8 @@ using namespace arsp;
 
 namespace {
 
-/* Returns whether `path` is a directory, after making it if there was nothing; errno says why not. */
-bool make_plain_dir(const char *path)
+/* Makes the directory `path` unless it exists. Returns false with errno set on failure. */
+bool make_dir_if_missing(const char *path)
 {
     struct stat status = {};
     if (stat(path, &status) != 0)
@@ -27,7 +27,7 @@ bool make_plain_dir(const char *path)
     return S_ISDIR(status.st_mode);
 }
 
-/* The type of a directory entry for the file type of a stat mode; DT_UNKNOWN for what is no file type. */
+/* Maps the file type of a stat mode to the type of a directory entry; anything else to DT_UNKNOWN. */
 unsigned char entry_type(mode_t type)
 {
     switch (type) {
@@ -50,7 +50,7 @@ unsigned char entry_type(mode_t type)
     }
 }
 
-/* Answers whether the entry is of that file type: 1, 0, or -1 when that can't be told (errno says why). */
+/* Returns 1 if the entry has that file type, 0 if not, -1 with errno set on failure. */
 int has_type(const char *dir, const dirent &entry, mode_t type, int check)
 {
     const unsigned char wanted = entry_type(type);
@@ -68,7 +68,7 @@ int has_type(const char *dir, const dirent &entry, mode_t type, int check)
     struct stat status = {};
     if (lstat(path, &status) != 0)
         return errno == ENOENT ? 0 : -1;
-    /* Any common bit will do, so a socket passes for a directory; the panel's tools have always asked it this way. */
+    /* Any common bit matches, so a socket passes for a directory: kept for the panel's other tools. */
     return (status.st_mode & type) != 0 ? 1 : 0;
 }
 
@@ -91,7 +91,7 @@ int mkdir_p(const char *path)
     const CString copy(strdup(path));
     if (copy == nullptr)
         return 0;
-    return visit_prefixes(copy.get(), [&](const char *, bool) { return make_plain_dir(copy.get()); }) ? 1 : 0;
+    return visit_prefixes(copy.get(), [&](const char *, bool) { return make_dir_if_missing(copy.get()); }) ? 1 : 0;
 }
 
 int mkdir_chown_chmod(const char *path, uid_t uid, gid_t gid, mode_t mode)
@@ -121,7 +121,8 @@ int rename_dir(const char *from, const char *to)
         return -1;
     }
     if (rename(from, to) != 0) {
-        fatal_error(0, 1, "Remaming %s to %s failed: %s\n", from, to, std::strerror(errno)); /* kept misspelt */
+        fatal_error(0, 1, "Remaming %s to %s failed: %s\n", from, to,
+                    std::strerror(errno)); /* sic: log scanners match on it */
         return -1;
     }
     return 0;
@@ -132,7 +133,7 @@ int find_dir_entry(const char *dir, char *name, mode_t type, int check)
     const DirPtr stream(opendir(dir));
     if (stream == nullptr)
         return -1;
-    errno = 0; /* tells the end of the directory from a failure */
+    errno = 0; /* still 0 at the end of the directory, unless readdir fails */
     while (const dirent *entry = readdir(stream.get())) {
         if (strcasecmp(entry->d_name, name) != 0)
             continue;

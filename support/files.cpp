@@ -16,8 +16,8 @@ using namespace arsp;
 
 namespace {
 
-/* Opens `path` for writing with these further flags and closes it at once. Returns 0, or -1 with errno set. */
-int open_and_close(const char *path, int flags)
+/* Creates `path` unless it exists, with further flags of open. Returns 0; or -1 with errno set. */
+int create_and_close(const char *path, int flags)
 {
     const int fd = open(path, O_WRONLY | O_CREAT | O_CLOEXEC | flags, 0644);
     return fd < 0 ? -1 : close(fd);
@@ -56,7 +56,7 @@ int chown_chmod_to_user(const char *path, const char *user, mode_t mode)
 
 int create_truncate_file(const char *path)
 {
-    if (open_and_close(path, O_TRUNC) == 0)
+    if (create_and_close(path, O_TRUNC) == 0)
         return 0;
     log_message(LOG_ERR, "Unable to truncate or create file %s: %s", path, std::strerror(errno));
     return -1;
@@ -64,7 +64,7 @@ int create_truncate_file(const char *path)
 
 int create_file(const char *path)
 {
-    if (open_and_close(path, 0) == 0)
+    if (create_and_close(path, 0) == 0)
         return 0;
     fatal_error(0, 1, "Unable to create file %s: %s", path, std::strerror(errno));
     return -1;

@@ -12,9 +12,9 @@
 
 namespace arsp {
 
-/* Calls `visit(name, last)` for each name of `path`, from the first on, with `path` cut behind the name: the start of
- * the name, and whether nothing follows it. An empty path is one empty name. Stops when `visit` returns false, and
- * leaves `path` cut there. Returns whether it reached the end. */
+/* Calls `visit(name, last)` for each component of `path`, with `path` cut after it: the start of the component, and
+ * whether it is the last one. An empty path has one empty component. Stops if `visit` returns false, and leaves `path`
+ * cut there. Returns whether it reached the end. */
 template <typename Visit>
 bool visit_prefixes(char *path, Visit visit)
 {
@@ -31,21 +31,21 @@ bool visit_prefixes(char *path, Visit visit)
     return true;
 }
 
-/* What make_dirs makes, and how. */
+/* The arguments of make_dirs. */
 struct DirTree {
     const char *path;
-    std::size_t trusted_length; /* of the beginning of `path` whose existing directories are opened through any link */
+    std::size_t trusted_length; /* bytes at the beginning of `path` where links are followed */
     uid_t uid;
     gid_t gid;
     mode_t mode;
-    /* Opens the existing directory `name` in `parent`, behind the trusted beginning. Returns an empty descriptor with
-     * `errno` set on failure. May be null when all is trusted. */
+    /* Opens the existing directory `name` in `parent`, after the trusted beginning. Returns an empty descriptor with
+     * errno set on failure. May be null if all of `path` is trusted. */
     std::function<Descriptor(Descriptor parent, const char *name)> open_existing;
-    std::vector<Descriptor> *changed; /* gets the directories that got a new entry, open for reading; may be null */
+    std::vector<Descriptor> *changed; /* gets each directory with a new entry, open for reading; may be null */
 };
 
-/* Does what create_dir_tree does, below directories that it holds open. A new directory gets its owner through a
- * descriptor: another directory or a link that takes its place meanwhile does not get it. */
+/* Does the same as create_dir_tree, below directories that it keeps open. Sets the owner of a new directory through a
+ * descriptor: a directory or link that replaces it meanwhile keeps its owner. */
 void make_dirs(const DirTree &tree);
 
 } // namespace arsp

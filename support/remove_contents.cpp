@@ -18,16 +18,17 @@ namespace {
 
 constexpr int READ_DIRECTORY = O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC;
 
-constexpr std::size_t MOST_HELD = 8; /* levels that stay open, so that a wide tree is listed once */
+constexpr std::size_t MOST_OPEN = 8; /* outer levels that stay open, so that a wide tree is listed once */
 
-/* A directory on the path to the one being emptied. Device and inode identify it wherever it is moved. */
+/* A directory above the one being emptied. Device and inode identify it even after it was moved. */
 struct Level {
     dev_t device;
     ino_t inode;
-    DirPtr stream; /* of the outermost levels only; null for the others */
+    DirPtr stream; /* null but for the outermost levels */
 };
 
-/* Empties a tree with a bounded number of open directories: it comes back to a deep one by "..", and lists it anew. */
+/* Empties a tree with a bounded number of open directories: it returns to a deep one through "..", and lists it again.
+ */
 class Remover {
 public:
     explicit Remover(std::string path) : path_(std::move(path)) {}
@@ -40,17 +41,17 @@ public:
 
 private:
     int removeEntry(const char *name);
-    int goDown(const char *name); /* whose path is in path_ already */
-    int goUp();
-    int failed(const char *what);
+    int enterDirectory(const char *name); /* path_ already ends in `name` */
+    int removeAndLeaveDirectory();
+    int fail(const char *what); /* stores the error; returns -1 */
 
-    DirPtr directory_;         /* the one being emptied */
-    std::string path_;         /* its name */
+    DirPtr directory_;         /* being emptied */
+    std::string path_;         /* of directory_, in messages */
     std::vector<Level> above_; /* outermost first */
     std::string error_;
 };
 
-int Remover::failed(const char *what)
+int Remover::fail(const char *what)
 {
     error_ = failure_text(what, path_);
     return -1;
@@ -59,7 +60,7 @@ int Remover::failed(const char *what)
 int Remover::open(Descriptor directory)
 {
     directory_ = open_dir_stream(std::move(directory));
-    return directory_ ? 0 : failed("cannot open directory");
+    return directory_ ? 0 : fail("cannot open directory");
 }
 
 int Remover::removeAll()
@@ -67,10 +68,10 @@ int Remover::removeAll()
     for (;;) {
         const char *name = next_entry(directory_.get());
         if (name == nullptr && errno != 0)
-            return failed("cannot read directory");
+            return fail("cannot read directory");
         if (name == nullptr && above_.empty())
             return 0;
-        if ((name == nullptr ? goUp() : removeEntry(name)) != 0)
+        if ((name == nullptr ? removeAndLeaveDirectory() : removeEntry(name)) != 0)
             return -1;
     }
 }
@@ -84,39 +85,38 @@ int Remover::removeEntry(const char *name)
         const KeepErrno keep;
         path_.append("/").append(name);
     }
-    return is_directory ? goDown(name) : failed("cannot remove");
+    return is_directory ? enterDirectory(name) : fail("cannot remove");
 }
 
-int Remover::goDown(const char *name)
+int Remover::enterDirectory(const char *name)
 {
     const int current = dirfd(directory_.get());
     struct stat status = {};
     if (fstat(current, &status) != 0)
-        return failed("cannot open directory");
-    above_.push_back({status.st_dev, status.st_ino, above_.size() < MOST_HELD ? std::move(directory_) : nullptr});
+        return fail("cannot open directory");
+    above_.push_back({status.st_dev, status.st_ino, above_.size() < MOST_OPEN ? std::move(directory_) : nullptr});
     return open(Descriptor(openat(current, name, READ_DIRECTORY)));
 }
 
-/* Comes back from an emptied directory and removes it. */
-int Remover::goUp()
+int Remover::removeAndLeaveDirectory()
 {
     Descriptor parent(openat(dirfd(directory_.get()), "..", READ_DIRECTORY));
     struct stat status = {};
     if (!parent || fstat(parent.get(), &status) != 0)
-        return failed("cannot leave directory");
+        return fail("cannot leave directory");
     if (status.st_dev != above_.back().device || status.st_ino != above_.back().inode) {
         errno = ESTALE; /* the directory was moved to another place */
-        return failed("cannot leave directory");
+        return fail("cannot leave directory");
     }
     const std::size_t slash = path_.rfind('/');
     if (unlinkat(parent.get(), path_.c_str() + slash + 1, AT_REMOVEDIR) != 0 && errno != ENOENT)
-        return failed("cannot remove");
+        return fail("cannot remove");
     path_.resize(slash);
-    DirPtr held = std::move(above_.back().stream);
+    DirPtr stream = std::move(above_.back().stream);
     above_.pop_back();
-    if (held == nullptr)
-        return open(std::move(parent)); /* what was listed before is gone */
-    directory_ = std::move(held);
+    if (stream == nullptr)
+        return open(std::move(parent)); /* lists again: the entries listed before are gone */
+    directory_ = std::move(stream);
     return 0;
 }
 

@@ -5,15 +5,14 @@
 
 namespace arsp {
 
-/* Returns "WHAT PATH: TEXT" with the text of `errno`. The log drops a record that is too long, so the middle of a long
- * path is left out. */
-std::string failure_text(const char *what, const std::string &path);
+/* Returns "WHAT PATH: TEXT" with the text of errno. Leaves out the middle of a long path: the system log drops a record
+ * that is too long. */
+[[nodiscard]] std::string failure_text(const char *what, const std::string &path);
 
 /* Removes every entry of the open directory `fd` with everything below it, and keeps the directory itself. `path` is
  * its name in messages. The tree may belong to an adversary: no link is followed, depth costs neither stack nor
- * descriptors, and a directory that is moved out of the tree meanwhile ends the work instead of leading it elsewhere.
- * An entry that has vanished is no error. Returns 0; or -1 after the first failure, with what went wrong where, at most
- * about a kilobyte, in `error`. */
+ * descriptors, and the removal ends if a directory is moved out of the tree meanwhile. Ignores entries that vanish.
+ * Returns 0; or -1 after the first failure, with a message of at most about a kilobyte in `error`. */
 [[nodiscard]] int remove_contents(int fd, const std::string &path, std::string &error);
 
 } // namespace arsp

@@ -15,10 +15,9 @@ namespace arsp {
 
 namespace {
 
-constexpr std::size_t FIRST_BLOCK = 65536; /* what a full pipe delivers at once */
+constexpr std::size_t FIRST_BLOCK = 65536; /* bytes; the capacity of a pipe */
 
-/* Doubles `capacity`; the block keeps its contents. */
-void grow(CString &bytes, std::size_t &capacity)
+void double_capacity(CString &bytes, std::size_t &capacity)
 {
     if (capacity > std::numeric_limits<std::size_t>::max() / 2)
         throw std::bad_alloc();
@@ -42,7 +41,7 @@ int read_standard_input(InputText &input)
     input = InputText();
     for (;;) {
         if (input.length == capacity)
-            grow(input.bytes, capacity);
+            double_capacity(input.bytes, capacity);
         const ssize_t got = read(STDIN_FILENO, input.bytes.get() + input.length, capacity - input.length);
         if (got == 0)
             return 0;

@@ -8,8 +8,8 @@
 
 namespace arsp {
 
-/* The bytes of standard input, owned: one malloc'ed block, because realloc moves hundreds of megabytes by remapping
- * pages where a std::string would copy them. Not NUL-terminated. */
+/* The bytes of standard input, not NUL-terminated. In one block from malloc: for hundreds of megabytes, realloc remaps
+ * pages where a std::string would copy them. */
 struct InputText {
     CString bytes;
     std::size_t length = 0; /* bytes */
@@ -17,11 +17,10 @@ struct InputText {
     std::string_view view() const { return {bytes.get(), length}; }
 };
 
-/* Reads standard input to its end into `input`, byte for byte; end of file at once gives an empty text.
- * Returns 0; or -1 when reading fails, with `errno` set and "Unable to read standard input: %s" logged at LOG_ERR: the
- * part read so far is then no input at all. Waits for a descriptor that its owner made non-blocking. Throws
- * std::bad_alloc when the input does not fit into memory. */
-int read_standard_input(InputText &input);
+/* Reads standard input to its end into `input`. Waits also if the descriptor is non-blocking.
+ * Returns 0; or -1 if reading fails, with errno set and "Unable to read standard input: %s" logged at LOG_ERR: the
+ * caller must then ignore `input`. Throws std::bad_alloc if the input does not fit into memory. */
+[[nodiscard]] int read_standard_input(InputText &input);
 
 } // namespace arsp
 

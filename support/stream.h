@@ -6,9 +6,9 @@
 
 namespace arsp {
 
-/* Writes the parts to the stream's descriptor as one text, after what the stream has buffered: processes that share the
- * descriptor do not mix their lines. A stream without a descriptor is written and flushed.
- * Waits for a reader, within a WriteDeadline. What cannot be written, or not in time, is lost.
+/* Writes the parts to the stream's descriptor in one call, after the buffered text: processes that share the descriptor
+ * do not mix their lines. A stream without a descriptor is written and flushed.
+ * Waits for a reader, within a WriteDeadline. Loses text that cannot be written, or not in time.
  * Allocates nothing; errno stays as it was. */
 void write_text(FILE *stream, std::string_view first, std::string_view second = "", std::string_view third = "",
                 std::string_view fourth = "");
