@@ -10,7 +10,7 @@ import pytest
 
 sys.path.insert(0, str(Path(__file__).resolve().parents[1]))
 
-from harness import Sandbox, tracing  # noqa: E402
+from harness import Sandbox, mailboxes, tracing  # noqa: E402
 from harness.private_root import script  # noqa: E402
 from harness.sandbox import program_under_test  # noqa: E402
 
@@ -90,3 +90,17 @@ def make_sandbox(request, sandbox_mode, sandbox_directory):
 def sandbox(make_sandbox):
     """A fresh private root with the tool in it."""
     return make_sandbox()
+
+
+@pytest.fixture
+def mailbox(sandbox):
+    """A root with the autoresponder of user@example.org and the file /tmp/source; the mail tree is empty."""
+    mailboxes.add_mailbox(sandbox)
+    return sandbox
+
+
+@pytest.fixture
+def mailbox_with_attachment(mailbox):
+    """The root `mailbox` with the attachment report.pdf of user@example.org and the extra header X-Old: yes."""
+    mailboxes.add_attachment(mailbox)
+    return mailbox

@@ -1,4 +1,7 @@
-"""Mailboxes whose replies carry attachments: what a test puts into the database and into the mail tree beforehand."""
+"""The mailbox of the tests, user@example.org, and what a test puts into the database and the mail tree beforehand.
+
+The fixtures `mailbox` and `mailbox_with_attachment` are in tests/command/conftest.py.
+"""
 
 import contextlib
 import errno
@@ -6,6 +9,37 @@ import os
 import syslog
 
 from .waiting import until
+
+MAIL_TREE = "/var/qmail/mailnames"
+DOMAIN = MAIL_TREE + "/example.org"
+MAILBOX = DOMAIN + "/user"
+DIRECTORY = MAILBOX + "/@attachments"
+FILE = DIRECTORY + "/report.pdf"
+ROOT, POPUSER, STRANGER = (0, 0), (1110, 31), (4321, 0)  # (uid, gid); the stranger shares only root's group
+LOOP = "Too many levels of symbolic links"
+
+MAILNAME = ("--mailname", "user@example.org")
+SET_RESP = ("--set-resp", *MAILNAME, "--real-owner", "new@example.org")
+DEL_RESP = ("--del-resp", *MAILNAME)
+ADD = ("--add-attach", *MAILNAME, "--filename", "report.pdf", "--source", "/tmp/source")
+ADD_NEW = ("--add-attach", *MAILNAME, "--filename", "new.pdf", "--source", "/tmp/source")
+DEL = ("--del-attach", *MAILNAME, "--filename", "report.pdf")
+SET_EXTRA_HEADERS = ("--set-extra-headers",)
+
+
+def add_mailbox(sandbox):
+    """Initializes the database with the autoresponder of user@example.org and writes the file /tmp/source."""
+    sandbox.init_db()
+    add_autoresponder(sandbox, "user@example.org")
+    put_file(sandbox, "/tmp/source", b"the report", owner=ROOT, mode=0o644)
+
+
+def add_attachment(sandbox):
+    """Adds the attachment report.pdf, a row with a file, to the mailbox, and the extra header X-Old."""
+    add_attachment_rows(sandbox, "user@example.org", "report.pdf")
+    make_directories(sandbox, DIRECTORY)
+    put_file(sandbox, FILE, b"the old report")
+    run_sql(sandbox, "INSERT INTO extra_headers VALUES ('X-Old', 'yes')")
 
 
 def run_sql(sandbox, script):
@@ -15,7 +49,7 @@ def run_sql(sandbox, script):
 
 
 def add_autoresponder(sandbox, mailname, real_owner=None):
-    """Gives `mailname` an autoresponder; its owner is itself when no other is named."""
+    """Adds an autoresponder for `mailname`, which is its own owner by default."""
     with contextlib.closing(sandbox.db()) as connection:
         connection.execute("INSERT INTO autoresponder (mn, real_owner) VALUES (?, ?)",
                            (mailname, mailname if real_owner is None else real_owner))
@@ -38,7 +72,7 @@ def autoresponder_rows(sandbox):
 
 
 def corrupt_page_of(sandbox, name):
-    """Overwrites the root page of the table or index `name`: whoever reads it finds the database malformed."""
+    """Overwrites the root page of the table or index `name`; reading it then fails with a malformed database."""
     ((page,),) = sandbox.rows("SELECT rootpage FROM sqlite_master WHERE name = ?", name)
     with open(sandbox.path("/var/lib/quarn/mail/autoresponder/responder.db"), "r+b") as file:
         file.seek((page - 1) * 4096)
@@ -46,7 +80,7 @@ def corrupt_page_of(sandbox, name):
 
 
 def make_directories(sandbox, path, owner=None, mode=0o700):
-    """Makes the missing directories of `path` inside; they belong to the mail system's user unless told otherwise."""
+    """Makes the missing directories of `path` inside; they belong to the mail user by default."""
     place = sandbox.directory
     for name in path.strip("/").split("/"):
         place = place / name
@@ -57,7 +91,7 @@ def make_directories(sandbox, path, owner=None, mode=0o700):
 
 
 def put_file(sandbox, path, content=b"", owner=None, mode=0o600):
-    """Writes a file inside, of the mail system's user unless told otherwise."""
+    """Writes a file inside; it belongs to the mail user by default."""
     file = sandbox.path(path)
     file.write_bytes(content)
     file.chmod(mode)

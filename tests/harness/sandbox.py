@@ -34,6 +34,11 @@ def program_under_test():
     return program
 
 
+def sanitized():
+    """Whether the program under test is built with AddressSanitizer."""
+    return script.is_sanitized(str(program_under_test()))
+
+
 @dataclass(frozen=True)
 class Result:
     """How a run ended: `status` is the exit status, or minus the number of the signal that ended it."""
@@ -42,6 +47,9 @@ class Result:
     stdout: bytes
     stderr: bytes
     records: list[Record]
+
+
+DONE = Result(0, b"", b"", [])  # success without output
 
 
 class Sandbox:
