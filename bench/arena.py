@@ -1,8 +1,6 @@
 """The private root that the competitors meet in, and what can be measured there."""
 
 import contextlib
-import importlib.machinery
-import importlib.util
 import os
 import re
 import shutil
@@ -10,25 +8,20 @@ import sqlite3
 import stat
 import statistics
 import subprocess
+import sys
 import tempfile
 from pathlib import Path
 
 import competitors
 
 REPOSITORY = Path(__file__).resolve().parents[1]
+sys.path.insert(0, str(REPOSITORY / "tests"))
+
+from harness.private_root import PrivateRoot, choose_mode  # noqa: E402
+
 ENVIRONMENT = {"PATH": "/usr/sbin:/usr/bin:/sbin:/bin", "HOME": "/root"}
 FIELDS = ("wall", "user", "system", "memory", "minor", "major", "waits")
 SYNCS = ("fsync", "fdatasync", "sync", "syncfs", "sync_file_range", "msync")
-
-
-def _load_sandbox():
-    loader = importlib.machinery.SourceFileLoader("private_root_script", str(REPOSITORY / "scripts" / "sandbox"))
-    module = importlib.util.module_from_spec(importlib.util.spec_from_loader(loader.name, loader))
-    loader.exec_module(module)
-    return module
-
-
-sandbox = _load_sandbox()
 
 
 class ArenaError(Exception):
@@ -57,7 +50,7 @@ class Arena:
 
     def __init__(self, parent, build, shared_build=None):
         self.directory = Path(tempfile.mkdtemp(prefix="arsp-bench-", dir=parent))
-        self._root = sandbox.PrivateRoot(str(self.directory), None, sandbox.choose_mode())
+        self._root = PrivateRoot(str(self.directory), None, choose_mode())
         self.traceable = shutil.which("strace") is not None
         self.in_namespace = self._root.mode == "namespace"
         self._root.prepare()
@@ -72,7 +65,6 @@ class Arena:
         if not self.in_namespace:
             for program in ("/usr/bin/install", "/usr/bin/rm", "/usr/bin/chown"):
                 self._root.add_program(program)
-        self._root.hold()
 
     def __enter__(self):
         return self

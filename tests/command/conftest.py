@@ -11,20 +11,20 @@ import pytest
 sys.path.insert(0, str(Path(__file__).resolve().parents[1]))
 
 from harness import Sandbox, mailboxes, tracing  # noqa: E402
-from harness.private_root import script  # noqa: E402
+from harness.private_root import choose_mode, is_sanitized, loads_library  # noqa: E402
 from harness.sandbox import program_under_test  # noqa: E402
 
-SKIPPED = 77  # the exit status that ctest takes for "skipped"
+SKIPPED = 77  # ctest shows such a test as skipped
 
 
 def pytest_addoption(parser):
-    parser.addoption("--sandbox-mode", choices=("namespace", "chroot"), help="the way into the private roots")
+    parser.addoption("--sandbox-mode", choices=("namespace", "chroot"), help="the mode of the private roots")
 
 
 def pytest_configure(config):
     config.addinivalue_line("markers", "tracing: traces system calls; given to every test that asks for needs_tracing")
-    config.addinivalue_line("markers", "shared: puts something else in the place of a function of a library that only "
-                                       "some builds load; given to every test that names sqlite_shim")
+    config.addinivalue_line("markers", "shared: replaces functions of a library that only some builds load; given to "
+                                       "every test that names sqlite_shim")
 
 
 def pytest_collection_modifyitems(config, items):
@@ -33,24 +33,24 @@ def pytest_collection_modifyitems(config, items):
             item.add_marker("tracing")
         if "sqlite_shim" in inspect.getsource(item.function):
             item.add_marker("shared")
-    if not script.loads_library(str(program_under_test()), "libsqlite3"):
-        # The preset asan runs these: nothing can be put in the place of what is linked into the program.
+    if not loads_library(str(program_under_test()), "libsqlite3"):
+        # A preloaded library cannot replace functions that are linked into the program.
         config.hook.pytest_deselected(items=[item for item in items if item.get_closest_marker("shared")])
         items[:] = [item for item in items if not item.get_closest_marker("shared")]
 
 
 def pytest_sessionfinish(session, exitstatus):
-    """Tells ctest about a session whose tests were all left out, which the exit status of pytest calls a success."""
+    """Exits with SKIPPED if all tests were skipped; pytest itself exits with 0 then."""
     outcomes = session.config.pluginmanager.get_plugin("terminalreporter").stats
     if exitstatus == pytest.ExitCode.OK and outcomes.get("skipped") and not outcomes.get("passed"):
         session.exitstatus = SKIPPED
     elif exitstatus == pytest.ExitCode.NO_TESTS_COLLECTED and outcomes.get("deselected"):
-        session.exitstatus = pytest.ExitCode.OK  # a file whose tests all trace: they run under another name
+        session.exitstatus = pytest.ExitCode.OK  # a file whose tests all trace: they run as part of another test
 
 
 @pytest.fixture(scope="session")
 def needs_tracing():
-    """Leaves the test out, with the reason, on a machine that forbids tracing."""
+    """Skips the test, with the reason, on a machine that forbids tracing."""
     reason = tracing.why_not()
     if reason is not None:
         pytest.skip(reason)
@@ -58,13 +58,13 @@ def needs_tracing():
 
 @pytest.fixture(scope="session")
 def sandbox_mode(pytestconfig):
-    """The way into the private roots: "namespace" wherever the machine allows it, otherwise "chroot"."""
-    return script.choose_mode(pytestconfig.getoption("--sandbox-mode"))
+    """The mode of the private roots: "namespace" wherever the machine allows it, otherwise "chroot"."""
+    return choose_mode(pytestconfig.getoption("--sandbox-mode"))
 
 
 @pytest.fixture(scope="session")
 def sandbox_directory():
-    """Where the private roots of this session are."""
+    """The directory of this session's private roots."""
     directory = tempfile.mkdtemp(prefix="arsp")
     yield Path(directory)
     shutil.rmtree(directory)
@@ -76,7 +76,10 @@ def make_sandbox(request, sandbox_mode, sandbox_directory):
     made = []
 
     def make(mode=sandbox_mode, program=None):
-        sandbox = Sandbox(tempfile.mkdtemp(dir=sandbox_directory), program or program_under_test(), mode,
+        program = program or program_under_test()
+        if mode == "chroot" and is_sanitized(str(program)):
+            pytest.skip("AddressSanitizer needs /proc, which a chroot does not have")
+        sandbox = Sandbox(tempfile.mkdtemp(dir=sandbox_directory), program, mode,
                           pool=sandbox_directory / "pool", tracing_declared="needs_tracing" in request.fixturenames)
         made.append(sandbox)
         return sandbox

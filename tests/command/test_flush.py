@@ -4,13 +4,12 @@ and what a flush that fails leaves behind."""
 import contextlib
 
 import pytest
-from harness import needs_tracing
 from harness.descriptors import on_files
 from harness.mailboxes import (add_attachment_rows, add_autoresponder, attachment_rows, autoresponder_rows, error_texts,
                                make_directories, put_file, put_link)
 from harness.sandbox import DATABASE
 
-pytestmark = needs_tracing
+pytestmark = pytest.mark.usefixtures("needs_tracing")
 
 DB_DIRECTORY = "/var/lib/quarn/mail/autoresponder"
 JOURNAL = DATABASE + "-journal"

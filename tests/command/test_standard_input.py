@@ -8,13 +8,11 @@ import resource
 import tty
 
 import pytest
-from harness.private_root import script
-from harness.sandbox import DATABASE, program_under_test
+from harness.sandbox import DATABASE, sanitized
 from harness.waiting import has_open, until_it_sleeps
 
 DIRECTORY = "/var/lib/quarn/mail/autoresponder"
 SET_RESP = ("--set-resp", "--mailname", "a@example.org", "--real-owner", "a@example.org")
-SANITIZED = script.is_sanitized(str(program_under_test()))
 MIB = 1024 * 1024
 
 
@@ -156,7 +154,7 @@ def test_interrupted_read_is_made_again(database, needs_tracing):
 # -- input that is too large
 
 
-if not SANITIZED:  # such a program takes more room for addresses than any limit leaves
+if not sanitized():  # such a program takes more room for addresses than any limit leaves
 
     def test_body_larger_than_memory_ends_in_an_error(database):
         with open("/dev/zero", "rb") as endless:

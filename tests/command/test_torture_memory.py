@@ -1,12 +1,11 @@
 """Allocations that fail. `scripts/torture memory` lets every single one of them fail, and prints a table."""
 
 import pytest
-from harness.private_root import script
-from harness.sandbox import program_under_test
+from harness.sandbox import sanitized
 from torture import memory
 from torture.scene import COMMANDS
 
-if not script.is_sanitized(str(program_under_test())):  # such a program has an allocator of its own, which aborts
+if not sanitized():  # such a program has an allocator of its own, which aborts
 
     @pytest.mark.parametrize("command", COMMANDS)
     def test_a_run_without_memory_ends_with_a_status_that_tells_the_truth(sandbox, command):

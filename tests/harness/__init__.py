@@ -1,12 +1,12 @@
-"""What the command tests stand on: the real binary in a private root, watched from outside.
+"""The command tests' tools: the real binary in a private root, observed from outside.
 
-    from harness import Call, Record, Result, needs_tracing
+    from harness import Call, Record, Result
 
 The fixtures (`sandbox`, `mailbox`, `needs_tracing`) are in tests/command/conftest.py.
 """
 
 from .log_records import Record
 from .sandbox import DELETED_CWD, DONE, Result, Running, Sandbox
-from .tracing import Call, needs_tracing
+from .tracing import Call
 
-__all__ = ["DELETED_CWD", "DONE", "Call", "Record", "Result", "Running", "Sandbox", "needs_tracing"]
+__all__ = ["DELETED_CWD", "DONE", "Call", "Record", "Result", "Running", "Sandbox"]

@@ -6,7 +6,7 @@ import signal
 import stat
 
 from . import tracing
-from .private_root import script
+from .private_root import PROGRAM
 from .waiting import until
 
 STOPPED_LOG = "/.stopped"
@@ -89,7 +89,7 @@ def stopped_after(sandbox, call, path, *args):
     """A run of the tool that is stopped for the time of the block, after its first system call `call` with the argument
     `path`. For tests that need tracing."""
     words = tracing.strace_arguments(STOPPED_LOG, call, [f"{call}:signal=SIGSTOP:when=1"], [path])
-    running = sandbox.start_command("/usr/bin/strace", [*words, "-e", "signal=SIGSTOP", script.PROGRAM, *args],
+    running = sandbox.start_command("/usr/bin/strace", [*words, "-e", "signal=SIGSTOP", PROGRAM, *args],
                                     traced=True)
     log = sandbox.path(STOPPED_LOG)
 

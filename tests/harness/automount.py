@@ -6,7 +6,7 @@ import subprocess
 import sys
 from pathlib import Path
 
-from .private_root import script
+from .private_root import namespaces_allowed, unshare_mounts
 
 READY = b"ready\n"
 
@@ -18,9 +18,9 @@ def _daemon(source, target):
 
 def possible():
     """Whether this machine has autofs and lets a mount namespace use it."""
-    if not script.namespaces_allowed():
+    if not namespaces_allowed():
         return False
-    with subprocess.Popen(_daemon("/tmp", "/tmp"), executable=sys.executable, preexec_fn=script.unshare_mounts,
+    with subprocess.Popen(_daemon("/tmp", "/tmp"), executable=sys.executable, preexec_fn=unshare_mounts,
                           process_group=0, stdout=subprocess.PIPE, stderr=subprocess.DEVNULL) as daemon:
         ready = daemon.stdout.readline() == READY
         daemon.kill()

@@ -11,16 +11,17 @@ import threading
 from dataclasses import dataclass
 from pathlib import Path
 
-from . import memcheck, tracing
-from .log_records import Record, parse_record
-from .private_root import REPOSITORY, script
+from . import private_root, tracing
+from .log_records import LogCatcher, Record, parse_record
+from .private_root import PROGRAM, REPOSITORY
 
 DATABASE = "/var/lib/quarn/mail/autoresponder/responder.db"
 BUILD_DIRECTORY = Path(os.environ.get("ARSP_BUILD_DIR") or REPOSITORY / "build" / "release").resolve()
-DELETED_CWD = object()  # as `cwd`: a working directory that is not there any more
+DELETED_CWD = object()  # as `cwd`: a working directory that is deleted
 DEFAULT_ENVIRONMENT = {"PATH": "/usr/sbin:/usr/bin:/sbin:/bin"}
-PIPE_ROOM = 65536  # what a pipe takes without a reader
-SANITIZER_STATUS = 99  # never mistaken for a status of the tool
+TRACE = "/.trace"
+PIPE_ROOM = 65536  # bytes that a pipe takes without a reader
+SANITIZER_STATUS = 99  # the tool never exits with it
 SANITIZER_REPORTS = "/.sanitizer"
 SANITIZER_MARKS = (b"ERROR: AddressSanitizer", b"ERROR: LeakSanitizer", b"AddressSanitizer: CHECK failed",
                    b"AddressSanitizer:DEADLYSIGNAL", b"runtime error: ")
@@ -30,18 +31,18 @@ def program_under_test():
     """The arspctl under test: that of the build directory in ARSP_BUILD_DIR, or of build/release."""
     program = BUILD_DIRECTORY / "cli" / "arspctl"
     if not program.exists():
-        raise FileNotFoundError(f"{program} is not there: it has to be built first")
+        raise FileNotFoundError(f"{program} does not exist: build it first")
     return program
 
 
 def sanitized():
     """Whether the program under test is built with AddressSanitizer."""
-    return script.is_sanitized(str(program_under_test()))
+    return private_root.is_sanitized(str(program_under_test()))
 
 
 @dataclass(frozen=True)
 class Result:
-    """How a run ended: `status` is the exit status, or minus the number of the signal that ended it."""
+    """The end of a run: `status` is the exit status, or minus the number of the signal that ended it."""
 
     status: int
     stdout: bytes
@@ -53,41 +54,36 @@ DONE = Result(0, b"", b"", [])  # success without output
 
 
 class Sandbox:
-    """A fresh private root, prepared for `program`. Made by the fixture `sandbox`, which removes it as well.
+    """A fresh private root, prepared for `program`. The fixture `sandbox` makes and removes it.
 
-    popuser    (uid, gid) of the mail system's user inside
+    popuser    (uid, gid) of the mail user inside
     directory  where the root is, seen from outside
     """
 
-    popuser = (script.POPUSER_UID, script.POPUSER_GID)
+    popuser = (private_root.POPUSER_UID, private_root.POPUSER_GID)
 
     def __init__(self, directory, program, mode, pool=None, tracing_declared=True):
         self._tracing_declared = tracing_declared
-        self._sanitized = script.is_sanitized(str(program))
+        self._sanitized = private_root.is_sanitized(str(program))
         self._received = []
         self._running = []
-        self._root = script.PrivateRoot(str(directory), str(program), mode, pool=pool)
+        self._root = private_root.PrivateRoot(str(directory), str(program), mode, pool=pool)
         self._root.prepare()
-        attended = self._root.provide_proc(str(program), self._sanitizer_options())
-        self._attendant = script.ProcAttendant(self._root) if attended else None
-        self._root.hold()
-        self._catcher = script.LogCatcher(self._root, self._received.append)
+        self._catcher = LogCatcher(self._root.directory, self._received.append)
         self.directory = Path(self._root.directory)
 
     def remove(self):
-        """Ends what still runs and removes the root."""
+        """Kills the runs that have not ended and removes the root."""
         for running in self._running:
             running.kill()
         if self._catcher is not None:
             self._catcher.stop()
-        if self._attendant is not None:
-            self._attendant.stop()
         self._root.remove()
 
     # -- runs
 
     def run(self, *args, **options):
-        """Runs the tool with `args` (text or bytes) and answers its Result.
+        """Runs the tool with `args` (text or bytes) and returns its Result.
 
         stdin         bytes, sent through a pipe; a file or descriptor; None for a closed one
         stdout/stderr a file or descriptor instead of the pipe into the Result
@@ -95,41 +91,39 @@ class Sandbox:
         umask         of the tool
         timeout       in seconds; the run is killed then, and the test fails
         close_fds     the standard descriptors (0, 1, 2) that are closed at the start
-        broken_pipes  those that are pipes without another end
+        broken_pipes  those that are pipes whose other end is closed
         rlimits       {resource.RLIMIT_...: limit or (soft, hard)}
         ignore        signals that are ignored at the start
         cwd           the working directory inside (default "/"), or DELETED_CWD
-        argv0         the name the tool is called by, instead of its path
+        argv0         the tool's own name, instead of its path
         """
         timeout = options.pop("timeout", 60)
         return self.start(*args, **options).wait(timeout)
 
     def start(self, *args, **options):
-        """Like run(), but does not wait: answers a Running."""
-        argv0 = options.pop("argv0", script.PROGRAM)
-        return self.start_command(script.PROGRAM, [argv0, *args], **options)
+        """Like run(), but returns a Running at once."""
+        argv0 = options.pop("argv0", PROGRAM)
+        return self.start_command(PROGRAM, [argv0, *args], **options)
 
     def execute(self, *words, **options):
-        """Runs another program of the root, by its path, with the options of run()."""
+        """Runs another program, by its path, with the options of run()."""
         timeout = options.pop("timeout", 60)
         self._root.provide(os.fsdecode(words[0]))
         return self.start_command(words[0], words, **options).wait(timeout)
 
     def trace(self, *args, calls=None, inject=None, paths=(), **options):
-        """Like run() under strace; answers (Result, [Call, ...]).
+        """Like run() under strace; returns (Result, [Call, ...]).
 
         calls   the system calls to list, as for strace -e trace=; all by default
         inject  strace -e inject= expressions, such as "unlink:error=EACCES:when=1"
-        paths   look only at calls on these paths (strace -P); inject counts only those, too
+        paths   look only at calls with these paths and on descriptors of them (strace -P); inject counts only those, too
 
-        The execve of the tool comes first, and counts for inject. Calls of the dynamic loader are there as well:
-        paths= keeps them out.
+        The execve of the tool comes first, and counts for inject. The list includes the calls of the dynamic loader.
         """
         if not self._tracing_declared:
             raise RuntimeError("a test that traces asks for the fixture needs_tracing")
         if "argv0" in options or options.get("close_fds") or options.get("stdin", b"") is None:
             raise TypeError("strace passes neither a closed standard descriptor nor another name on to the tool")
-        log = "/.trace"
         timeout = options.pop("timeout", 60)
         with contextlib.ExitStack() as ours:
             settings = []
@@ -143,45 +137,24 @@ class Sandbox:
                     settings[1] += "=" + environment["LD_PRELOAD"]
                 environment.update(LD_PRELOAD=tracing.PROC_LIBRARY, STRACE_PROC=str(proc))
                 options.update(env=environment, pass_fds=[proc])
-            words = tracing.strace_arguments(log, calls, inject, paths, settings)
-            running = self.start_command("/usr/bin/strace", [*words, script.PROGRAM, *args], traced=True, **options)
+            words = tracing.strace_arguments(TRACE, calls, inject, paths, settings)
+            running = self.start_command("/usr/bin/strace", [*words, PROGRAM, *args], traced=True, **options)
         result = running.wait(timeout)
-        path = self.path(log)
-        seen = tracing.parse_trace(path.read_text(errors="surrogateescape")) if path.exists() else []
-        path.unlink(missing_ok=True)
-        return result, seen
-
-    def memcheck(self, *args, **options):
-        """Like run() under valgrind's memcheck; fails with its report when there is an error or something is lost."""
-        timeout = options.pop("timeout", 120)
-        with contextlib.ExitStack() as ours:
-            if self._root.mode == "chroot":
-                self.path(memcheck.PROGRAM).parent.mkdir(parents=True, exist_ok=True)
-                self.path(memcheck.PROGRAM).write_bytes(memcheck.without_proc())
-                self.path(memcheck.PROGRAM).chmod(0o755)
-                proc = os.open("/proc", os.O_PATH | os.O_DIRECTORY)
-                ours.callback(os.close, proc)
-                options.update(cwd=proc)
-            for path in [*memcheck.FILES, memcheck.loader_symbols(self._root.program)]:
-                self._root.provide(path)
-            environment = dict(DEFAULT_ENVIRONMENT if options.get("env") is None else options["env"])
-            options.update(env=environment | memcheck.ENVIRONMENT)
-            running = self.start_command(memcheck.PROGRAM, [*memcheck.ARGUMENTS, script.PROGRAM, *args], **options)
-        result = running.wait(timeout)
-        report = self.path(memcheck.REPORT)
-        text = report.read_text(errors="replace")  # it is there, or memcheck was not
-        report.unlink()
-        if text or result.status == memcheck.STATUS:
-            raise AssertionError(f"memcheck reports:\n{text}")
-        return result
+        log = self.path(TRACE)
+        found = tracing.parse_trace(log.read_text(errors="surrogateescape")) if log.exists() else []
+        log.unlink(missing_ok=True)
+        return result, found
 
     def start_command(self, path, words, *, stdin=b"", stdout=subprocess.PIPE, stderr=subprocess.PIPE, env=None,
                       umask=0o022, close_fds=(), broken_pipes=(), rlimits=None, ignore=(), cwd=None, traced=False,
                       pass_fds=()):
-        """What start() and the others come down to: `path` inside is run with the argument vector `words`."""
+        """Starts the program `path` inside with the argument vector `words`; the options are those of run()."""
         environment = dict(DEFAULT_ENVIRONMENT if env is None else env)
         if self._sanitized:
             environment.update(self._sanitizer_options(leaks=not traced))
+
+        if private_root.COUNTED_BUILD and resource.RLIMIT_FSIZE in (rlimits or {}):
+            environment["GCOV_PREFIX"] = "/tmp"  # a count that is cut off would spoil those of all runs
 
         def go_in():
             self._root.enter()
@@ -214,7 +187,7 @@ class Sandbox:
                                        env=environment, preexec_fn=go_in, process_group=0, pass_fds=pass_fds)
         if feed is not None:
             feed.start()
-        running = Running(self, process, first_record, feed, by_pid=not traced and path == script.PROGRAM)
+        running = Running(self, process, first_record, feed, by_pid=not traced and path == PROGRAM)
         self._running.append(running)
         return running
 
@@ -225,10 +198,10 @@ class Sandbox:
         return Path(self.directory, os.fspath(path).lstrip("/"))
 
     def tree(self, path):
-        """Everything below the directory `path`, itself as ".": {name: (type, mode, uid, gid, content)}.
+        """All entries below the directory `path`, itself as ".": {name: (type, mode, uid, gid, content)}.
 
         type is "dir", "file", "link", "fifo", "socket", "char" or "block", mode the permission bits, content the
-        bytes of a file, the target of a link, otherwise None. Empty when there is no such directory.
+        bytes of a file, the target of a link, otherwise None. Empty if the directory does not exist.
         """
         top = self.path(path)
         if not os.path.lexists(top):
@@ -245,28 +218,28 @@ class Sandbox:
         self.path("/etc/kel/kel.conf").write_bytes(content.encode() if isinstance(content, str) else content)
 
     def popuser_exists(self, present):
-        """Lets the mail system's user exist, as at first, or not."""
+        """Adds the mail user, which exists at first, or removes it."""
         self._root.set_popuser(present)
 
     def no_log(self):
-        """Takes /dev/log away: the system log is not listening."""
+        """Removes /dev/log, as if the system log were not running."""
         self._catcher.stop()
         self._catcher = None
 
     # -- the database
 
     def init_db(self):
-        """Makes the database with the tool itself."""
+        """Makes the database with the tool."""
         result = self.run("--init-db")
         assert (result.status, result.stdout, result.stderr) == (0, b"", b""), result
         return result
 
     def db(self):
-        """A connection to the database in autocommit mode, to be closed by the caller; the file must be there."""
+        """A connection to the existing database in autocommit mode; the caller closes it."""
         return sqlite3.connect(f"file:{self.path(DATABASE)}?mode=rw", uri=True, isolation_level=None)
 
     def rows(self, sql, *params):
-        """The rows that the query answers."""
+        """The rows that the query returns."""
         with contextlib.closing(self.db()) as connection:
             return connection.execute(sql, params).fetchall()
 
@@ -284,13 +257,13 @@ class Sandbox:
     # -- sanitizers
 
     def _sanitizer_options(self, leaks=True):
-        leaks = leaks and self._root.mode == "namespace" and tracing.why_not() is None
+        leaks = leaks and tracing.why_not() is None  # the search for leaks traces the process
         common = f"exitcode={SANITIZER_STATUS}:log_path={SANITIZER_REPORTS}"
         return {"ASAN_OPTIONS": f"{common}:abort_on_error=0:detect_leaks={int(leaks)}",
                 "UBSAN_OPTIONS": f"{common}:halt_on_error=1:print_stacktrace=1"}
 
     def fail_on_sanitizer_report(self, result):
-        """Lets the test fail when a sanitizer found something, whatever the test itself looks at."""
+        """Fails the test if a sanitizer has reported an error, whatever the test itself checks."""
         if not self._sanitized:
             return
         reports = [result.stderr] + [file.read_bytes() for file in self.directory.glob(SANITIZER_REPORTS[1:] + ".*")]
@@ -300,7 +273,7 @@ class Sandbox:
 
 
 class Running:
-    """A run that was started: `pid`, and wait() for its Result."""
+    """A started run."""
 
     def __init__(self, sandbox, process, first_record, feed, by_pid):
         self._sandbox = sandbox
@@ -311,7 +284,7 @@ class Running:
         self.pid = process.pid
 
     def wait(self, timeout=60):
-        """Waits for the end, at most `timeout` seconds. The records are the run's own, told by its process id."""
+        """Waits for the end and returns the Result, with the records of the run itself. Fails after `timeout` seconds."""
         try:
             stdout, stderr = self._process.communicate(timeout=timeout)
         except subprocess.TimeoutExpired:
@@ -327,11 +300,11 @@ class Running:
         return result
 
     def running(self):
-        """Whether it has not ended yet."""
+        """Whether the run has not ended."""
         return self._process.poll() is None
 
     def kill(self):
-        """Ends it at once, and what it started."""
+        """Kills the run and the processes it has started."""
         if self._process.poll() is None:
             os.killpg(self.pid, signal.SIGKILL)
             self._process.communicate()
@@ -345,7 +318,7 @@ def _half_pipe(ours, keep):
 
 
 def _feeding_pipe(ours, content):
-    """The end to read `content` from, and a thread that writes it when it is more than the pipe takes at once."""
+    """The end to read `content` from, and a thread that writes it if the pipe cannot take it at once."""
     reader, writer = os.pipe()
     ours.callback(os.close, reader)
     if len(content) <= PIPE_ROOM:
@@ -367,9 +340,5 @@ def _entry(path):
     kinds = {stat.S_IFDIR: "dir", stat.S_IFREG: "file", stat.S_IFLNK: "link", stat.S_IFIFO: "fifo",
              stat.S_IFSOCK: "socket", stat.S_IFCHR: "char", stat.S_IFBLK: "block"}
     kind = kinds[stat.S_IFMT(state.st_mode)]
-    content = None
-    if kind == "file":
-        content = path.read_bytes()
-    elif kind == "link":
-        content = os.readlink(path)
+    content = path.read_bytes() if kind == "file" else os.readlink(path) if kind == "link" else None
     return (kind, stat.S_IMODE(state.st_mode), state.st_uid, state.st_gid, content)

@@ -8,14 +8,9 @@ import tempfile
 from dataclasses import dataclass
 from pathlib import Path
 
-import pytest
-
 from .shared_library import compiled
 
 PROC_LIBRARY = "/.strace_proc.so"
-
-# A machine may forbid tracing. This is the one thing whose lack lets tests be left out, and they say so.
-needs_tracing = pytest.mark.usefixtures("needs_tracing")
 
 
 @functools.cache

@@ -9,12 +9,11 @@ import subprocess
 from dataclasses import dataclass, field
 
 from harness.mailboxes import make_directories, put_file
-from harness.private_root import script
-from harness.sandbox import DATABASE, program_under_test
+from harness.sandbox import DATABASE, sanitized
 
 DATABASE_TREE = "/var/lib/quarn"
 MAIL_TREE = "/var/qmail/mailnames"
-THIN = 4 if script.is_sanitized(str(program_under_test())) else 1  # a sanitized program takes long to start
+THIN = 4 if sanitized() else 1  # a sanitized program takes long to start
 TABLES = ("attachments", "autoresponder", "extra_headers", "resp_freq")
 
 USER, OTHER, OWNER = "user@example.org", "other@example.org", "owner@example.com"
