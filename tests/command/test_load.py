@@ -1,29 +1,24 @@
-"""Eight runs at once, of all kinds that change a database, on mailboxes of their own and on shared ones, beside the mail
-side that counts its answers: every run ends, and every effect is there. (--init-db is not among them: it throws away
-what the others did.)"""
+"""Eight administrators at once change shared mailboxes and their own, beside the mail side that counts replies: every
+run ends, and every effect is there. (--init-db is not among the commands: it discards what the others did.)"""
 
-import contextlib
 import json
 import random
-import subprocess
-import sys
 from concurrent.futures import ThreadPoolExecutor
 
 import pytest
-from harness.mailboxes import put_file, run_sql
-from harness.private_root import REPOSITORY
+from harness.mail_side import mail_side_at_work
+from harness.mailboxes import MAIL_TREE, POPUSER, attachment_rows, put_file, run_sql
 
 AT_ONCE = 8
 ROUNDS = 3
-PATIENCE = 30  # seconds; a run that waits for ever is what this is about
+PATIENCE = 30  # seconds; a deadlock would last for ever
 NO_DIRECTORY = "Unable to remove autoresponder attachments: "
 SHARED = ("shared0@example.org", "shared1@example.org")
-SENDER = "a@example.net"
-MAIL_TREE = "/var/qmail/mailnames"
+COUNTED, SENDER = "counted@example.org", "a@example.net"
 
 
 class Administrator:
-    """One of those who work at the same time, each with one run after the other."""
+    """Makes one run after the other; `wrong` lists the runs that did not succeed."""
 
     def __init__(self, sandbox, number):
         self.sandbox = sandbox
@@ -34,10 +29,10 @@ class Administrator:
         self.wrong = []
 
     def run(self, *args, stdin=b""):
-        """A run that has to succeed. Only that there is no directory to clear may be told."""
+        """Runs the tool, which may log only that a directory to clear is missing."""
         result = self.sandbox.run(*args, stdin=stdin, timeout=PATIENCE)
-        told = [record.text for record in result.records if not record.text.startswith(NO_DIRECTORY)]
-        if (result.status, result.stdout, told) != (0, b"", []):
+        logged = [record.text for record in result.records if not record.text.startswith(NO_DIRECTORY)]
+        if (result.status, result.stdout, logged) != (0, b"", []):
             self.wrong.append((args, result))
 
     def set_resp(self, mailbox, subject, body=b"Away."):
@@ -52,42 +47,30 @@ class Administrator:
     def del_resp(self, mailbox):
         self.run("--del-resp", "--mailname", mailbox)
 
-    def set_headers(self, number):
-        self.run("--set-extra-headers", stdin=json.dumps({"X-By": str(self.number), "X-Round": str(number)}).encode())
+    def set_headers(self):
+        headers = {"X-By": str(self.number), "X-Also-By": str(self.number)}
+        self.run("--set-extra-headers", stdin=json.dumps(headers).encode())
 
     def work(self):
         chance = random.Random(self.number)
-        for number in range(ROUNDS):
+        for round_ in range(ROUNDS):
             steps = [
                 lambda: self.set_resp(self.shared, f"by {self.number}"),
-                lambda: self.del_attach(self.shared, f"of nobody {self.number}"),
-                lambda: self.set_headers(number),
+                lambda: self.del_attach(self.shared, f"missing {self.number}"),
+                self.set_headers,
                 lambda: self.del_resp(self.passing),
                 lambda: self.set_resp(self.passing, "soon gone"),
             ]
             chance.shuffle(steps)
             for step in steps:
                 step()
-            self.set_resp(self.own, f"round {number}", b"body %d" % number)
-            self.add_attach(self.own, f"kept {number}")
+            self.set_resp(self.own, f"round {round_}", b"body %d" % round_)
+            self.add_attach(self.own, f"kept {round_}")
             self.add_attach(self.own, "passing")
-            self.add_attach(self.shared, f"of {self.number}, {number}")
+            self.add_attach(self.shared, f"of {self.number}, {round_}")
             self.del_attach(self.own, "passing")
         self.del_resp(self.passing)
         return self.wrong
-
-
-@contextlib.contextmanager
-def counting_answers(sandbox, mailbox):
-    """The mail side at work for the time of the block; the list gets the number of its answers at the end."""
-    counted = []
-    with subprocess.Popen([sys.executable, REPOSITORY / "tests" / "outside" / "answer_counter.py", sandbox.directory,
-                           *map(str, sandbox.popuser), mailbox, SENDER], stdin=subprocess.PIPE, stdout=subprocess.PIPE,
-                          stderr=subprocess.PIPE, text=True) as process:
-        yield counted
-        output, error = process.communicate()
-    assert (process.returncode, error) == (0, "")
-    counted.append(int(output))
 
 
 @pytest.fixture
@@ -97,48 +80,47 @@ def office(sandbox):
     put_file(sandbox, "/tmp/source", b"the file", mode=0o644)
     for mailbox in SHARED:
         assert sandbox.run("--set-resp", "--mailname", mailbox, "--real-owner", mailbox).status == 0
-    run_sql(sandbox, f"INSERT INTO resp_freq VALUES ('counted@example.org', '{SENDER}', 0, 1700000000)")
+    run_sql(sandbox, f"INSERT INTO resp_freq VALUES ('{COUNTED}', '{SENDER}', 0, 1700000000)")
     return sandbox
 
 
-def attached(mailboxes):
-    """(mailbox, name) of all attachments that have to be there in the end."""
-    own = [(f"own{number}@example.org", f"kept {round_}") for number in range(mailboxes) for round_ in range(ROUNDS)]
-    shared = [(SHARED[number % len(SHARED)], f"of {number}, {round_}")
-              for number in range(mailboxes) for round_ in range(ROUNDS)]
-    return sorted(own + shared)
-
-
-def test_runs_of_all_kinds_at_once_end_and_every_effect_is_there(office):
+def test_concurrent_runs_of_all_kinds_end_and_every_effect_is_there(office):
     administrators = [Administrator(office, number) for number in range(AT_ONCE)]
 
-    with counting_answers(office, "counted@example.org") as counted, ThreadPoolExecutor(AT_ONCE) as pool:
-        wrong = [run for done in pool.map(Administrator.work, administrators) for run in done]
+    with mail_side_at_work(office) as mail_side:
+        mail_side.begin("count", COUNTED, SENDER)
+        with ThreadPoolExecutor(AT_ONCE) as pool:
+            wrong = [run for done in pool.map(Administrator.work, administrators) for run in done]
+        mail_side.begin("sql", "SELECT 1")
+        counted = mail_side.result()
 
     assert wrong == []
     assert office.rows("PRAGMA integrity_check") == [("ok",)]
     assert office.rows("SELECT mn, subject, body FROM autoresponder WHERE mn NOT LIKE 'shared%' ORDER BY mn") == [
-        (f"own{number}@example.org", "round 2", "body 2") for number in range(AT_ONCE)]
+        (administrator.own, "round 2", "body 2") for administrator in administrators]
     for place, mailbox in enumerate(SHARED):
         assert office.rows("SELECT subject FROM autoresponder WHERE mn = ?", mailbox)[0][0] in {
             f"by {number}" for number in range(place, AT_ONCE, len(SHARED))}
-    assert office.rows("SELECT mn, filename FROM attachments ORDER BY mn, filename") == attached(AT_ONCE)
-    assert_files_are_those_of_the_rows(office)
+    assert counted > 0
+    assert office.rows("SELECT mn, email, num FROM resp_freq") == [(COUNTED, SENDER, counted)]
+    assert_attachments_are_complete(office, administrators)
     assert_headers_are_whole_lists(office)
-    assert counted[0] > 0
-    assert office.rows("SELECT mn, email, num FROM resp_freq") == [("counted@example.org", SENDER, counted[0])]
 
 
-def assert_files_are_those_of_the_rows(office):
+def assert_attachments_are_complete(office, administrators):
+    attached = [(mailbox, name.format(round_)) for administrator in administrators for round_ in range(ROUNDS)
+                for mailbox, name in ((administrator.own, "kept {}"),
+                                      (administrator.shared, f"of {administrator.number}, {{}}"))]
+    assert attachment_rows(office) == sorted(attached)
     files = {path: entry for path, entry in office.tree(MAIL_TREE).items() if entry[0] == "file"}
-    expected = {f"example.org/{mailbox.partition('@')[0]}/@attachments/{name}": ("file", 0o644, 1110, 31, b"the file")
-                for mailbox, name in attached(AT_ONCE)}
-    assert files == expected
+    assert files == {f"example.org/{mailbox.partition('@')[0]}/@attachments/{name}":
+                     ("file", 0o644, *POPUSER, b"the file") for mailbox, name in attached}
 
 
 def assert_headers_are_whole_lists(office):
     """Two runs that empty the list before either fills it leave both lists, one after the other."""
     rows = office.rows("SELECT name, value FROM extra_headers ORDER BY rowid")
     assert rows
-    assert [name for name, _ in rows] == ["X-By", "X-Round"] * (len(rows) // 2)
-    assert {value for _, value in rows[::2]} <= {str(number) for number in range(AT_ONCE)}
+    assert [name for name, _ in rows] == ["X-By", "X-Also-By"] * (len(rows) // 2)
+    assert [value for _, value in rows[::2]] == [value for _, value in rows[1::2]]
+    assert {value for _, value in rows} <= {str(number) for number in range(AT_ONCE)}

@@ -1,50 +1,55 @@
-"""The mail delivery side, played by a process of its own: as the mail system's user it answers mail from the database
-that the tool keeps, and counts its answers there.
+"""The mail delivery side: a process of the mail user that replies to mail from the tool's database and counts replies.
 
     mail_side.py ROOT UID GID
 
-Each line of standard input is a request in JSON, each line of standard output the reply to one:
+Each line of standard input is a request in JSON, each line of standard output its result:
 
-    ["answer", MAILBOX, SENDER, TIME]         the answer to one mail; null when there is no autoresponder, or when the
-                                              sender has had enough answers
-    ["answers", MAILBOX, SENDER, TIME, COUNT] how many of so many mails were answered
+    ["answer", MAILBOX, SENDER, TIME]         the reply to one mail; null without an autoresponder, and when the sender
+                                              has received enough replies
+    ["answers", MAILBOX, SENDER, TIME, COUNT] how many of COUNT mails were replied to
+    ["count", MAILBOX, SENDER]                counts replies, one short transaction each, until more input or the end of
+                                              input; returns the number
     ["sql", SQL]                              the rows, over the same connection
-    ["reconnect"]                             null; the connection is a new one now
+    ["reconnect"]                             null; the connection is new
 """
 
 import json
 import os
+import select
 import sqlite3
 import sys
+import time
 
 DATABASE = "/var/lib/quarn/mail/autoresponder/responder.db"
 MAILNAMES = "/var/qmail/mailnames"
 TIMEOUT = 30  # seconds that this side waits for a lock
+PATIENCE = 5  # seconds within which another reply must be counted
+PAUSE = 0.002  # seconds between two counted replies
 
 
 def connect():
     return sqlite3.connect(f"file:{DATABASE}?mode=rw", uri=True, timeout=TIMEOUT, isolation_level=None)
 
 
-def answer(db, mailbox, sender, time):
+def answer(db, mailbox, sender, when):
     db.execute("BEGIN IMMEDIATE")
     try:
-        return answer_in_transaction(db, mailbox, sender, time)
+        return answer_in_transaction(db, mailbox, sender, when)
     finally:
         db.execute("COMMIT")
 
 
-def answer_in_transaction(db, mailbox, sender, time):
+def answer_in_transaction(db, mailbox, sender, when):
     row = db.execute("SELECT * FROM autoresponder WHERE mn = ?", (mailbox,)).fetchone()
     if row is None:
         return None
     _, keystr, key_where, subject, reply_to, forward_to, content_type, charset, body, ans_freq, _, real_owner = row
     count = db.execute("SELECT num FROM resp_freq WHERE mn = ? AND email = ?", (mailbox, sender)).fetchone()
     if count is None:
-        db.execute("INSERT INTO resp_freq VALUES (?, ?, 0, ?)", (mailbox, sender, time))
+        db.execute("INSERT INTO resp_freq VALUES (?, ?, 0, ?)", (mailbox, sender, when))
     elif count[0] >= ans_freq:
         return None
-    db.execute("UPDATE resp_freq SET num = num + 1, time_resp = ? WHERE mn = ? AND email = ?", (time, mailbox, sender))
+    db.execute("UPDATE resp_freq SET num = num + 1, time_resp = ? WHERE mn = ? AND email = ?", (when, mailbox, sender))
     names = [name for name, in db.execute("SELECT filename FROM attachments WHERE mn = ? ORDER BY 1", (mailbox,))]
     return {
         "key": [keystr, key_where],
@@ -64,6 +69,32 @@ def attachment(real_owner, name):
         return file.read()
 
 
+def count_one(db, mailbox, sender):
+    """Counts one reply; returns whether it did. After another writer a transaction that has read cannot go on to
+    write."""
+    db.execute("BEGIN")
+    db.execute("SELECT num FROM resp_freq WHERE mn = ? AND email = ?", (mailbox, sender)).fetchall()
+    try:
+        db.execute("UPDATE resp_freq SET num = num + 1 WHERE mn = ? AND email = ?", (mailbox, sender))
+    except sqlite3.OperationalError as error:
+        if "locked" not in str(error):
+            raise
+        db.execute("ROLLBACK")
+        return False
+    db.execute("COMMIT")
+    return True
+
+
+def count_replies(db, mailbox, sender):
+    counted, last = 0, time.monotonic()
+    while not select.select([sys.stdin], [], [], PAUSE)[0]:
+        if count_one(db, mailbox, sender):
+            counted, last = counted + 1, time.monotonic()
+        elif time.monotonic() > last + PATIENCE:
+            sys.exit(f"kept from writing for {PATIENCE} seconds")
+    return counted
+
+
 def main():
     root, uid, gid = sys.argv[1:]
     os.chroot(root)
@@ -74,18 +105,20 @@ def main():
     db = connect()
     for line in sys.stdin:
         what, *args = json.loads(line)
+        result = None
         if what == "answer":
-            reply = answer(db, *args)
+            result = answer(db, *args)
         elif what == "answers":
             *mail, count = args
-            reply = sum(answer(db, *mail) is not None for _ in range(count))
+            result = sum(answer(db, *mail) is not None for _ in range(count))
+        elif what == "count":
+            result = count_replies(db, *args)
         elif what == "sql":
-            reply = db.execute(*args).fetchall()
+            result = db.execute(*args).fetchall()
         elif what == "reconnect":
             db.close()
             db = connect()
-            reply = None
-        print(json.dumps(reply), flush=True)
+        print(json.dumps(result), flush=True)
 
 
 main()

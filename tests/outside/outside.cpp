@@ -1,11 +1,11 @@
-/* Another program of the panel: calls the store library as its command line says, one step after the other, and prints
- * the name and the result of each. A step is a name and its arguments; a "," stands between two steps. CONNECTION is
- * "none" or "borrowed", which is the program's own connection; the functions without CONNECTION always take that one.
+/* Another program of the panel: calls the store library as its command line says, step by step, and prints the name and
+ * the result of each step. A step is a name and its arguments; "," separates two steps. CONNECTION is "none" or
+ * "borrowed", the program's own connection; functions without CONNECTION take the own one.
  *
  *   open, close                    the own connection
  *   sql TEXT                       runs TEXT on it; the result is SQLite's code
- *   longest BYTES                  no connection opened from now on takes longer texts
- *   memory BYTES                   SQLite gets no more memory than this
+ *   longest BYTES                  limits the texts of all connections opened later
+ *   memory BYTES                   limits SQLite's memory
  *   store_autoresponder_record CONNECTION LOCAL DOMAIN [FIELD=VALUE]...
  *   replace_autoresponder_record LOCAL DOMAIN [FIELD=VALUE]...
  *   store_attachment_records CONNECTION LOCAL DOMAIN [FILE]...
@@ -17,10 +17,10 @@
  *   store_extra_headers CONNECTION [NAME VALUE]...
  *   replace_extra_headers [NAME VALUE]...
  *
- * An argument "#N" of a function of the library stands for a text of N bytes. */
+ * An argument or a VALUE "#N" stands for a text of N bytes. */
 #include <cstdio>
 #include <cstdlib>
-#include <deque>
+#include <list>
 #include <map>
 #include <string>
 #include <vector>
@@ -36,208 +36,147 @@ using namespace arsp;
 
 namespace {
 
-using Words = std::deque<std::string>;
+using Texts = std::vector<const char *>;
 
 ResponderDb own_connection;
 int longest_text = -1;
 
-std::string take(Words &words)
+/* Every `step`-th text from `first` on. */
+Texts every(std::size_t step, const Texts &texts, std::size_t first)
 {
-    const std::string word = words.at(0);
-    words.pop_front();
-    return word;
-}
-
-std::string take_text(Words &words)
-{
-    const std::string word = take(words);
-    return word.starts_with('#') ? std::string(std::stoul(word.substr(1)), 'x') : word;
-}
-
-ResponderDb *take_connection(Words &words)
-{
-    return take(words) == "borrowed" ? &own_connection : nullptr;
-}
-
-std::vector<std::string> take_texts(Words &words)
-{
-    std::vector<std::string> texts;
-    while (!words.empty())
-        texts.push_back(take_text(words));
-    return texts;
-}
-
-std::vector<const char *> every(std::size_t step, const std::vector<std::string> &texts, std::size_t first = 0)
-{
-    std::vector<const char *> pointers;
+    Texts found;
     for (std::size_t i = first; i < texts.size(); i += step)
-        pointers.push_back(texts[i].c_str());
-    return pointers;
+        found.push_back(texts[i]);
+    return found;
 }
 
-/* A mailbox, taken from `words` as its local part and its domain. */
-struct Mailbox {
-    explicit Mailbox(Words &words) : local_part(take_text(words)), domain(take_text(words)) {}
+int count(const Texts &texts)
+{
+    return static_cast<int>(texts.size());
+}
 
-    std::string local_part;
-    std::string domain;
-};
+const std::map<std::string, const char *AutoresponderRecord::*> TEXT_FIELDS = {
+    {"keystr", &AutoresponderRecord::keystr},
+    {"key_where", &AutoresponderRecord::key_where},
+    {"subject", &AutoresponderRecord::subject},
+    {"reply_to", &AutoresponderRecord::reply_to},
+    {"content_type", &AutoresponderRecord::content_type},
+    {"charset", &AutoresponderRecord::charset},
+    {"body", &AutoresponderRecord::body},
+    {"forward_to", &AutoresponderRecord::forward_to},
+    {"owner_local_part", &AutoresponderRecord::owner_local_part}};
 
-/* A record, with those fields changed that `words` name. */
-class Record {
-public:
-    explicit Record(Words &words)
-    {
-        while (!words.empty()) {
-            const std::string word = take(words);
-            Words value = {word.substr(word.find('=') + 1)};
-            fields_.at(word.substr(0, word.find('='))) = take_text(value);
-        }
+/* A record with the fields that the texts from the third on change. */
+AutoresponderRecord record(const Texts &texts)
+{
+    AutoresponderRecord record = {};
+    record.caller_data[0] = record.caller_data[1] = reinterpret_cast<const void *>(1); /* reading there crashes */
+    record.keystr = "holiday";
+    record.key_where = "subj";
+    record.subject = "Away";
+    record.reply_to = "desk@example.org";
+    record.content_type = "text/html";
+    record.charset = "KOI8-R";
+    record.body = "Back soon.";
+    record.ans_freq = 3;
+    record.ans_limit = 400;
+    record.forward_to = "deputy@example.org";
+    record.owner_local_part = "Owner";
+    for (const char *text : every(1, texts, 2)) {
+        const std::string word = text;
+        const std::string field = word.substr(0, word.find('='));
+        const char *value = text + field.size() + 1;
+        if (field == "ans_freq")
+            record.ans_freq = std::atoi(value);
+        else if (field == "ans_limit")
+            record.ans_limit = std::atoi(value);
+        else
+            record.*TEXT_FIELDS.at(field) = value;
     }
+    return record;
+}
 
-    AutoresponderRecord lent() const
-    {
-        AutoresponderRecord record = {};
-        record.caller_data[0] = record.caller_data[1] = reinterpret_cast<const void *>(1); /* reading there crashes */
-        record.keystr = text("keystr");
-        record.key_where = text("key_where");
-        record.subject = text("subject");
-        record.reply_to = text("reply_to");
-        record.content_type = text("content_type");
-        record.charset = text("charset");
-        record.body = text("body");
-        record.ans_freq = std::atoi(text("ans_freq"));
-        record.ans_limit = std::atoi(text("ans_limit"));
-        record.forward_to = text("forward_to");
-        record.owner_local_part = text("owner_local_part");
-        return record;
-    }
-
-private:
-    const char *text(const char *field) const { return fields_.at(field).c_str(); }
-
-    std::map<std::string, std::string> fields_ = {{"keystr", "holiday"},         {"key_where", "subj"},
-                                                  {"subject", "Away"},           {"reply_to", "desk@example.org"},
-                                                  {"content_type", "text/html"}, {"charset", "KOI8-R"},
-                                                  {"body", "Back soon."},        {"ans_freq", "3"},
-                                                  {"ans_limit", "400"},          {"forward_to", "deputy@example.org"},
-                                                  {"owner_local_part", "Owner"}};
-};
-
-/* SQLite calls it with each connection that it opens. */
+/* SQLite calls it for each connection that it opens. */
 int limit_texts(sqlite3 *db, const char **, const sqlite3_api_routines *)
 {
     sqlite3_limit(db, SQLITE_LIMIT_LENGTH, longest_text);
     return SQLITE_OK;
 }
 
-/* Name and value pairs. */
-struct Headers {
-    explicit Headers(Words &words) : texts(take_texts(words)) {}
+int run_sql(const char *sql)
+{
+    SqliteText message;
+    return own_connection.exec(sql, message);
+}
 
-    std::vector<std::string> texts;
-    std::vector<const char *> names = every(2, texts);
-    std::vector<const char *> values = every(2, texts, 1);
-    int count = static_cast<int>(values.size());
-};
+int limit_longest(const char *bytes)
+{
+    longest_text = std::atoi(bytes);
+    return sqlite3_auto_extension(reinterpret_cast<void (*)()>(limit_texts));
+}
 
-/* Attachments of a mailbox. */
-struct Files {
-    explicit Files(Words &words) : texts(take_texts(words)) {}
-
-    std::vector<std::string> texts;
-    std::vector<const char *> names = every(1, texts);
-    int count = static_cast<int>(names.size());
-};
-
-const std::map<std::string, int (*)(Words &)> STEPS = {
-    {"open", [](Words &) { return own_connection.open(); }},
-    {"close", [](Words &) { return own_connection.close(); }},
-    {"sql",
-     [](Words &words) {
-         SqliteText message;
-         return own_connection.exec(take(words).c_str(), message);
-     }},
-    {"longest",
-     [](Words &words) {
-         longest_text = std::stoi(take(words));
-         return sqlite3_auto_extension(reinterpret_cast<void (*)()>(limit_texts));
-     }},
-    {"memory", [](Words &words) { return sqlite3_hard_heap_limit64(std::stol(take(words))) < 0 ? -1 : 0; }},
+const std::map<std::string, int (*)(ResponderDb *, const Texts &)> WITH_CONNECTION = {
     {"store_autoresponder_record",
-     [](Words &words) {
-         ResponderDb *db = take_connection(words);
-         const Mailbox box(words);
-         const Record record(words);
-         return store_autoresponder_record(db, box.local_part.c_str(), box.domain.c_str(), record.lent());
-     }},
-    {"replace_autoresponder_record",
-     [](Words &words) {
-         const Mailbox box(words);
-         const Record record(words);
-         return replace_autoresponder_record(own_connection, box.local_part.c_str(), box.domain.c_str(), record.lent());
+     [](ResponderDb *db, const Texts &texts) {
+         return store_autoresponder_record(db, texts[0], texts[1], record(texts));
      }},
     {"store_attachment_records",
-     [](Words &words) {
-         ResponderDb *db = take_connection(words);
-         const Mailbox box(words);
-         const Files files(words);
-         return store_attachment_records(db, box.local_part.c_str(), box.domain.c_str(), files.names.data(),
-                                         files.count);
-     }},
-    {"replace_attachment_records",
-     [](Words &words) {
-         const Mailbox box(words);
-         const Files files(words);
-         return replace_attachment_records(own_connection, box.local_part.c_str(), box.domain.c_str(),
-                                           files.names.data(), files.count);
+     [](ResponderDb *db, const Texts &texts) {
+         return store_attachment_records(db, texts[0], texts[1], texts.data() + 2, count(texts) - 2);
      }},
     {"remove_autoresponder_record",
-     [](Words &words) {
-         ResponderDb *db = take_connection(words);
-         const Mailbox box(words);
-         return remove_autoresponder_record(db, box.local_part.c_str(), box.domain.c_str());
-     }},
-    {"delete_autoresponder_record",
-     [](Words &words) {
-         const Mailbox box(words);
-         return delete_autoresponder_record(own_connection, box.local_part.c_str(), box.domain.c_str());
-     }},
+     [](ResponderDb *db, const Texts &texts) { return remove_autoresponder_record(db, texts[0], texts[1]); }},
     {"remove_attachment_records",
-     [](Words &words) {
-         ResponderDb *db = take_connection(words);
-         const Mailbox box(words);
-         return remove_attachment_records(db, box.local_part.c_str(), box.domain.c_str());
-     }},
-    {"delete_attachment_records",
-     [](Words &words) {
-         const Mailbox box(words);
-         return delete_attachment_records(own_connection, box.local_part.c_str(), box.domain.c_str());
-     }},
-    {"delete_extra_headers", [](Words &words) { return delete_extra_headers(take_connection(words)); }},
+     [](ResponderDb *db, const Texts &texts) { return remove_attachment_records(db, texts[0], texts[1]); }},
+    {"delete_extra_headers", [](ResponderDb *db, const Texts &) { return delete_extra_headers(db); }},
     {"import_extra_headers_json",
-     [](Words &words) {
-         ResponderDb *db = take_connection(words);
-         return import_extra_headers_json(db, take(words));
-     }},
+     [](ResponderDb *db, const Texts &texts) { return import_extra_headers_json(db, texts[0]); }},
     {"store_extra_headers",
-     [](Words &words) {
-         ResponderDb *db = take_connection(words);
-         const Headers headers(words);
-         return store_extra_headers(db, headers.names.data(), headers.values.data(), headers.count);
-     }},
-    {"replace_extra_headers",
-     [](Words &words) {
-         const Headers headers(words);
-         return replace_extra_headers(own_connection, headers.names.data(), headers.values.data(), headers.count);
+     [](ResponderDb *db, const Texts &texts) {
+         const Texts values = every(2, texts, 1);
+         return store_extra_headers(db, every(2, texts, 0).data(), values.data(), count(values));
      }},
 };
 
-void run(Words words)
+const std::map<std::string, int (*)(ResponderDb &, const Texts &)> ON_OWN_CONNECTION = {
+    {"open", [](ResponderDb &db, const Texts &) { return db.open(); }},
+    {"close", [](ResponderDb &db, const Texts &) { return db.close(); }},
+    {"sql", [](ResponderDb &, const Texts &texts) { return run_sql(texts[0]); }},
+    {"longest", [](ResponderDb &, const Texts &texts) { return limit_longest(texts[0]); }},
+    {"memory",
+     [](ResponderDb &, const Texts &texts) { return sqlite3_hard_heap_limit64(std::atol(texts[0])) < 0 ? -1 : 0; }},
+    {"replace_autoresponder_record",
+     [](ResponderDb &db, const Texts &texts) {
+         return replace_autoresponder_record(db, texts[0], texts[1], record(texts));
+     }},
+    {"replace_attachment_records",
+     [](ResponderDb &db, const Texts &texts) {
+         return replace_attachment_records(db, texts[0], texts[1], texts.data() + 2, count(texts) - 2);
+     }},
+    {"delete_autoresponder_record",
+     [](ResponderDb &db, const Texts &texts) { return delete_autoresponder_record(db, texts[0], texts[1]); }},
+    {"delete_attachment_records",
+     [](ResponderDb &db, const Texts &texts) { return delete_attachment_records(db, texts[0], texts[1]); }},
+    {"replace_extra_headers",
+     [](ResponderDb &db, const Texts &texts) {
+         const Texts values = every(2, texts, 1);
+         return replace_extra_headers(db, every(2, texts, 0).data(), values.data(), count(values));
+     }},
+};
+
+int run(const std::string &name, const Texts &texts)
 {
-    const std::string name = take(words);
-    const int result = STEPS.at(name)(words);
-    std::printf("%s %d\n", name.c_str(), result);
+    if (ON_OWN_CONNECTION.contains(name))
+        return ON_OWN_CONNECTION.at(name)(own_connection, texts);
+    ResponderDb *connection = std::string(texts.at(0)) == "borrowed" ? &own_connection : nullptr;
+    return WITH_CONNECTION.at(name)(connection, every(1, texts, 1));
+}
+
+/* Replaces "#N" at the start or after "=". */
+std::string expanded(const std::string &word)
+{
+    const std::size_t place = word.find("=#") + 1;
+    return word[place] == '#' ? word.substr(0, place) + std::string(std::stoul(word.substr(place + 1)), 'x') : word;
 }
 
 } // namespace
@@ -245,13 +184,19 @@ void run(Words words)
 int main(int argc, char *argv[])
 {
     log_init(nullptr, LOG_ERR, LOG_MAIL, 0, "outside");
-    Words step;
+    std::list<std::string> words;
+    std::string name;
+    Texts texts;
     for (int i = 1; i <= argc; ++i) {
-        if (i < argc && std::string(argv[i]) != ",") {
-            step.emplace_back(argv[i]);
-        } else if (!step.empty()) {
-            run(step);
-            step.clear();
+        if (i == argc || std::string(argv[i]) == ",") {
+            if (!name.empty())
+                std::printf("%s %d\n", name.c_str(), run(name, texts));
+            name.clear();
+            texts.clear();
+        } else if (name.empty()) {
+            name = argv[i];
+        } else {
+            texts.push_back(words.emplace_back(expanded(argv[i])).c_str());
         }
     }
 }
