@@ -12,7 +12,7 @@ sys.path.insert(0, str(Path(__file__).resolve().parents[1]))
 
 from harness import Sandbox, mailboxes, tracing  # noqa: E402
 from harness.private_root import choose_mode, is_sanitized, loads_library  # noqa: E402
-from harness.sandbox import program_under_test  # noqa: E402
+from harness.sandbox import program_under_test, sanitized  # noqa: E402
 
 SKIPPED = 77  # ctest shows such a test as skipped
 
@@ -25,6 +25,7 @@ def pytest_configure(config):
     config.addinivalue_line("markers", "tracing: traces system calls; given to every test that asks for needs_tracing")
     config.addinivalue_line("markers", "shared: replaces functions of a library that only some builds load; given to "
                                        "every test that names sqlite_shim")
+    config.addinivalue_line("markers", "unsanitized: limits memory, which AddressSanitizer does not survive")
 
 
 def pytest_collection_modifyitems(config, items):
@@ -33,10 +34,13 @@ def pytest_collection_modifyitems(config, items):
             item.add_marker("tracing")
         if "sqlite_shim" in inspect.getsource(item.function):
             item.add_marker("shared")
-    if not loads_library(str(program_under_test()), "libsqlite3"):
-        # A preloaded library cannot replace functions that are linked into the program.
-        config.hook.pytest_deselected(items=[item for item in items if item.get_closest_marker("shared")])
-        items[:] = [item for item in items if not item.get_closest_marker("shared")]
+    # A preloaded library cannot replace functions that are linked into the program.
+    unfit = set() if loads_library(str(program_under_test()), "libsqlite3") else {"shared"}
+    if sanitized():
+        unfit.add("unsanitized")
+    left_out = [item for item in items if unfit & {marker.name for marker in item.iter_markers()}]
+    config.hook.pytest_deselected(items=left_out)
+    items[:] = [item for item in items if item not in left_out]
 
 
 def pytest_sessionfinish(session, exitstatus):

@@ -1,7 +1,7 @@
-"""Two writers at once: whoever has looked an owner up gives way to the writer that waits for all readers to finish.
+"""Two writers at once: a run that has looked an owner up gives way to a writer that waits for all readers to finish.
 
-The owner's look-up takes a read lock that lasts until END. Another run that has written waits at its own END for the
-last reader, while the reader waits for its turn to write: without giving way neither would ever go on.
+The look-up takes a read lock that lasts until END. Another run that has written waits at its own END for the last
+reader, while the reader waits for its turn to write. Unless the reader gives way, both wait for ever.
 """
 
 import contextlib
@@ -12,24 +12,27 @@ import sqlite3
 import struct
 
 import pytest
-from harness import Result
-from harness.mailboxes import (add_attachment_rows, add_autoresponder, attachment_rows, autoresponder_rows,
-                               copying_from_pipe, error_texts, make_directories, put_file)
+from harness import DONE, tracing
+from harness.mailboxes import (DIRECTORY, MAIL_TREE, add_attachment_rows, add_autoresponder, attachment_rows,
+                               autoresponder_rows, copying_from_pipe, error_texts, make_directories, put_file)
+from harness.private_root import PROGRAM
 from harness.sandbox import DATABASE
 from harness.waiting import until
 
-DIRECTORY = "/var/qmail/mailnames/example.org/user/@attachments"
-DONE = Result(0, b"", b"", [])
-PATIENCE = 20  # seconds; two runs that wait for each other never end
+PATIENCE = 20  # seconds; a deadlock would last for ever
+DIRECTORY_OF_SALES = MAIL_TREE + "/example.com/sales/@attachments"
+COPIED = ("file", 0o644, 1110, 31, b"the report")
 
 # Where SQLite locks the database file: (first byte, count).
 PENDING, RESERVED, SHARED = (0x40000000, 1), (0x40000001, 1), (0x40000002, 510)
 LOCK_NAMES = {PENDING: "pending", RESERVED: "reserved", SHARED: "shared", (0x40000000, 2): "pending and reserved",
               (0, 0): "all"}
 
-ADD = ("--add-attach", "--mailname", "sales@example.com", "--filename", "report.pdf", "--source", "/tmp/source")
-DEL = ("--del-attach", "--mailname", "sales@example.com", "--filename", "old.pdf")
+SALES, OTHER = ("--mailname", "sales@example.com"), ("--mailname", "other@example.org")
+ADD = ("--add-attach", *SALES, "--filename", "report.pdf", "--source", "/tmp/source")
+DEL = ("--del-attach", *SALES, "--filename", "old.pdf")
 SET_RESP = ("--set-resp", "--mailname", "new@example.org", "--real-owner", "new@example.org")
+DEL_RESP = ("--del-resp", *SALES)
 
 
 @pytest.fixture
@@ -46,8 +49,8 @@ def mailbox(sandbox):
 
 
 def lock_holder(sandbox, region):
-    """The process that holds a lock on that region of the database file, or 0. Not for tests that have the database open
-    themselves: closing the file here would lose this process's own locks."""
+    """The process that holds a lock on that region of the database file, or 0. A test that has the database open must
+    not call it: closing the file here would release this process's own locks."""
     file = os.open(sandbox.path(DATABASE), os.O_RDWR)
     try:
         asked = struct.pack("hhqqi", fcntl.F_WRLCK, os.SEEK_SET, *region, 0)
@@ -61,10 +64,10 @@ def copying(sandbox):
     return copying_from_pipe(sandbox, "/tmp/pipe", b"the report", mailname="sales@example.com", filename="report.pdf")
 
 
-def start_other(sandbox, *args):
-    """A run that has written and waits for the last reader."""
+def start_writer(sandbox, *args):
+    """Starts a run and returns it when it has written and waits for the last reader."""
     running = sandbox.start(*args, stdin=b"body")
-    # In this order: PENDING is held for a moment, too, by whoever begins to read.
+    # In this order: a run that begins to read holds PENDING for a moment, too.
     until(lambda: lock_holder(sandbox, RESERVED) == running.pid, "the other run has written")
     until(lambda: lock_holder(sandbox, PENDING) == running.pid, "the other run waits for the last reader")
     return running
@@ -75,15 +78,15 @@ def start_other(sandbox, *args):
 
 @pytest.mark.parametrize(("other", "autoresponders", "attachments"), [
     (SET_RESP, [("new@example.org", "new@example.org")], [("other@example.org", "old.pdf")]),
-    (("--add-attach", "--mailname", "other@example.org", "--filename", "new.pdf", "--source", "/tmp/source"),
-     [], [("other@example.org", "new.pdf"), ("other@example.org", "old.pdf")]),
-    (("--del-attach", "--mailname", "other@example.org", "--filename", "old.pdf"), [], []),
-    (("--add-attach", "--mailname", "sales@example.com", "--filename", "new.pdf", "--source", "/tmp/source"),
-     [], [("other@example.org", "old.pdf"), ("sales@example.com", "new.pdf")]),
+    (("--add-attach", *OTHER, "--filename", "new.pdf", "--source", "/tmp/source"), [],
+     [("other@example.org", "new.pdf"), ("other@example.org", "old.pdf")]),
+    (("--del-attach", *OTHER, "--filename", "old.pdf"), [], []),
+    (("--add-attach", *SALES, "--filename", "new.pdf", "--source", "/tmp/source"), [],
+     [("other@example.org", "old.pdf"), ("sales@example.com", "new.pdf")]),
 ])
-def test_add_attach_and_another_writer_both_get_done(mailbox, other, autoresponders, attachments):
+def test_add_attach_and_another_writer_both_succeed(mailbox, other, autoresponders, attachments):
     with copying(mailbox) as adding:
-        writing = start_other(mailbox, *other)
+        writing = start_writer(mailbox, *other)
 
     assert writing.wait(PATIENCE) == DONE
     assert adding.wait(PATIENCE) == DONE
@@ -91,10 +94,10 @@ def test_add_attach_and_another_writer_both_get_done(mailbox, other, autorespond
                                            ("sales@example.com", "user@example.org")]
     assert attachment_rows(mailbox) == sorted([*attachments, ("sales@example.com", "old.pdf"),
                                                ("sales@example.com", "report.pdf")])
-    assert mailbox.tree(DIRECTORY)["report.pdf"] == ("file", 0o644, 1110, 31, b"the report")
+    assert mailbox.tree(DIRECTORY)["report.pdf"] == COPIED
 
 
-def test_add_attach_lets_a_writer_of_another_program_through(mailbox):
+def test_add_attach_gives_way_to_a_writer_of_another_program(mailbox):
     with contextlib.closing(mailbox.db()) as mail_side:
         mail_side.execute(f"PRAGMA busy_timeout = {PATIENCE * 1000}")
         with copying(mailbox) as adding:
@@ -110,9 +113,9 @@ def test_add_attach_lets_a_writer_of_another_program_through(mailbox):
     assert ("sales@example.com", "report.pdf") in attachment_rows(mailbox)
 
 
-def test_an_autoresponder_that_vanished_during_the_copy_takes_no_attachment(mailbox):
+def test_autoresponder_that_vanishes_during_the_copy_takes_no_attachment(mailbox):
     with copying(mailbox) as adding:
-        deleting = start_other(mailbox, "--del-resp", "--mailname", "sales@example.com")
+        deleting = start_writer(mailbox, *DEL_RESP)
 
     assert deleting.wait(PATIENCE).status == 0
     result = adding.wait(PATIENCE)
@@ -120,20 +123,19 @@ def test_an_autoresponder_that_vanished_during_the_copy_takes_no_attachment(mail
     assert error_texts(result) == ["No autoresponder found for mailname (sales@example.com)"]
     assert autoresponder_rows(mailbox) == [("other@example.org", "other@example.org")]
     assert attachment_rows(mailbox) == [("other@example.org", "old.pdf")]
-    assert mailbox.tree(DIRECTORY)["report.pdf"] == ("file", 0o644, 1110, 31, b"the report")
+    assert mailbox.tree(DIRECTORY)["report.pdf"] == COPIED
 
 
-def test_an_owner_that_changed_during_the_copy_changes_nothing(mailbox):
+def test_owner_that_changes_during_the_copy_does_not_move_the_attachment(mailbox):
     with copying(mailbox) as adding:
-        changing = start_other(mailbox, "--set-resp", "--mailname", "sales@example.com",
-                               "--real-owner", "third@example.org")
+        changing = start_writer(mailbox, "--set-resp", *SALES, "--real-owner", "third@example.org")
 
     assert changing.wait(PATIENCE) == DONE
     assert adding.wait(PATIENCE) == DONE
     assert ("sales@example.com", "third@example.org") in autoresponder_rows(mailbox)
     assert ("sales@example.com", "report.pdf") in attachment_rows(mailbox)
-    assert mailbox.tree(DIRECTORY)["report.pdf"] == ("file", 0o644, 1110, 31, b"the report")
-    assert mailbox.tree("/var/qmail/mailnames/example.org/third") == {}
+    assert mailbox.tree(DIRECTORY)["report.pdf"] == COPIED
+    assert mailbox.tree(MAIL_TREE + "/example.org/third") == {}
 
 
 # -- del-attach
@@ -141,18 +143,18 @@ def test_an_owner_that_changed_during_the_copy_changes_nothing(mailbox):
 
 @contextlib.contextmanager
 def looked_up(sandbox):
-    """A run of DEL that is stopped for the time of the block: it has looked up, and not written."""
-    _, calls = sandbox.trace(*DEL[:-1], "never-there.pdf", calls="fcntl")
-    last_of_look_up = locks(calls).index(("take", "reserved")) + len(calls) - len(locks(calls))
-    running = sandbox.start_command("/usr/bin/strace", [
-        "strace", "-f", "-qq", "-o", "/dev/null", "-e", "trace=fcntl",
-        "-e", f"inject=fcntl:signal=SIGSTOP:when={last_of_look_up}", "/usr/sbin/arspctl", *DEL], traced=True)
+    """A run of DEL that is stopped for the duration of the block, after its look-up and before its deletion."""
+    _, calls = sandbox.trace(*DEL[:-1], "missing.pdf", calls="fcntl")
+    found = locks(calls)
+    last_of_look_up = found.index(("take", "reserved")) + len(calls) - len(found)
+    words = tracing.strace_arguments("/dev/null", "fcntl", [f"fcntl:signal=SIGSTOP:when={last_of_look_up}"], ())
+    running = sandbox.start_command("/usr/bin/strace", [*words, PROGRAM, *DEL], traced=True)
 
     def stopped():
         pid = lock_holder(sandbox, SHARED)
         if not pid or lock_holder(sandbox, PENDING):
             return False
-        with open(f"/proc/{pid}/status") as status:
+        with open(f"/proc/{pid}/status", encoding="ascii", errors="replace") as status:
             return any(line.startswith("State:\tt") for line in status)
 
     until(stopped, "the run stops between look-up and deletion")
@@ -171,22 +173,22 @@ def locks(calls):
     return found
 
 
-def test_del_attach_and_another_writer_both_get_done(mailbox, needs_tracing):
-    make_directories(mailbox, "/var/qmail/mailnames/example.com/sales/@attachments")
-    put_file(mailbox, "/var/qmail/mailnames/example.com/sales/@attachments/old.pdf")
+def test_del_attach_and_another_writer_both_succeed(mailbox, needs_tracing):
+    make_directories(mailbox, DIRECTORY_OF_SALES)
+    put_file(mailbox, DIRECTORY_OF_SALES + "/old.pdf")
     with looked_up(mailbox) as deleting:
-        writing = start_other(mailbox, *SET_RESP)
+        writing = start_writer(mailbox, *SET_RESP)
 
     assert writing.wait(PATIENCE) == DONE
     assert deleting.wait(PATIENCE) == DONE
     assert ("new@example.org", "new@example.org") in autoresponder_rows(mailbox)
     assert attachment_rows(mailbox) == [("other@example.org", "old.pdf")]
-    assert sorted(mailbox.tree("/var/qmail/mailnames/example.com/sales/@attachments")) == ["."]
+    assert sorted(mailbox.tree(DIRECTORY_OF_SALES)) == ["."]
 
 
-def test_an_autoresponder_that_vanished_meanwhile_fails_del_attach(mailbox, needs_tracing):
+def test_autoresponder_that_vanishes_after_the_look_up_fails_del_attach(mailbox, needs_tracing):
     with looked_up(mailbox) as deleting:
-        writing = start_other(mailbox, "--del-resp", "--mailname", "sales@example.com")
+        writing = start_writer(mailbox, *DEL_RESP)
 
     assert writing.wait(PATIENCE).status == 0
     result = deleting.wait(PATIENCE)
@@ -195,11 +197,11 @@ def test_an_autoresponder_that_vanished_meanwhile_fails_del_attach(mailbox, need
     assert attachment_rows(mailbox) == [("other@example.org", "old.pdf")]
 
 
-# -- nobody else
+# -- no other writer
 
 
 @pytest.mark.parametrize("command", [ADD, DEL])
-def test_without_another_writer_there_is_one_transaction_and_nothing_more(mailbox, needs_tracing, command):
+def test_run_without_another_writer_makes_one_transaction(mailbox, needs_tracing, command):
     result, calls = mailbox.trace(*command, calls="fcntl")
 
     assert result == DONE

@@ -1,14 +1,17 @@
-"""--set-resp and its standard input: read whole before the database is touched, or nothing happens at all."""
+"""--set-resp reads standard input whole before it opens the database; after a read error it changes nothing."""
 
 import contextlib
 import ctypes
 import mmap
 import os
 import resource
+import subprocess
 import tty
 
 import pytest
-from harness.sandbox import DATABASE, sanitized
+from harness import DONE
+from harness.mailboxes import run_sql
+from harness.sandbox import DATABASE
 from harness.waiting import has_open, until_it_sleeps
 
 DIRECTORY = "/var/lib/quarn/mail/autoresponder"
@@ -20,34 +23,28 @@ MIB = 1024 * 1024
 def database(sandbox):
     """The sandbox with one row in its database."""
     sandbox.init_db()
-    with contextlib.closing(sandbox.db()) as db:
-        db.execute("INSERT INTO autoresponder (mn, real_owner, body)"
-                   " VALUES ('a@example.org', 'a@example.org', 'former')")
+    run_sql(sandbox, "INSERT INTO autoresponder (mn, real_owner, body) "
+                     "VALUES ('a@example.org', 'a@example.org', 'former')")
     return sandbox
 
 
 @pytest.fixture
 def descriptors():
-    """Takes descriptors and closes them at the end."""
-    with contextlib.ExitStack() as stack:
-        def keep(*numbers):
-            for number in numbers:
-                stack.callback(_close, number)
-            return numbers[0] if len(numbers) == 1 else numbers
-        yield keep
+    """A function that returns its descriptors and closes them at the end of the test."""
+    kept = []
 
+    def keep(*numbers):
+        kept.extend(numbers)
+        return numbers[0] if len(numbers) == 1 else numbers
 
-def _close(number):
-    with contextlib.suppress(OSError):
-        os.close(number)
+    yield keep
+    for number in kept:
+        with contextlib.suppress(OSError):
+            os.close(number)
 
 
 def bodies(sandbox):
     return [body for body, in sandbox.rows("SELECT CAST(body AS BLOB) FROM autoresponder")]
-
-
-def assert_stored(result):
-    assert (result.status, result.stdout, result.stderr, result.records) == (0, b"", b"", [])
 
 
 def assert_failed(result, text):
@@ -56,7 +53,7 @@ def assert_failed(result, text):
 
 
 def memory_before_a_gap(content):
-    """A descriptor that reads `content` and then fails with EIO: this process's memory, up to where it has none."""
+    """A descriptor of this process's memory: reading returns `content`, then fails with EIO where nothing is mapped."""
     libc = ctypes.CDLL(None, use_errno=True)
     libc.mmap.restype = ctypes.c_void_p
     libc.mmap.argtypes = [ctypes.c_void_p, ctypes.c_size_t, ctypes.c_int, ctypes.c_int, ctypes.c_int, ctypes.c_long]
@@ -74,57 +71,35 @@ def memory_before_a_gap(content):
 # -- input that cannot be read
 
 
-def closed(_):
-    return {"close_fds": [0]}
+UNREADABLE = {
+    "closed": (lambda keep: None, "Bad file descriptor"),
+    "write-only": (lambda keep: keep(os.open("/dev/null", os.O_WRONLY)), "Bad file descriptor"),
+    "directory": (lambda keep: keep(os.open("/", os.O_RDONLY)), "Is a directory"),
+    **{f"error after {length} bytes": (lambda keep, length=length: keep(memory_before_a_gap(b"x" * length)),
+                                       "Input/output error") for length in (0, 20, 100_000)},
+}
+each_unreadable = pytest.mark.parametrize(("make", "text"), UNREADABLE.values(), ids=UNREADABLE)
 
 
-def write_only(keep):
-    return {"stdin": keep(os.open("/dev/null", os.O_WRONLY))}
-
-
-def directory(keep):
-    return {"stdin": keep(os.open("/", os.O_RDONLY))}
-
-
-def memory_that_is_not_there(keep):
-    return {"stdin": keep(memory_before_a_gap(b""))}
-
-
-def memory_that_ends_after_some_bytes(keep):
-    return {"stdin": keep(memory_before_a_gap(b"some bytes of the body"))}
-
-
-def memory_that_ends_after_many_bytes(keep):
-    return {"stdin": keep(memory_before_a_gap(b"x" * 100_000))}
-
-
-UNREADABLE = {closed: "Bad file descriptor",
-              write_only: "Bad file descriptor",
-              directory: "Is a directory",
-              memory_that_is_not_there: "Input/output error",
-              memory_that_ends_after_some_bytes: "Input/output error",
-              memory_that_ends_after_many_bytes: "Input/output error"}
-
-
-@pytest.mark.parametrize("make, text", UNREADABLE.items())
-def test_input_that_cannot_be_read_leaves_the_former_row(database, descriptors, make, text):
-    result = database.run(*SET_RESP, **make(descriptors))
+@each_unreadable
+def test_unreadable_input_leaves_the_former_row(database, descriptors, make, text):
+    result = database.run(*SET_RESP, stdin=make(descriptors))
 
     assert_failed(result, f"Unable to read standard input: {text}")
     assert bodies(database) == [b"former"]
 
 
-@pytest.mark.parametrize("make", UNREADABLE)
-def test_input_that_cannot_be_read_keeps_the_database_unopened(sandbox, descriptors, make):
+@each_unreadable
+def test_unreadable_input_leaves_the_database_unopened(sandbox, descriptors, make, text):
     sandbox.path(DIRECTORY).mkdir(parents=True)
 
-    result = sandbox.run(*SET_RESP, **make(descriptors))
+    result = sandbox.run(*SET_RESP, stdin=make(descriptors))
 
-    assert [record.text[:30] for record in result.records] == ["Unable to read standard input:"]
+    assert_failed(result, f"Unable to read standard input: {text}")
     assert set(sandbox.tree(DIRECTORY)) == {"."}  # opening would have made an empty file
 
 
-def test_error_after_a_part_of_the_body_is_not_its_end(database, needs_tracing):
+def test_error_after_a_part_of_the_body_does_not_end_the_body(database, needs_tracing):
     body = b"x" * 60_000
     _, calls = database.trace("--set-resp", "--mailname", "b@example.org", "--real-owner", "a@example.org",
                               stdin=body, calls="read")
@@ -139,7 +114,7 @@ def test_error_after_a_part_of_the_body_is_not_its_end(database, needs_tracing):
     assert database.rows("SELECT CAST(body AS BLOB) FROM autoresponder WHERE mn = 'a@example.org'") == [(b"former",)]
 
 
-def test_interrupted_read_is_made_again(database, needs_tracing):
+def test_interrupted_read_is_repeated(database, needs_tracing):
     _, calls = database.trace(*SET_RESP, stdin=b"x", calls="read")
     nth = [call.args_text.partition(",")[0] for call in calls].index("0") + 1
 
@@ -147,62 +122,56 @@ def test_interrupted_read_is_made_again(database, needs_tracing):
                                    inject=[f"read:error=EINTR:when={nth}"])
 
     assert [call.error for call in calls if call.args_text.startswith("0,")] == ["EINTR", None, None]
-    assert_stored(result)
+    assert result == DONE
     assert bodies(database) == [b"the whole body"]
 
 
 # -- input that is too large
 
 
-if not sanitized():  # such a program takes more room for addresses than any limit leaves
+@pytest.mark.unsanitized
+def test_body_larger_than_memory_ends_in_an_error(database):
+    with open("/dev/zero", "rb") as endless:
+        result = database.run(*SET_RESP, stdin=endless, rlimits={resource.RLIMIT_AS: 64 * MIB})
 
-    def test_body_larger_than_memory_ends_in_an_error(database):
-        with open("/dev/zero", "rb") as endless:
-            result = database.run(*SET_RESP, stdin=endless, rlimits={resource.RLIMIT_AS: 64 * MIB})
-
-        assert (result.status, result.stdout) == (1, b"Error: std::bad_alloc\n")
-        assert (result.stderr, result.records) == (b"", [])
-        assert bodies(database) == [b"former"]
-
-    def test_body_is_stored_whole_or_not_at_all_however_little_memory_there_is(database, tmp_path):
-        body = b"a line of the body, and the next line is another\n" * 200_000
-        path = tmp_path / "body"
-        path.write_bytes(body)
-
-        statuses = []
-        for room in range(12, 64, 4):
-            with contextlib.closing(database.db()) as db:
-                db.execute("UPDATE autoresponder SET body = 'former'")
-            with open(path, "rb") as file:
-                statuses.append(database.run(*SET_RESP, stdin=file, rlimits={resource.RLIMIT_AS: room * MIB}).status)
-            assert bodies(database) == [body if statuses[-1] == 0 else b"former"]
-
-        assert statuses == sorted(statuses, reverse=True)
-        assert {0, 1} == set(statuses)
+    assert (result.status, result.stdout) == (1, b"Error: std::bad_alloc\n")
+    assert (result.stderr, result.records) == (b"", [])
+    assert bodies(database) == [b"former"]
 
 
-# -- input that comes slowly, or not at all
+@pytest.mark.unsanitized
+def test_body_is_stored_whole_or_not_at_all_with_little_memory(database, tmp_path):
+    body = b"a line of the body, and the next line is another\n" * 200_000
+    path = tmp_path / "body"
+    path.write_bytes(body)
+
+    statuses = []
+    for room in range(12, 64, 4):
+        run_sql(database, "UPDATE autoresponder SET body = 'former'")
+        with open(path, "rb") as file:
+            statuses.append(database.run(*SET_RESP, stdin=file, rlimits={resource.RLIMIT_AS: room * MIB}).status)
+        assert bodies(database) == [body if statuses[-1] == 0 else b"former"]
+
+    assert statuses == sorted(statuses, reverse=True)
+    assert {0, 1} == set(statuses)
 
 
-def test_empty_input_is_an_empty_body(database):
-    with open("/dev/null", "rb") as null:
-        assert_stored(database.run(*SET_RESP, stdin=null))
-
-    assert bodies(database) == [b""]
+# -- input that is empty or slow
 
 
-def test_input_without_a_writer_is_an_empty_body(database):
-    assert_stored(database.run(*SET_RESP, broken_pipes=[0]))
+@pytest.mark.parametrize("options", [{"stdin": subprocess.DEVNULL}, {"broken_pipes": [0]}], ids=["empty", "no writer"])
+def test_empty_input_is_an_empty_body(database, options):
+    assert database.run(*SET_RESP, **options) == DONE
 
     assert bodies(database) == [b""]
 
 
-def test_file_is_read_from_where_its_owner_left_it(database, tmp_path):
+def test_file_is_read_from_its_current_offset(database, tmp_path):
     path = tmp_path / "body"
     path.write_bytes(b"read already, body")
     with open(path, "rb", buffering=0) as file:
         file.read(len(b"read already, "))
-        assert_stored(database.run(*SET_RESP, stdin=file))
+        assert database.run(*SET_RESP, stdin=file) == DONE
 
     assert bodies(database) == [b"body"]
 
@@ -215,13 +184,13 @@ def test_terminal_line_is_read_until_its_end(database, descriptors):
     tty.tcsetattr(slave, tty.TCSANOW, attributes)
     os.write(master, b"line\n\x04")
 
-    assert_stored(database.run(*SET_RESP, stdin=slave))
+    assert database.run(*SET_RESP, stdin=slave) == DONE
 
     assert bodies(database) == [b"line\n"]
 
 
 @pytest.mark.parametrize("blocking", [True, False], ids=["blocking", "non-blocking"])
-def test_slow_writer_is_waited_for_with_the_database_unopened(database, descriptors, blocking):
+def test_run_waits_for_a_slow_writer_with_the_database_unopened(database, descriptors, blocking):
     reader, writer = descriptors(*os.pipe())
     os.set_blocking(reader, blocking)
     running = database.start(*SET_RESP, stdin=reader)
@@ -232,13 +201,13 @@ def test_slow_writer_is_waited_for_with_the_database_unopened(database, descript
         assert not has_open(running, "responder.db")
         os.write(writer, piece)
     until_it_sleeps(running)
-    with contextlib.closing(database.db()) as other:  # nobody is kept from writing
+    with contextlib.closing(database.db()) as other:  # the database is not locked
         other.execute("PRAGMA busy_timeout = 0")
         other.execute("BEGIN EXCLUSIVE")
         other.execute("COMMIT")
     os.close(writer)
 
-    assert_stored(running.wait())
+    assert running.wait() == DONE
     assert bodies(database) == [b"".join(pieces)]
 
 
@@ -251,11 +220,11 @@ def test_megabytes_in_small_pieces_arrive_whole(database, descriptors):
         os.write(writer, body[start:start + 4099])
     os.close(writer)
 
-    assert_stored(running.wait())
+    assert running.wait() == DONE
     assert bodies(database) == [body]
 
 
-def test_body_is_read_before_a_database_that_is_not_there(sandbox, descriptors):
+def test_body_is_read_before_a_missing_database_is_reported(sandbox, descriptors):
     reader, writer = descriptors(*os.pipe())
     running = sandbox.start(*SET_RESP, stdin=reader)
 
