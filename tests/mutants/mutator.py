@@ -1,31 +1,31 @@
-"""Small changes to a C++ source, each of which a test should see: where one can be made, and which."""
+"""Small changes to a C++ source, each of which a test should detect.
+
+It relies on clang-format: a simple statement has lines of its own, and blanks surround a binary operator.
+"""
 
 import random
 import re
-import string
+from collections import Counter
 from dataclasses import dataclass
 
-TOKEN = re.compile(r"""
-    (?P<space>\s+) |
-    (?P<comment>//[^\n]*|/\*.*?\*/) |
-    (?P<directive>^[ \t]*\#(?:\\\n|[^\n])*) |
-    (?P<string>"(?:\\.|[^"\\])*") |
-    (?P<char>'(?:\\.|[^'\\])*') |
-    (?P<number>\b\d[\w'.]*) |
-    (?P<word>[A-Za-z_]\w*) |
-    (?P<sign><<=|>>=|<=>|\.\.\.|->|::|\+\+|--|&&|\|\||[-+*/%&|^=!<>]=|<<|>>|.)
+# What is never changed, except for the texts of string and character literals.
+MASKED = re.compile(r"""
+    (?P<string>"(?:\\.|[^"\\\n])*") | (?P<char>'(?:\\.|[^'\\\n])') |
+    //[^\n]* | /\*.*?\*/ | ^[ \t]*\#(?:\\\n|[^\n])* | \bstatic_assert\b[^;]*; | __attribute__\(\(.*?\)\)\)?
 """, re.DOTALL | re.MULTILINE | re.VERBOSE)
+COMMENT = re.compile(r"\s*(?://.*|/\*.*?(?:\*/|$))")
 CONVERSION = re.compile(r"%[-+ #0-9.*]*[hlzjt]*[a-zA-Z%]|\\(?:[0-7]+|x[0-9a-fA-F]+|.)")
 
-SWAPPED_OPERATORS = {
+BINARY = {
     "==": ["!="], "!=": ["=="], "<": ["<=", ">="], "<=": ["<", ">"], ">": [">=", "<="], ">=": [">", "<"],
     "&&": ["||"], "||": ["&&"], "+": ["-"], "-": ["+"], "*": ["/"], "/": ["*"], "%": ["/"],
-    "|": ["&"], "&": ["|"], "++": ["--"], "--": ["++"], "+=": ["-="], "-=": ["+="], "|=": ["&="], "&=": ["|="],
+    "|": ["&"], "&": ["|"], "+=": ["-="], "-=": ["+="], "|=": ["&="], "&=": ["|="],
 }
-BINARY_ONLY = {"<", ">", "+", "-", "*", "/", "%", "|", "&", "&&"}  # with a space on each side; else a type or a sign
+UNARY = {"++": ["--"], "--": ["++"], "!": [""]}
+OPERATOR = re.compile(r"(?<=\s)(?P<binary>[=!<>+\-|&]=|&&|\|\||[<>+\-*/%|&])(?=\s)|(?P<unary>\+\+|--|!(?!=))")
 
-# A named constant becomes one that means something else in the same place.
-OTHER_NAMES = {
+# A constant becomes one with another meaning in the same place.
+NAMES = {
     "true": "false", "false": "true",
     "LOG_ERR": "LOG_WARNING", "LOG_CRIT": "LOG_ERR", "LOG_WARNING": "LOG_ERR", "LOG_MAIL": "LOG_DAEMON",
     "LOG_USER": "LOG_MAIL", "LOG_INFO": "LOG_NOTICE", "LOG_PERROR": "LOG_PID", "LOG_PID": "LOG_NDELAY",
@@ -38,26 +38,23 @@ OTHER_NAMES = {
     "SIG_UNBLOCK": "SIG_BLOCK", "F_GETFD": "F_GETFL", "COMMITTED": "GIVEN_UP", "GIVEN_UP": "COMMITTED",
     "S_ISDIR": "S_ISREG", "S_ISREG": "S_ISDIR", "S_ISLNK": "S_ISREG",
 }
-FLAG = re.compile(r"(?:O|AT|LOG|S|RESOLVE|MSG|SA)_[A-Z_]+$")  # one of those that "|" joins: left out by writing 0
+CONSTANT = re.compile(r"(?P<number>\b(?:0[xX][0-9a-fA-F]+|\d[\d']*)(?P<suffix>[uUlLzZ]*)(?![\w.']))|"
+                      r"(?P<flag>\b(?:O|AT|LOG|S|RESOLVE|MSG|SA)_[A-Z_]+\b(?=\s*\|(?!\|))|"
+                      r"(?<=[^|]\|\s)(?:O|AT|LOG|S|RESOLVE|MSG|SA)_[A-Z_]+\b)|(?P<name>\b[A-Za-z_]\w*)")
 
-HEADED = {"if", "while", "for", "switch", "catch"}
-NO_STATEMENT = {"if", "while", "for", "switch", "do", "else", "try", "catch", "return", "case", "default", "break",
-                "continue", "goto", "using", "namespace", "struct", "class", "union", "enum", "template", "typedef",
-                "public", "private", "protected", "friend", "extern", "static_assert", "static", "constexpr", "const",
-                "auto", "unsigned", "void", "bool", "char", "int", "long", "short", "double", "throw", "operator"}
-DECLARATION = re.compile(r"[\w:]+(?:\s*<[^;=()]*>)?(?:\s+|\s*[*&]+\s*(?:const\s+)?)(?!and\b|or\b)[A-Za-z_]\w*\s*[;={(\[]")
+STATEMENT = re.compile(r"(?P<indent> {4,})(?P<text>[^\s{}][^;{}]*(?:\{[^{}\n]*\}[^;{}]*)*;)[ \t]*$", re.MULTILINE)
+NO_ACTION = re.compile(r"""
+    (?:goto|using|struct|class|enum|template|typedef|friend|extern|static|constexpr|const|auto|unsigned|void|bool|char|
+       int|long|short|double|operator)\b | \[\[ |
+    (?!return\b|throw\b|delete\b)[\w:]+(?:<[^;=()]*>)?(?:\s+|\s*[*&]+\s*(?:const\s+)?)[A-Za-z_]\w*\s*[;={(\[]
+""", re.VERBOSE)
+JUMP = re.compile(r"(?:return|break|continue|throw)\b")
+HEADER = re.compile(r"(?:\} )?(?:if|else|for|while|do|switch|case|default|try|catch)\b|\} while\b")
+CONDITION = re.compile(r"\b(?:if|while) \(")
 
-# How often each kind is drawn, whatever the number of its places in the sources.
+# How often each kind is drawn, whatever the number of its places.
 WEIGHTS = {"operator": 4, "constant": 4, "letter": 3, "statement removed": 3, "statements swapped": 2,
            "condition negated": 3, "return removed": 2}
-
-
-@dataclass(frozen=True)
-class Token:
-    kind: str
-    text: str
-    start: int
-    end: int
 
 
 @dataclass(frozen=True)
@@ -77,272 +74,123 @@ class Mutant:
         return source[:self.start] + self.after + source[end:]
 
     def difference(self, source):
-        """The lines that go and those that come, each with a sign in front and without its indentation."""
+        """The lines removed and added, each with its sign, without indentation and comments."""
         old, new = source.splitlines(), self.applied(source).splitlines()
         while old and new and old[0] == new[0]:
             del old[0], new[0]
         while old and new and old[-1] == new[-1]:
             del old[-1], new[-1]
-        return "\n".join(line.rstrip() for line in [f"- {line.strip()}" for line in old] + [f"+ {line.strip()}" for line in new])
+        return "\n".join(f"{sign} {COMMENT.sub('', line).strip()}".rstrip()
+                         for sign, lines in (("-", old), ("+", new)) for line in lines)
 
     def __str__(self):
-        shown = [re.sub(r"\s+", " ", text) or "nothing" for text in (self.before, self.after)]
-        return f"{self.path}:{self.line}: {self.kind}: {shown[0]} -> {shown[1]}"
+        before, after = (re.sub(r"\s+", " ", text) or "nothing" for text in (self.before, self.after))
+        return f"{self.path}:{self.line}: {self.kind}: {before} -> {after}"
 
 
-class Source:
-    """The places of one source in which something can be changed. Not for all of C++: for that of this tree."""
-
-    def __init__(self, path, text):
-        self.path = path
-        self.text = text
-        self.tokens = [Token(match.lastgroup, match[0], match.start(), match.end()) for match in TOKEN.finditer(text)]
-        self.tokens = [token for token in self.tokens if token.kind not in ("space", "comment", "directive")]
-        self._closing = self._brackets()
-        self._opening = {close: start for start, close in self._closing.items()}
-        self._blocks = self._find_blocks()
-        self._left_alone = self._find_left_alone()
-
-    def places(self):
-        """Every (kind, offset, before, [after, ...]); the `after` of a letter is found when one is drawn."""
-        found = []
-        for index, token in enumerate(self.tokens):
-            if index not in self._left_alone:
-                found += self._of_token(index, token)
-        statements = self._statements()
-        found += self._of_statements(statements)
-        found += self._of_conditions()
-        return found
-
-    # -- structure
-
-    def _brackets(self):
-        closing, open_ones = {}, []
-        for index, token in enumerate(self.tokens):
-            if token.kind == "sign" and token.text in "([{":
-                open_ones.append(index)
-            elif token.kind == "sign" and token.text in ")]}" and open_ones:
-                closing[open_ones.pop()] = index
-        return closing
-
-    def _text(self, index):
-        return self.tokens[index].text if 0 <= index < len(self.tokens) else ""
-
-    def _find_blocks(self):
-        """The braces that hold statements, as {index of "{": index of "}"}."""
-        blocks = {}
-        for start, close in self._closing.items():
-            if self._text(start) != "{":
-                continue
-            before = start - 1
-            while self._text(before) in ("const", "noexcept", "override", "mutable"):
-                before -= 1
-            if self._text(before) in ("else", "do", "try"):
-                blocks[start] = close
-            elif self._text(before) == ")" or (self._text(before) == "]" and self._text(self._opening.get(before, 0)) == "["):
-                blocks[start] = close
-            elif self._text(before - 1) == "->" and self._text(before - 2) == ")":
-                blocks[start] = close  # a lambda that says what it returns
-            elif self._text(before) == "}" and self._is_initializer(self._opening.get(before, 0)):
-                blocks[start] = close
-        return blocks
-
-    def _is_initializer(self, start):
-        return self.tokens[start - 1].kind == "word" and self._text(start - 2) in (":", ",")
-
-    def _find_left_alone(self):
-        """The tokens of static assertions and attributes."""
-        alone = set()
-        for index, token in enumerate(self.tokens):
-            if token.text in ("static_assert", "__attribute__") and index + 1 in self._closing:
-                alone.update(range(index, self._closing[index + 1] + 1))
-        return alone
-
-    def _statements(self):
-        """Each block's own simple statements: lists of (first token, index of its ";", whether its block's next)."""
-        found = []
-        for start, close in self._blocks.items():
-            index, own = start + 1, []
-            while index < close:
-                end = self._simple_end(index, close)
-                if end is not None:
-                    own.append((index, end))
-                    index = end + 1
-                    continue
-                own.append(None)  # something else stands between
-                index = self._skip(index, close, found)
-            found.append((start, own))
-        return found
-
-    def _simple_end(self, index, close):
-        """The index of the ";" of the statement that begins at `index`; None for one with a header of its own."""
-        if self._text(index) in HEADED | {"else", "do", "try", "case", "default", "{"}:
-            return None
-        while index < close:
-            if self._text(index) == ";":
-                return index
-            index = self._closing.get(index, index) + 1
-        return None
-
-    def _skip(self, index, close, found):
-        """The index after a header, or after a block; a single statement without braces is a block of its own."""
-        text = self._text(index)
-        if text == "{":
-            return self._closing[index] + 1
-        if text in ("case", "default"):
-            while index < close and self._text(index) != ":":
-                index += 1
-            return index + 1
-        after = index + 1
-        if text in HEADED:
-            after += self._text(after) == "constexpr"
-            after = self._closing.get(after, after) + 1
-        if text in HEADED | {"else", "do"} and self._text(after) != "{":
-            end = self._simple_end(after, close)
-            if end is not None:
-                found.append((None, [(after, end)]))
-                return end + 1
-        return after
-
-    # -- places
-
-    def _of_token(self, index, token):
-        before, after = self._text(index - 1), self._text(index + 1)
-        if token.kind == "sign" and token.text in SWAPPED_OPERATORS and before != "operator":
-            spaced = self.text[token.start - 1:token.start].isspace() and self.text[token.end:token.end + 1].isspace()
-            if spaced or token.text not in BINARY_ONLY:
-                yield "operator", token.start, token.text, SWAPPED_OPERATORS[token.text]
-        elif token.kind == "sign" and token.text == "!":
-            yield "operator", token.start, "!", [""]
-        elif token.kind == "number":
-            yield from self._of_number(token)
-        elif token.kind == "char" and re.fullmatch(r"'[^\\]'", token.text):
-            yield "constant", token.start, token.text, ["'#'" if token.text != "'#'" else "'+'"]
-        elif token.kind == "word":
-            if token.text in OTHER_NAMES:
-                yield "constant", token.start, token.text, [OTHER_NAMES[token.text]]
-            if FLAG.match(token.text) and "|" in (before, after):
-                yield "constant", token.start, token.text, ["0"]
-        elif token.kind == "string" and letters(token.text):
-            yield "letter", token.start, token.text, None
-
-    def _of_number(self, token):
-        digits = token.text.rstrip("uUlLzZ").replace("'", "")
-        if re.fullmatch(r"0[0-7]+", digits):
-            yield "constant", token.start, token.text, [f"0{int(digits, 8) ^ bit:o}" for bit in (0o001, 0o020, 0o200)]
-        elif re.fullmatch(r"\d+|0[xX][0-9a-fA-F]+", digits):
-            value, suffix = int(digits, 0), token.text[len(token.text.rstrip("uUlLzZ")):]
-            values = [value + 1] if value == 0 else [value - 1, value + 1]
-            yield "constant", token.start, token.text, [f"{other}{suffix}" for other in values]
-
-    def _span(self, statement):
-        first, last = statement
-        return self.tokens[first].start, self.tokens[last].end
-
-    def _is_action(self, statement):
-        """Whether the statement can be left out: no declaration, and nothing that leaves the block."""
-        start, end = self._span(statement)
-        first = self._text(statement[0])
-        return first != ";" and first not in NO_STATEMENT and not DECLARATION.match(self.text[start:end])
-
-    def _order_matters(self, one, other):
-        """Whether the two statements may depend on each other: by what their calls do, or by what one assigns."""
-        texts = [self.text[slice(*self._span(statement))] for statement in (one, other)]
-        if "constexpr" in (self._text(one[0]), self._text(other[0])):
-            return False
-        if all("(" in text for text in texts):
-            return True
-        for text, another in (texts, reversed(texts)):
-            for name in re.findall(r"(\w+)[\])]*\s*[-+*/|&]?=(?!=)", text):
-                if name == "errno" or re.search(rf"\b{name}\b", another):
-                    return True
-        return False
-
-    def _of_statements(self, blocks):
-        for start, own in blocks:
-            for position, statement in enumerate(own):
-                if statement is None:
-                    continue
-                begin, end = self._span(statement)
-                before = self.text[begin:end]
-                if self._text(statement[0]) == "return":
-                    # The last one of a function, or of a lambda, makes it answer.
-                    if start is None or position + 1 < len(own) or self._is_headed(start):
-                        yield "return removed", begin, before, ["{}"]
-                elif self._is_action(statement) or self._text(statement[0]) in ("break", "continue", "throw"):
-                    yield "statement removed", begin, before, ["{}" if start is None else ""]
-                other = own[position + 1] if position + 1 < len(own) else None
-                if other is not None and (self._is_action(statement) or self._is_action(other)):
-                    ends = self._text(other[0]) in ("return", "break", "continue", "throw")
-                    if not ends and self._order_matters(statement, other):
-                        second = self._span(other)
-                        texts = self.text[begin:end], self.text[end:second[0]], self.text[second[0]:second[1]]
-                        yield "statements swapped", begin, "".join(texts), [texts[2] + texts[1] + texts[0]]
-
-    def _is_headed(self, start):
-        """Whether the block belongs to an if or a loop, not to a function."""
-        before = start - 1
-        if self._text(before) in ("else", "do", "try"):
-            return True
-        opening = self._opening.get(before, 0)
-        return self._text(opening - 1) in HEADED or self._text(opening - 2) in HEADED
-
-    def _of_conditions(self):
-        for index, token in enumerate(self.tokens):
-            start = index + 1
-            if token.kind == "word" and token.text in ("if", "while") and start in self._closing:
-                first, last = start + 1, self._closing[start] - 1
-                for inner in range(first, last):
-                    if self._text(inner) == ";":
-                        first = inner + 1  # an initialiser comes before the condition
-                begin, end = self.tokens[first].start, self.tokens[last].end
-                before = self.text[begin:end]
-                yield "condition negated", begin, before, [f"!({before})"]
+def places(text):
+    """Yields (kind, offset, before, [after, ...]) for each place of the source that can be changed."""
+    masked = MASKED.sub(lambda match: re.sub(r"[^\n]", "_" if match.lastgroup else " ", match[0]), text)
+    for match in MASKED.finditer(text):
+        if match.lastgroup == "string" and (others := with_another_letter(match[0])):
+            yield "letter", match.start(), match[0], others
+        elif match.lastgroup == "char" and "\\" not in match[0]:
+            yield "constant", match.start(), match[0], ["'#'" if match[0] != "'#'" else "'+'"]
+    for match in OPERATOR.finditer(masked):
+        others = (BINARY if match["binary"] else UNARY)[match[0]]
+        yield "operator", match.start(), match[0], others
+    for match in CONSTANT.finditer(masked):
+        if others := other_constants(match):
+            yield "constant", match.start(), match[0], others
+    for match in CONDITION.finditer(masked):
+        start, end = condition(masked, match.end())
+        yield "condition negated", start, text[start:end], [f"!({text[start:end]})"]
+    yield from of_statements(text, masked)
 
 
-def letters(literal):
-    """The positions of the letters and digits of a string literal that no conversion or escape consists of."""
+def with_another_letter(literal):
+    """The string literal with each letter or digit changed that is part of no conversion or escape.
+
+    Another case is not enough, since SQL ignores it.
+    """
     taken = {position for match in CONVERSION.finditer(literal) for position in range(*match.span())}
-    return [position for position, letter in enumerate(literal)
-            if position not in taken and (letter.isascii() and letter.isalnum() or letter in "/ @._-")]
+    return [literal[:position] + ("b" if letter in "aA" else "a") + literal[position + 1:]
+            for position, letter in enumerate(literal) if position not in taken and re.match(r"[\w/ @.-]", letter)]
 
 
-def with_another_letter(literal, chance):
-    """The string literal with one letter changed; case alone is not enough, for SQL does not see it."""
-    position = chance.choice(letters(literal))
-    old = literal[position]
-    alphabet = string.ascii_uppercase if old.isupper() else string.ascii_lowercase
-    new = chance.choice([letter for letter in alphabet if letter != old])
-    return literal[:position] + new + literal[position + 1:]
+def other_constants(match):
+    """The replacements of a match of CONSTANT."""
+    if match["name"]:
+        return [NAMES[match[0]]] if match[0] in NAMES else []
+    if match["flag"]:
+        return ["0", *([NAMES[match[0]]] if match[0] in NAMES else [])]
+    digits = match[0].removesuffix(match["suffix"]).replace("'", "")
+    if re.fullmatch(r"0[0-7]+", digits):
+        return [f"0{int(digits, 8) ^ bit:o}" for bit in (0o001, 0o020, 0o200)]
+    value = int(digits, 0)
+    return [f"{other}{match['suffix']}" for other in (value - 1, value + 1) if other >= 0]
 
 
-class Deck:
-    """All the places of the sources, {path: text}; draws the mutants, always the same ones for a seed."""
+def condition(masked, start):
+    """The (start, end) of the condition in the brackets opened before `start`, without an initialiser."""
+    depth, end = 1, start
+    while depth:
+        if masked[end] == ";":
+            start = end + 2
+        depth += {"(": 1, ")": -1}.get(masked[end], 0)
+        end += 1
+    return start, end - 1
 
-    def __init__(self, sources, seed):
-        self._seed = seed
-        self._sources = {path: Source(path, text) for path, text in sorted(sources.items())}
-        places = {kind: [] for kind in WEIGHTS}
-        for path, source in self._sources.items():
-            for kind, start, before, after in source.places():
-                places[kind].append((path, kind, start, before, after))
-        chance = random.Random(f"{seed}")
-        for kind in places:
-            chance.shuffle(places[kind])
-        self._order = []
-        while any(places.values()):
-            kinds = [kind for kind in WEIGHTS if places[kind]]
-            kind = chance.choices(kinds, [WEIGHTS[kind] for kind in kinds])[0]
-            self._order.append(places[kind].pop())
 
-    def __len__(self):
-        return len(self._order)
+def statements(masked):
+    """Yields a match of STATEMENT for each simple statement."""
+    end = 0
+    for line in re.finditer(r"^ {4}", masked, re.MULTILINE):
+        match = STATEMENT.match(masked, line.start()) if line.start() >= end else None
+        if match and match["text"].count("(") == match["text"].count(")") and not HEADER.match(match["text"]):
+            end = match.end()
+            yield match
 
-    def draw(self, number, attempt=0):
-        """The mutant of that number, from 1; a further `attempt` when the one before it did not compile."""
-        chance = random.Random(f"{self._seed} {number} {attempt}")
-        place = self._order[number - 1] if attempt == 0 else chance.choice(self._order)
-        path, kind, start, before, after = place
-        other = with_another_letter(before, chance) if after is None else chance.choice(after)
-        line = self._sources[path].text.count("\n", 0, start) + 1
-        return Mutant(path, line, kind, start, before, other)
+
+def of_statements(text, masked):
+    previous = None
+    for match in statements(masked):
+        begin, end = match.span("text")
+        returns = match["text"].startswith("return")
+        if not NO_ACTION.match(match["text"]) and (not returns or in_branch(masked, match)):
+            yield "return removed" if returns else "statement removed", begin, text[begin:end], ["{}"]
+        if previous is not None and previous["indent"] == match["indent"] and not JUMP.match(match["text"]) \
+                and masked[previous.end():match.start()] == "\n" and order_matters(previous["text"], match["text"]):
+            first, between = text[slice(*previous.span("text"))], text[previous.end("text"):begin]
+            yield "statements swapped", previous.start("text"), first + between + text[begin:end], [
+                text[begin:end] + between + first]
+        previous = match
+
+
+def in_branch(masked, statement):
+    """Whether the statement is part of a branch or loop: the last return of a function stays."""
+    above = [line for line in masked[:statement.start()].splitlines()
+             if line.strip() and len(line) - len(line.lstrip()) < len(statement["indent"])]
+    return bool(above and HEADER.match(above[-1].strip()))
+
+
+def order_matters(one, other):
+    """Whether two statements, at least one of them an action, compile in either order and may depend on it."""
+    if (NO_ACTION.match(one) and NO_ACTION.match(other)) or one.startswith("constexpr"):
+        return False
+    used = [any(name == "errno" or re.search(rf"\b{name}\b", another)
+                for name in re.findall(r"(\w+)[\])]*\s*[-+*/|&]?=(?!=)", text))
+            for text, another in ((one, other), (other, one))]
+    if used[0] and NO_ACTION.match(one):
+        return False
+    return any(used) or ("(" in one and "(" in other)
+
+
+def drawn(sources, seed):
+    """One mutant for each place of the sources, {path: text}, in an order and with changes that the seed decides."""
+    found = [(path, *place) for path, text in sorted(sources.items()) for place in places(text)]
+    frequency = Counter(kind for _, kind, *_ in found)
+    chance = random.Random(seed)
+    found.sort(key=lambda place: chance.random() ** (frequency[place[1]] / WEIGHTS[place[1]]), reverse=True)
+    return [Mutant(path, sources[path].count("\n", 0, start) + 1, kind, start, before, chance.choice(others))
+            for path, kind, start, before, others in found]
