@@ -1,9 +1,9 @@
 #!/usr/bin/python3
-"""Reads the autoresponder database the way a program that sends replies should.
+"""Reads the autoresponder database as a program that sends replies should.
 
     responder.py [--database FILE] [--mailnames ROOT] MAILBOX SENDER [--subject TEXT] [--body TEXT]
 
-Prints the reply to a message from SENDER to MAILBOX as JSON, or nothing when there is to be none.
+Prints the reply to a message from SENDER to MAILBOX as JSON, or nothing if no reply is due.
 """
 
 import argparse
@@ -21,17 +21,17 @@ A_DAY = 24 * 60 * 60  # seconds
 
 
 def connect(database=DATABASE):
-    """A connection that waits for others, never creates the file, and begins no transaction by itself."""
+    """Returns a connection that waits for locks, never creates the file, and begins no transaction implicitly."""
     connection = sqlite3.connect(f"file:{quote(str(database))}?mode=rw", uri=True, timeout=BUSY_TIMEOUT,
                                  isolation_level=None)
-    connection.text_factory = bytes  # what was stored need not be UTF-8
+    connection.text_factory = bytes  # stored texts need not be UTF-8
     connection.execute("PRAGMA synchronous = EXTRA")  # a counted reply stays counted after a power cut
     return connection
 
 
 @contextlib.contextmanager
 def transaction(connection, begin):
-    """Ends what `begin` began, and undoes it after a failure: no lock outlives the work."""
+    """Runs `begin` and commits; rolls back after a failure, so that no lock is left."""
     connection.execute(begin)
     try:
         yield
@@ -43,12 +43,12 @@ def transaction(connection, begin):
 
 
 def text(value):
-    """A column's bytes as text; NULL as the empty text."""
+    """Returns a column's bytes as text, and an empty text for NULL."""
     return (value or b"").decode(errors="replace")
 
 
 def read_reply(connection, mailbox):
-    """Returns the reply of the mailbox, or None. One short transaction, so that its parts belong together."""
+    """Returns the reply of the mailbox, or None. Reads all parts in one short transaction, so that they match."""
     with transaction(connection, "BEGIN"):
         row = connection.execute(
             "SELECT keystr, key_where, subject, reply_to, forward_to, content_type, charset, body, ans_freq, real_owner"
@@ -67,16 +67,15 @@ def read_reply(connection, mailbox):
 
 
 def asks_for_reply(reply, subject, body):
-    """Whether the incoming message holds the key where it has to."""
+    """Returns whether the incoming message contains the key in the required place."""
     searched = {"subj": subject, "body": body}.get(reply["key_where"])
     return searched is None or reply["keystr"] in searched
 
 
 def count_reply(connection, mailbox, sender, limit, now):
-    """Counts one more reply to `sender`; returns whether it may be sent.
+    """Counts one more reply to `sender` and returns whether it may be sent.
 
-    Read-then-write: BEGIN IMMEDIATE takes the write lock before reading, so that it waits here, with nothing in hand
-    that others wait for.
+    BEGIN IMMEDIATE takes the write lock before the first read, so that this connection waits while it holds no lock.
     """
     with transaction(connection, "BEGIN IMMEDIATE"):
         row = connection.execute("SELECT num, time_resp FROM resp_freq WHERE mn = ? AND email = ?",
@@ -90,7 +89,7 @@ def count_reply(connection, mailbox, sender, limit, now):
 
 
 def attachment_paths(reply, mailnames=MAILNAMES):
-    """The attachments that are there; a row may lack its file."""
+    """Returns the paths of the existing attachments; the file of a row may be missing."""
     local_part, _, domain = reply["real_owner"].partition("@")
     directory = Path(mailnames, domain, local_part, "@attachments")
     paths = [directory / name for name in reply["filenames"] if name and "/" not in name]
@@ -98,13 +97,13 @@ def attachment_paths(reply, mailnames=MAILNAMES):
 
 
 def header_lines(reply):
-    """The extra header lines that are fit to be sent."""
+    """Returns the extra headers that are valid header lines."""
     return [(name, value) for name, value in reply["extra_headers"]
             if name and not any(c in "\r\n\0" for c in name + value)]
 
 
 def answer(connection, mailbox, sender, subject="", body="", mailnames=MAILNAMES, now=None):
-    """The reply to send, counted, or None. Nothing is locked any more when it returns."""
+    """Returns the reply to send, already counted, or None. Holds no lock when it returns."""
     reply = read_reply(connection, mailbox)
     if reply is None or not asks_for_reply(reply, subject, body):
         return None
@@ -124,7 +123,7 @@ def answer(connection, mailbox, sender, subject="", body="", mailnames=MAILNAMES
 
 
 def main():
-    parser = argparse.ArgumentParser(description="Prints the reply to a message, if there is one.")
+    parser = argparse.ArgumentParser(description="Prints the reply to a message, or nothing if no reply is due.")
     parser.add_argument("--database", default=DATABASE)
     parser.add_argument("--mailnames", default=MAILNAMES)
     parser.add_argument("mailbox")
