@@ -21,13 +21,6 @@ def test_an_excluded_line_stands_in_its_file_and_has_a_reason(exclusion):
     assert reason
 
 
-def test_every_excluded_line_is_in_the_document():
-    section = TESTING.split("\n## Line coverage\n")[1].split("\n## ")[0]
-
-    assert re.findall(r"^\| `([^`]+)` \| `(.+?)` \|", section, re.MULTILINE) == [
-        (file, line) for file, line, _ in check.exclusions()]
-
-
 @pytest.mark.parametrize("path", sorted(set(re.findall(r"`((?:docs|tests|scripts)/[\w./-]+)`", TESTING))))
 def test_paths_in_the_document_lead_somewhere(path):
     assert (REPOSITORY / path).exists()
