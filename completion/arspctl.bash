@@ -1,7 +1,7 @@
-# Completion for arspctl(8) in bash. Needs nothing but bash 4.
+# Completion for arspctl(8) in bash. Requires only bash 4.
 # shellcheck shell=bash
 
-# The options that belong to a command: _arspctl_options COMMAND
+# Prints the options of a command: _arspctl_options COMMAND
 _arspctl_options() {
   case $1 in
     --set-resp)
@@ -19,7 +19,7 @@ _arspctl() {
   local word option command='' given=' ' candidates='' index
   COMPREPLY=()
 
-  # bash takes --option=value apart at the equals sign.
+  # bash splits --option=value at the equals sign.
   if [[ $current == = ]]; then
     current=''
   elif [[ $previous == = ]] && ((COMP_CWORD > 1)); then

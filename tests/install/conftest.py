@@ -1,4 +1,4 @@
-"""Fixtures of the installation tests: the build under test, and where it was installed."""
+"""Fixtures of the installation tests: the build under test and its installed components."""
 
 import subprocess
 import sys
@@ -13,19 +13,19 @@ from harness.sandbox import BUILD_DIRECTORY, program_under_test  # noqa: E402
 
 @pytest.fixture(scope="session")
 def program():
-    """The arspctl under test."""
+    """Returns the arspctl under test."""
     return program_under_test()
 
 
 @pytest.fixture(scope="session")
 def archives():
-    """The libraries that other programs link."""
+    """Returns the libraries that other programs link."""
     return [BUILD_DIRECTORY / folder / f"libarsp_{folder}.a" for folder in ("store", "support")]
 
 
 @pytest.fixture
 def install(tmp_path):
-    """Installs one component and answers its files, in order, without the installation's prefix."""
+    """Returns a function that installs one component and returns its files, sorted, relative to the prefix."""
 
     def install(component):
         place = tmp_path / component

@@ -1,4 +1,4 @@
-"""The bill of materials against what is linked, as the loader and the linker's command line tell it."""
+"""The bill of materials matches the libraries that the loader and the linker's command line show."""
 
 import json
 import re
@@ -21,7 +21,7 @@ def package_of(path):
 
 
 def loaded_package_of(path):
-    """The package of a shared library, which may be listed below /lib as well as below /usr/lib."""
+    """Returns the package of a shared library, which dpkg may list below /lib or below /usr/lib."""
     real = str(Path(path).resolve())
     names = subprocess.run(["dpkg-query", "-S", real, real.removeprefix("/usr")], capture_output=True, text=True,
                            check=False).stdout
@@ -35,7 +35,7 @@ def bill():
 
 @pytest.fixture(scope="module")
 def packages(bill):
-    """The entries of the bill by their identifiers."""
+    """Returns the entries of the bill by identifier."""
     return {package["SPDXID"]: package for package in bill["packages"]}
 
 
@@ -46,51 +46,52 @@ def related(bill, packages, kind):
 
 @pytest.fixture
 def generate(tmp_path):
-    """Runs the generator for a program that loads nothing and is linked of the given files."""
+    """Returns a function that runs the generator for a static program linked from the given files."""
 
     def generate(*paths):
         source = tmp_path / "nothing.s"
         source.write_text(".globl _start\n_start: ret\n")
         subprocess.run(["gcc", "-nostdlib", "-static", source, "-o", tmp_path / "nothing"], check=True)
         (tmp_path / "map").write_text("".join(f"LOAD {path}\n" for path in paths))
-        return subprocess.run([GENERATOR, "--program", tmp_path / "nothing", "--version", "1", "--build", tmp_path, "--map",
-                               tmp_path / "map", "--output", tmp_path / "bill"], capture_output=True, text=True, check=False)
+        command = [GENERATOR, "--program", tmp_path / "nothing", "--version", "1", "--build", tmp_path,
+                   "--map", tmp_path / "map", "--output", tmp_path / "bill"]
+        return subprocess.run(command, capture_output=True, text=True, check=False)
 
     return generate
 
 
-def test_the_libraries_that_the_loader_finds_are_in_the_bill(bill, packages, program):
+def test_bill_lists_the_loaded_libraries(bill, packages, program):
     found = {loaded_package_of(path) for path in re.findall(r"(/\S+) \(0x", output_of("ldd", program))}
 
     assert related(bill, packages, "DYNAMIC_LINK") == found == {"libc6"}
 
 
-def test_the_libraries_that_are_linked_in_are_in_the_bill(bill, packages):
+def test_bill_lists_the_linked_libraries(bill, packages):
     (command,) = [line for line in output_of("ninja", "-C", BUILD_DIRECTORY, "-t", "commands", "arspctl").splitlines()
                   if " -o cli/arspctl " in line]
     files = set(re.findall(r"(?<= )/\S+\.a(?= )", command))
     assert {"-static-libstdc++", "-static-libgcc"} < set(command.split())
     files |= {output_of("g++", "-print-file-name=" + name).strip() for name in ("libstdc++.a", "libgcc.a", "Scrt1.o")}
 
-    # Boost.PropertyTree is nothing but headers.
+    # Boost.PropertyTree consists of headers only.
     assert related(bill, packages, "STATIC_LINK") == {package_of(path) for path in files} | {"libboost1.74-dev"}
 
 
 @pytest.mark.parametrize("source, mark", [
-    ("sqlite3", b"SQLite format 3"), ("boost1.74", b"N5boost15program_options"), ("boost1.74", b"N5boost13property_tree"),
-    ("gcc-12", b"St9bad_alloc")])
-def test_what_the_program_shows_of_itself_is_in_the_bill(packages, program, source, mark):
+    ("sqlite3", b"SQLite format 3"), ("boost1.74", b"N5boost15program_options"),
+    ("boost1.74", b"N5boost13property_tree"), ("gcc-12", b"St9bad_alloc")])
+def test_bill_lists_the_source_of_code_found_in_the_program(packages, program, source, mark):
     assert mark in program.read_bytes()
     assert source in {package.get("sourceInfo", "").partition(" ")[0] for package in packages.values()}
 
 
-def test_the_version_of_sqlite_is_the_one_inside(packages, program):
+def test_version_of_sqlite_matches_the_program(packages, program):
     version = packages["SPDXRef-libsqlite3-dev"]["versionInfo"].partition("-")[0]
 
     assert b"\0" + version.encode() + b"\0" in program.read_bytes()
 
 
-def test_versions_are_those_of_the_packages_of_this_architecture(packages):
+def test_versions_match_the_installed_packages_of_this_architecture(packages):
     architecture = output_of("dpkg", "--print-architecture").strip()
     for package in packages.values():
         if package["name"] != "arspctl":
@@ -100,7 +101,7 @@ def test_versions_are_those_of_the_packages_of_this_architecture(packages):
             assert output_of("dpkg-query", "-W", "-f", "${Version}", name) == package["versionInfo"]
 
 
-def test_every_entry_has_what_the_format_asks_for(bill, packages):
+def test_entries_have_all_required_fields(bill, packages):
     assert bill["spdxVersion"] == "SPDX-2.3"
     assert bill["dataLicense"] == "CC0-1.0"
     assert bill["SPDXID"] == "SPDXRef-DOCUMENT"
@@ -116,14 +117,14 @@ def test_every_entry_has_what_the_format_asks_for(bill, packages):
         assert relation["relatedSpdxElement"] in packages
 
 
-def test_a_library_whose_licence_nobody_looked_at_stops_the_build(generate):
+def test_library_without_a_known_licence_stops_the_build(generate):
     result = generate("/usr/bin/bash")
 
     assert result.returncode == 1
     assert result.stderr.startswith("bill of materials: bash (bash) is linked: its licence has to be looked at")
 
 
-def test_a_library_of_no_package_stops_the_build(generate):
+def test_library_without_a_package_stops_the_build(generate):
     result = generate("/opt/lib/other.o")
 
     assert result.returncode == 1
