@@ -3,11 +3,13 @@
 
 #include <cstdio>
 #include <cstdlib>
+#include <fstream>
 #include <string>
 #include <string_view>
 
-/* What the targets say about an input: each one compares the code with rules of its own, and a difference ends the
- * process, upon which libFuzzer keeps the input. */
+namespace arsp {
+
+/* Each target compares the code with rules of its own. A difference ends the process, and libFuzzer keeps the input. */
 
 [[noreturn]] inline void finding(const std::string &what)
 {
@@ -27,10 +29,35 @@ inline void expect_equal(std::string_view got, std::string_view wanted, const ch
         finding(std::string(what) + "\n   got: " + std::string(got) + "\nwanted: " + std::string(wanted));
 }
 
-/* The bytes up to the first NUL: what a C string can hold of them. */
+/* The bytes up to the first NUL: the part that a C string can hold. */
 inline std::string_view c_text(std::string_view bytes)
 {
     return bytes.substr(0, bytes.find('\0'));
 }
+
+/* Removes the first line from `rest`, with its line feed, and returns it without. */
+inline std::string_view take_line(std::string_view &rest)
+{
+    const std::string_view line = rest.substr(0, rest.find('\n'));
+    rest.remove_prefix(line.size() < rest.size() ? line.size() + 1 : line.size());
+    return line;
+}
+
+inline std::string lower_case(std::string text)
+{
+    for (char &c : text)
+        c = c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c;
+    return text;
+}
+
+inline void write_file(const std::string &path, std::string_view bytes)
+{
+    std::ofstream file(path, std::ios::binary);
+    file.write(bytes.data(), static_cast<std::streamsize>(bytes.size()));
+    file.close();
+    expect(file.good(), "a file of the private root cannot be written");
+}
+
+} // namespace arsp
 
 #endif

@@ -1,6 +1,6 @@
-/* Whole command lines: what the tool's main() does, in this process, in a private root, from the same database and the
- * same files each time. The input is text: a line for each argument (a NUL byte in it stands for a line feed), a line
- * "&" between two runs of the tool, and after a line "|" the standard input of them all. */
+/* Whole command lines: does what the tool's main() does, in this process and in a private root, each time from the same
+ * database and files. The input is text: a line for each argument (a NUL byte in it stands for a line feed), a line "&"
+ * between two runs of the tool, and after a line "|" the standard input of all runs. */
 
 #include <algorithm>
 #include <cstdint>
@@ -17,7 +17,6 @@
 #include <linux/capability.h>
 #include <sqlite3.h>
 #include <sys/mman.h>
-#include <sys/stat.h>
 #include <sys/syscall.h>
 
 #include "cli/run.h"
@@ -36,7 +35,7 @@ namespace fs = std::filesystem;
 
 const std::string MAILNAMES = "/var/qmail/mailnames";
 
-/* Nobody names this mailbox, so nothing of it may ever change. */
+/* Unless an input names this mailbox, nothing of it may change. */
 const std::string BYSTANDER = "bystander@example.org";
 const fs::path BYSTANDER_FILE = MAILNAMES + "/example.org/bystander/@attachments/hours.txt";
 
@@ -59,26 +58,6 @@ std::string read_file(const fs::path &path)
     return {std::istreambuf_iterator<char>(file), {}};
 }
 
-void write_file(const fs::path &path, std::string_view bytes)
-{
-    std::ofstream file(path, std::ios::binary);
-    file.write(bytes.data(), static_cast<std::streamsize>(bytes.size()));
-    file.close();
-    expect(file.good(), "a file of the private root cannot be written");
-}
-
-bool is_one_of(std::string_view word, std::initializer_list<std::string_view> words)
-{
-    return std::find(words.begin(), words.end(), word) != words.end();
-}
-
-std::string lower_case(std::string text)
-{
-    for (char &c : text)
-        c = c >= 'A' && c <= 'Z' ? static_cast<char>(c + 32) : c;
-    return text;
-}
-
 /* One run of the tool. */
 struct Run {
     std::vector<std::string> arguments; /* without the program's name */
@@ -96,52 +75,43 @@ Input read_input(std::string_view bytes)
 {
     Input input = {{{}}, ""};
     while (!bytes.empty()) {
-        const std::string_view line = bytes.substr(0, bytes.find('\n'));
-        bytes.remove_prefix(std::min(line.size() + 1, bytes.size()));
+        std::string line(take_line(bytes));
         if (line == "|") {
             input.standard_input = bytes;
             break;
         }
-        if (line == "&") {
+        std::replace(line.begin(), line.end(), '\0', '\n');
+        if (line == "&")
             input.runs.emplace_back();
-            continue;
-        }
-        input.runs.back().arguments.emplace_back(line);
-        std::string &argument = input.runs.back().arguments.back();
-        std::replace(argument.begin(), argument.end(), '\0', '\n');
+        else
+            input.runs.back().arguments.push_back(line);
     }
     return input;
 }
 
-/* What the standard stream `number` of this process is: a file in memory. */
-class MemoryStream {
-public:
-    explicit MemoryStream(int number) : number_(number)
-    {
-        const int fd = memfd_create("stream", MFD_CLOEXEC);
-        expect(fd >= 0 && dup2(fd, number) == number, "no file in memory");
-        close(fd);
-    }
-    void fill(std::string_view bytes) const
-    {
-        expect(ftruncate(number_, 0) == 0 &&
-                   pwrite(number_, bytes.data(), bytes.size(), 0) == static_cast<ssize_t>(bytes.size()),
-               "a file in memory cannot be written");
-        rewind();
-    }
-    void rewind() const { lseek(number_, 0, SEEK_SET); }
-    std::string text() const
-    {
-        struct stat status = {};
-        expect(fstat(number_, &status) == 0, "a standard stream was closed");
-        std::string bytes(static_cast<std::size_t>(status.st_size), '\0');
-        expect(pread(number_, bytes.data(), bytes.size(), 0) == status.st_size, "a standard stream cannot be read");
-        return bytes;
-    }
+/* Makes a file in memory, which no path names, the standard stream `number` of this process. */
+void redirect(int number)
+{
+    const int fd = memfd_create("stream", MFD_CLOEXEC);
+    expect(fd >= 0 && dup2(fd, number) == number, "a standard stream cannot be redirected");
+    close(fd);
+}
 
-private:
-    int number_;
-};
+void fill(int number, std::string_view bytes)
+{
+    expect(ftruncate(number, 0) == 0 &&
+               pwrite(number, bytes.data(), bytes.size(), 0) == static_cast<ssize_t>(bytes.size()),
+           "a standard stream cannot be written");
+}
+
+std::string content(int number)
+{
+    const off_t size = lseek(number, 0, SEEK_END);
+    expect(size >= 0, "a standard stream was closed");
+    std::string bytes(static_cast<std::size_t>(size), '\0');
+    expect(pread(number, bytes.data(), bytes.size(), 0) == size, "a standard stream cannot be read");
+    return bytes;
+}
 
 int lowest_free_descriptor()
 {
@@ -150,7 +120,7 @@ int lowest_free_descriptor()
     return fd;
 }
 
-/* A second connection that looks at what the tool has left. */
+/* A connection of its own that reads what the tool has left. */
 class Observer {
 public:
     Observer()
@@ -162,9 +132,9 @@ public:
         }
         handle_.reset(handle);
     }
-    bool there() const { return handle_ != nullptr; }
+    bool opened() const { return handle_ != nullptr; }
 
-    /* Every value of every row in turn, each with a blank behind it. `mn` is bound to each parameter. */
+    /* Every value of every row, each followed by a blank. `mn` is bound to each parameter. */
     std::string all(const char *sql, const std::string &mn) const
     {
         sqlite3_stmt *stmt = nullptr;
@@ -184,7 +154,7 @@ public:
         return values;
     }
 
-    /* All that the database says of a mailbox. */
+    /* All rows of a mailbox. */
     std::string mailbox(const std::string &mn) const
     {
         return all("SELECT * FROM autoresponder WHERE mn=?", mn) + all("SELECT * FROM attachments WHERE mn=?", mn) +
@@ -200,8 +170,6 @@ private:
 
 /* The state that every input starts from. */
 struct Start {
-    MemoryStream input{STDIN_FILENO};
-    MemoryStream output{STDOUT_FILENO};
     std::string database;
     std::string passwd = read_file("/etc/passwd");
     std::string bystander;
@@ -237,8 +205,9 @@ void perform(Run &run)
     for (std::string &argument : run.arguments)
         argv.push_back(argument.data());
     argv.push_back(nullptr);
-    start().input.rewind();
-    start().output.fill("");
+    fill(STDOUT_FILENO, "");
+    lseek(STDIN_FILENO, 0, SEEK_SET);
+    lseek(STDOUT_FILENO, 0, SEEK_SET);
     syslog_capture = {};
     const int free_descriptor = lowest_free_descriptor();
 
@@ -246,7 +215,7 @@ void perform(Run &run)
     conf_load();
     run.status = run_command_line(static_cast<int>(argv.size()) - 1, argv.data());
 
-    run.output = start().output.text();
+    run.output = content(STDOUT_FILENO);
     run.log = syslog_capture.records;
     expect(lowest_free_descriptor() == free_descriptor, "a descriptor was left open");
 }
@@ -260,18 +229,18 @@ void check_report(const Run &run)
         expect(run.output == start().help_page || (run.output.starts_with("Error: ") && run.output.ends_with('\n')),
                "standard output is neither the help page nor an error");
     else
-        expect(!run.log.empty(), "a failure without a word");
+        expect(!run.log.empty(), "a failure without a message");
 }
 
-/* The argument behind a first argument `command` and "--mailname", provided that nothing on the line may make another
- * command of it. */
+/* Returns the argument after a first argument `command` and "--mailname", unless another argument may select another
+ * command. */
 const std::string *mailname_of(const Run &run, std::string_view command)
 {
     const std::vector<std::string> &words = run.arguments;
     if (run.status != 0 || words.size() < 3 || words[0] != command || words[1] != "--mailname")
         return nullptr;
     const bool sure = std::none_of(words.begin() + 1, words.end(), [&](const std::string &word) {
-        return word.starts_with("--i") || (word.starts_with("--") && word.starts_with("--set")) ||
+        return word.starts_with("--i") || word.starts_with("--set") ||
                (command != "--del-resp" && word.starts_with("--d")) || word.starts_with("--a");
     });
     return sure ? &words[2] : nullptr;
@@ -284,13 +253,13 @@ void check_effect(const Run &run, const std::string &standard_input)
         expect_equal(database.all("SELECT body FROM autoresponder WHERE mn=?", lower_case(*name)), standard_input + " ",
                      "the body that was stored");
         const std::string type = database.all("SELECT content_type FROM autoresponder WHERE mn=?", lower_case(*name));
-        expect(is_one_of(type, {"text/plain ", "text/html "}), "the content type that was stored");
+        expect(type == "text/plain " || type == "text/html ", "the content type that was stored");
     }
     if (const std::string *name = mailname_of(run, "--del-resp"); name != nullptr)
         expect_equal(database.mailbox(lower_case(*name)), "", "what is left of a deleted autoresponder");
 }
 
-/* Whether the input may say something that reaches the bystander: its name, a way up the tree, or --init-db. */
+/* Whether the input may name the bystander: by its name, by "..", or by --init-db. */
 bool may_touch_bystander(const Input &input)
 {
     return std::any_of(input.runs.begin(), input.runs.end(), [](const Run &run) {
@@ -306,22 +275,22 @@ void check_database(const Input &input)
 {
     const Observer database;
     if (!may_touch_bystander(input)) {
-        expect(database.there(), "the database is gone");
+        expect(database.opened(), "the database is gone");
         expect_equal(database.mailbox(BYSTANDER), start().bystander, "the rows of another mailbox");
         expect_equal(read_file(BYSTANDER_FILE), "9 to 17\n", "the attachment of another mailbox");
     }
-    if (database.there())
+    if (database.opened())
         expect_equal(database.all("PRAGMA integrity_check", ""), "ok ", "integrity_check");
 }
 
-/* Leaves this process the rights that the tool needs to write in the private root, and takes those with which it could
- * reach other processes, and through them the machine's own root. */
-void give_up_rights()
+/* Keeps the capabilities that the tool needs to write in the private root and drops those that reach other processes,
+ * and through them the root of the machine. */
+void drop_capabilities()
 {
     constexpr std::uint32_t KEPT = 1U << CAP_CHOWN | 1U << CAP_DAC_OVERRIDE | 1U << CAP_FOWNER | 1U << CAP_FSETID;
     __user_cap_header_struct header = {_LINUX_CAPABILITY_VERSION_3, 0};
     const __user_cap_data_struct rights[_LINUX_CAPABILITY_U32S_3] = {{KEPT, KEPT, 0}, {0, 0, 0}};
-    expect(syscall(SYS_capset, &header, rights) == 0, "the process's rights cannot be given up");
+    expect(syscall(SYS_capset, &header, rights) == 0, "the capabilities cannot be dropped");
 }
 
 void make_start()
@@ -342,8 +311,8 @@ void make_start()
 
 } // namespace
 
-/* The copy is made here instead of by a shell: whatever a quote or a dollar sign in the arguments makes of the command
- * line would run with the rights of this process, and would cost a hundred times as much. */
+/* Copies without a shell, which would run whatever the quotes and dollar signs of the arguments make of the command
+ * line, with the rights of this process, and would take a hundred times as long. */
 extern "C" int system(const char *command)
 {
     constexpr int REFUSED = 1 << 8; /* the wait status of exit(1) */
@@ -363,7 +332,7 @@ extern "C" int system(const char *command)
     return fs::copy_file(source, target, fs::copy_options::overwrite_existing, error) ? 0 : REFUSED;
 }
 
-/* The disk is not what is looked at. */
+/* No target checks what is on the disk. */
 extern "C" int fsync(int)
 {
     return 0;
@@ -380,7 +349,9 @@ extern "C" int LLVMFuzzerInitialize(int *, char ***)
         std::fprintf(stderr, "This program only runs in a private root: scripts/fuzz\n");
         std::exit(1);
     }
-    give_up_rights();
+    drop_capabilities();
+    redirect(STDIN_FILENO);
+    redirect(STDOUT_FILENO);
     make_start();
     return 0;
 }
@@ -389,7 +360,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t *data, std::size_t size
 {
     Input input = read_input({reinterpret_cast<const char *>(data), size});
     restore();
-    start().input.fill(input.standard_input);
+    fill(STDIN_FILENO, input.standard_input);
     for (Run &run : input.runs) {
         perform(run);
         check_report(run);

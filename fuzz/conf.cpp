@@ -1,5 +1,4 @@
-/* kel.conf: what is read from a file against the rules of its lines, written down once more in another way. The input
- * is the file. */
+/* kel.conf: the values read from a file against the same rules written in another way. The input is the file. */
 
 #include <cerrno>
 #include <cstddef>
@@ -10,8 +9,6 @@
 #include <string_view>
 #include <vector>
 
-#include <unistd.h>
-
 #include "fuzz/check.h"
 #include "support/conf_parse.h"
 #include "support/conf_store.h"
@@ -21,6 +18,7 @@ using namespace arsp;
 
 namespace {
 
+constexpr char PATH[] = "/tmp/kel.conf";
 constexpr int WARNING_OF_THE_USER = 12;
 constexpr std::string_view SPACE = " \t\n\v\f\r";
 constexpr std::string_view NAME = "abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789_";
@@ -66,54 +64,24 @@ Expected file_rule(std::string_view file)
 {
     Expected expected;
     while (!file.empty()) {
-        const std::size_t feed = file.find('\n');
-        const std::size_t length = feed == std::string_view::npos ? file.size() : feed + 1;
-        line_rule(c_text(file.substr(0, length)), expected);
-        file.remove_prefix(length);
+        const char *begin = file.data();
+        take_line(file);
+        line_rule(c_text({begin, file.data()}), expected);
     }
     return expected;
 }
-
-/* A file that is gone with the process. */
-class ConfFile {
-public:
-    ConfFile() : fd_(mkstemp(path_)) { expect(fd_ >= 0, "no file can be made in /tmp"); }
-    ConfFile(const ConfFile &) = delete;
-    ConfFile &operator=(const ConfFile &) = delete;
-    ~ConfFile()
-    {
-        close(fd_);
-        unlink(path_);
-    }
-
-    const char *path() const { return path_; }
-    void fill(std::string_view bytes) const
-    {
-        expect(ftruncate(fd_, 0) == 0 &&
-                   pwrite(fd_, bytes.data(), bytes.size(), 0) == static_cast<ssize_t>(bytes.size()),
-               "the file cannot be written");
-    }
-
-private:
-    char path_[26] = "/tmp/fuzz-kel-conf-XXXXXX";
-    int fd_;
-};
 
 } // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t *data, std::size_t size)
 {
-    static const ConfFile file;
     const std::string_view bytes(reinterpret_cast<const char *>(data), size);
     const Expected expected = file_rule(bytes);
-    file.fill(bytes);
-    syslog_capture = {};
-    log_init(nullptr, LOG_ERR, LOG_MAIL, 0, "fuzz");
+    write_file(PATH, bytes);
+    capture_syslog();
     const ConfStorePtr store(static_cast<ConfStore *>(std::calloc(1, sizeof(ConfStore))));
-
     errno = ENOTTY;
-    expect(conf_parse_file(file.path(), store.get()) == 0, "the file is refused");
-
+    expect(conf_parse_file(PATH, store.get()) == 0, "the file is refused");
     expect(store->count <= store->capacity, "more pairs than allocated");
     expect(store->sorted == 1, "the pairs are not sorted");
     expect(store->count == expected.pairs.size(), "number of pairs");
@@ -124,7 +92,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t *data, std::size_t size
         ++pair;
         expect_equal(conf_store_find(name.c_str(), store.get()), value, "value found by name");
         expect(expected.pairs.contains(name + "_") || conf_store_find((name + "_").c_str(), store.get()) == nullptr,
-               "a name is found that is not there");
+               "a name is found that the file does not define");
     }
     expect(syslog_capture.records.size() == expected.warnings.size(), "number of warnings");
     for (std::size_t i = 0; i < expected.warnings.size(); ++i) {

@@ -1,5 +1,5 @@
-/* The JSON document of extra headers: the rows that it becomes, in a database of its own in memory. The input is the
- * document; its lines, each a name, "=" and a value, are then stored a second time from a document written here. */
+/* The JSON document of extra headers, and the rows made of it in a database in memory. The input is the document; its
+ * lines, each a name, "=" and a value, are then stored a second time from a document written here. */
 
 #include <cstddef>
 #include <cstdint>
@@ -29,7 +29,7 @@ using Rows = std::vector<std::pair<std::string, std::string>>;
 constexpr int DEEPEST = 2000; /* levels of nesting that are read */
 constexpr char REFUSED[] = "Unable to parse auto-reply headers json: ";
 
-/* The deepest nesting in the document, whatever else is wrong with it. */
+/* The deepest nesting in a document, which may be malformed. */
 int nesting(std::string_view text)
 {
     int depth = 0;
@@ -47,7 +47,7 @@ int nesting(std::string_view text)
     return deepest;
 }
 
-/* Answers whether the document can be read, and its members: C strings, as they go through C interfaces. */
+/* Returns whether the document can be read, and its members as C strings, which the interfaces take. */
 bool read_document(const std::string &text, Rows &members)
 {
     if (nesting(text) > DEEPEST)
@@ -76,37 +76,29 @@ ResponderDb &database()
     return db;
 }
 
-std::string column(const ResponderStatement &stmt, int index)
-{
-    const char *text = stmt.columnText(index);
-    expect(text != nullptr, "NULL is stored");
-    return text;
-}
-
 Rows stored()
 {
     Rows rows;
     ResponderStatement stmt;
     expect(stmt.prepare(database(), "SELECT name, value FROM extra_headers ORDER BY rowid") == 0,
            "the connection was closed");
-    while (stmt.step() == SQLITE_ROW)
-        rows.emplace_back(column(stmt, 0), column(stmt, 1));
+    while (stmt.step() == SQLITE_ROW) {
+        expect(stmt.columnText(0) != nullptr && stmt.columnText(1) != nullptr, "NULL is stored");
+        rows.emplace_back(stmt.columnText(0), stmt.columnText(1));
+    }
     return rows;
 }
 
-/* Runs what --set-extra-headers does after reading its input; `log` takes what it logs. */
-int set_headers(const std::string &text, std::vector<SyslogRecord> &log)
+/* Does what --set-extra-headers does after reading its input. */
+int set_headers(const std::string &text)
 {
-    syslog_capture = {};
-    log_init(nullptr, LOG_ERR, LOG_MAIL, 0, "fuzz");
+    capture_syslog();
     expect(delete_extra_headers(&database()) == 0, "the rows cannot be deleted");
     expect(stored().empty(), "rows are left over");
-    const int result = import_extra_headers_json(&database(), text);
-    log = syslog_capture.records;
-    return result;
+    return import_extra_headers_json(&database(), text);
 }
 
-/* Writes a JSON text that stands for the bytes of `text`, each one taken for a character. */
+/* A JSON text for the bytes of `text`, each of which is a character. */
 std::string quoted(std::string_view text)
 {
     std::string json = "\"";
@@ -134,16 +126,15 @@ void check_document(const std::string &text)
 {
     Rows members;
     const bool readable = read_document(text, members);
-    std::vector<SyslogRecord> log;
-    const int result = set_headers(text, log);
-    if (readable) {
-        expect(result == 0 && log.empty(), "a document is refused");
-    } else {
-        expect(result == -1, "a broken document is no failure");
+    const int result = set_headers(text);
+    const std::vector<SyslogRecord> &log = syslog_capture.records;
+    expect(result == (readable ? 0 : -1), "result");
+    if (readable)
+        expect(log.empty(), "a document is logged");
+    else
         expect(log.size() == 1 && log[0].priority == LOG_ERR && log[0].text.starts_with(REFUSED) &&
                    log[0].text != REFUSED,
                "record of a broken document");
-    }
     expect(stored() == members, "rows of the document");
 }
 
@@ -152,16 +143,14 @@ void check_written(std::string_view lines)
     Rows wanted;
     std::string json = "{";
     while (!lines.empty()) {
-        const std::string_view line = lines.substr(0, lines.find('\n'));
-        lines.remove_prefix(std::min(line.size() + 1, lines.size()));
+        const std::string_view line = take_line(lines);
         const std::size_t equals = std::min(line.find('='), line.size());
         const std::string_view name = line.substr(0, equals);
         const std::string_view value = line.substr(std::min(equals + 1, line.size()));
         json += (wanted.empty() ? "" : ",") + quoted(name) + ":" + quoted(value);
         wanted.emplace_back(utf8(name), utf8(value));
     }
-    std::vector<SyslogRecord> log;
-    expect(set_headers(json + "}", log) == 0 && log.empty(), "a written document is refused");
+    expect(set_headers(json + "}") == 0 && syslog_capture.records.empty(), "a written document is refused");
     expect(stored() == wanted, "rows of a written document");
 }
 

@@ -1,5 +1,5 @@
-/* The logger and the printer of fatal errors: what arrives against what the arguments say. The input is seven settings,
- * a byte each, and then lines: three texts for the message, and four for the environment and the callers. */
+/* The logger, fatal_error() and the functions for texts: their output against their arguments. The input is six
+ * settings in seven bytes, then lines: three texts for the message, and four for the environment and the callers. */
 
 #include <algorithm>
 #include <array>
@@ -30,7 +30,7 @@ struct Settings {
     int priority;
     int options;
     int error;          /* errno on entry */
-    std::size_t length; /* to which the first text is filled up, so that a few bytes reach the buffers' ends */
+    std::size_t length; /* to which the first text is filled up, so that a short input reaches the ends of buffers */
     std::string target;
     std::string first, second, third; /* of the message */
     std::string wished_level;         /* environment */
@@ -39,56 +39,30 @@ struct Settings {
     std::string program_path;
 };
 
-/* Takes the input apart from its front. */
-class Reader {
-public:
-    explicit Reader(std::string_view bytes) : rest_(bytes) {}
-
-    unsigned byte()
-    {
-        if (rest_.empty())
-            return 0;
-        const auto value = static_cast<unsigned char>(rest_.front());
-        rest_.remove_prefix(1);
-        return value;
-    }
-    std::string line()
-    {
-        const std::string_view line = rest_.substr(0, rest_.find('\n'));
-        rest_.remove_prefix(std::min(line.size() + 1, rest_.size()));
-        return std::string(c_text(line));
-    }
-
-private:
-    std::string_view rest_;
-};
-
 Settings read_settings(std::string_view bytes)
 {
     constexpr std::array<std::size_t, 8> LENGTHS = {0, 0, 3900, 4080, 4096, 8100, 8192, 20000};
     constexpr std::array TARGETS = {"", "console", "STDERR", "file"};
-    Reader reader(bytes);
+    std::array<unsigned char, 7> numbers = {};
+    bytes.remove_prefix(bytes.copy(reinterpret_cast<char *>(numbers.data()), numbers.size()));
+    const auto [level, priority, options, error, length, more, target] = numbers;
+    const std::size_t least = LENGTHS[length % LENGTHS.size()];
     Settings settings = {};
-    settings.level = reader.byte();
-    settings.priority = static_cast<int>(reader.byte());
-    settings.options = static_cast<int>(reader.byte());
-    settings.error = static_cast<int>(reader.byte() % 140);
-    const std::size_t length = LENGTHS[reader.byte() % LENGTHS.size()];
-    settings.length = length + reader.byte() % 128 - std::min<std::size_t>(length, 64);
-    settings.target = TARGETS[reader.byte() % TARGETS.size()];
-    settings.first = reader.line();
-    settings.second = reader.line();
-    settings.third = reader.line();
-    settings.wished_level = reader.line();
-    settings.trace_id = reader.line();
-    settings.ident = reader.line();
-    settings.program_path = reader.line();
+    settings.level = level;
+    settings.priority = priority;
+    settings.options = options;
+    settings.error = error % 140;
+    settings.length = least + more % 128 - std::min<std::size_t>(least, 64);
+    settings.target = TARGETS[target % TARGETS.size()];
+    for (std::string *text : {&settings.first, &settings.second, &settings.third, &settings.wished_level,
+                              &settings.trace_id, &settings.ident, &settings.program_path})
+        *text = c_text(take_line(bytes));
     if (settings.first.size() < settings.length)
         settings.first.resize(settings.length, 'x');
     return settings;
 }
 
-/* What the texts of `settings` make of FORMAT. A line feed in the middle and one at the end both occur. */
+/* The message that FORMAT and the texts of `settings` give. */
 #define FORMAT "Unable to move %s\n%s: %s"
 
 std::string message_of(const Settings &settings)
@@ -96,31 +70,29 @@ std::string message_of(const Settings &settings)
     return "Unable to move " + settings.first + "\n" + settings.second + ": " + settings.third;
 }
 
-/* Stands in for one of the standard streams while it lives. */
+/* Replaces one of the standard streams during its lifetime. */
 class CapturedStream {
 public:
-    explicit CapturedStream(FILE *&stream)
-        : stream_(stream), original_(stream), captured_(open_memstream(&text_, &size_))
+    explicit CapturedStream(FILE *&stream) : stream_(stream), original_(stream)
     {
-        expect(captured_ != nullptr, "no stream can be made");
-        stream_ = captured_;
+        stream_ = open_memstream(&text_, &size_);
+        expect(stream_ != nullptr, "no stream can be made");
     }
     CapturedStream(const CapturedStream &) = delete;
     CapturedStream &operator=(const CapturedStream &) = delete;
     ~CapturedStream()
     {
+        std::fclose(stream_);
         stream_ = original_;
-        std::fclose(captured_);
         std::free(text_);
     }
-    std::string_view text() const /* what was flushed */ { return {text_, size_}; }
+    std::string text() const /* only what was flushed */ { return {text_, size_}; }
 
 private:
     char *text_ = nullptr;
     std::size_t size_ = 0;
     FILE *&stream_;
     FILE *original_;
-    FILE *captured_;
 };
 
 struct Printed {
@@ -134,15 +106,14 @@ Printed printed(const Settings &settings, Print print)
     const CapturedStream error(stderr);
     const CapturedStream output(stdout);
     errno = settings.error;
-    print();
-    if (errno != settings.error)
-        return {"errno was changed", ""};
-    return {std::string(error.text()), std::string(output.text())};
+    print(settings.first.c_str(), settings.second.c_str(), settings.third.c_str());
+    const bool kept = errno == settings.error;
+    return kept ? Printed{error.text(), output.text()} : Printed{"errno was changed", ""};
 }
 
-void print_log(const Settings &settings)
+Printed logged(const Settings &settings)
 {
-    log_message(settings.priority, FORMAT, settings.first.c_str(), settings.second.c_str(), settings.third.c_str());
+    return printed(settings, [&](auto... texts) { log_message(settings.priority, FORMAT, texts...); });
 }
 
 unsigned threshold_of(const Settings &settings)
@@ -159,9 +130,7 @@ void check_console(const Settings &settings)
     log_init(settings.target.c_str(), settings.level, LOG_MAIL, settings.options, settings.ident.c_str());
     const std::string line = message_of(settings) + "\n";
     const bool shown = settings.priority <= static_cast<int>(threshold_of(settings)) && settings.target != "file";
-
-    const Printed lines = printed(settings, [&] { print_log(settings); });
-
+    const Printed lines = logged(settings);
     expect_equal(lines.error, shown ? line : "", "standard error of the logger");
     expect_equal(lines.output, shown && settings.target == "console" ? line : "", "standard output of the logger");
     expect(syslog_capture.records.empty(), "the console's message is in the system log");
@@ -185,9 +154,7 @@ void check_system_log(const Settings &settings)
                  "openlog");
     expect_equal(syslog_capture.calls.at(2), "setlogmask " + std::to_string((2 << threshold_of(settings)) - 1),
                  "setlogmask");
-
-    const Printed lines = printed(settings, [&] { print_log(settings); });
-
+    const Printed lines = logged(settings);
     expect_equal(lines.error + lines.output, "", "the system log's message on the standard streams");
     expect(syslog_capture.records.size() == 1, "number of records");
     expect(syslog_capture.records[0].priority == settings.priority, "priority");
@@ -210,12 +177,7 @@ void check_fatal_error(const Settings &settings)
     }
     const std::string name = settings.program_path.substr(settings.program_path.rfind('/') + 1);
     wanted = (name.empty() ? "" : name + ": ") + wanted + (wanted.ends_with('\n') ? "" : "\n");
-
-    const Printed lines = printed(settings, [&] {
-        fatal_error(0, settings.options, FORMAT, settings.first.c_str(), settings.second.c_str(),
-                    settings.third.c_str());
-    });
-
+    const Printed lines = printed(settings, [&](auto... texts) { fatal_error(0, settings.options, FORMAT, texts...); });
     error_program_path = nullptr;
     expect_equal(lines.error, wanted, "standard error of fatal_error");
     expect_equal(lines.output, wanted, "standard output of fatal_error");
@@ -228,26 +190,26 @@ std::string_view trimmed(std::string_view text, std::string_view before, std::st
     return text.substr(std::min(text.find_first_not_of(before), end));
 }
 
+/* Compares the result of `function` for a copy of `text`. */
+template <typename Function>
+void check_text(const std::string &text, std::string_view wanted, const char *name, Function function)
+{
+    const CString copy(xasprintf("%s", text.c_str()));
+    expect_equal(function(copy.get()), wanted, name);
+}
+
 void check_texts(const Settings &settings)
 {
     constexpr char SPACE[] = " \t\n\v\f\r";
     const std::string text = settings.third + "\n" + settings.second;
-    const auto copy = [&] { return CString(xasprintf("%s", text.c_str())); };
-    const CString spaces = copy();
-    const CString line = copy();
-    const CString end = copy();
-    const CString bytes = copy();
+    const char last = text.back();
+    check_text(text, trimmed(text, SPACE, SPACE), "str_trim_space", str_trim_space);
+    check_text(text, trimmed(text, " ", " \r\n"), "str_trim_line", str_trim_line);
+    check_text(text, trimmed(text, "", SPACE), "str_rtrim_space", str_rtrim_space);
+    check_text(text, trimmed(text, "", {&last, 1}), "str_rtrim_char",
+               [last](char *copy) { return str_rtrim_char(copy, last); });
     const CString lower(str_dup_lower(text.c_str()));
-    std::string wanted_lower = text;
-    for (char &c : wanted_lower)
-        c = c >= 'A' && c <= 'Z' ? static_cast<char>(c + 32) : c;
-    const char last = text.empty() ? 'x' : text.back();
-
-    expect_equal(str_trim_space(spaces.get()), trimmed(text, SPACE, SPACE), "str_trim_space");
-    expect_equal(str_trim_line(line.get()), trimmed(text, " ", " \r\n"), "str_trim_line");
-    expect_equal(str_rtrim_space(end.get()), trimmed(text, "", SPACE), "str_rtrim_space");
-    expect_equal(str_rtrim_char(bytes.get(), last), trimmed(text, "", std::string_view(&last, 1)), "str_rtrim_char");
-    expect_equal(lower.get(), wanted_lower, "str_dup_lower");
+    expect_equal(lower.get(), lower_case(text), "str_dup_lower");
 }
 
 } // namespace
