@@ -1,42 +1,35 @@
-"""The private root that the competitors meet in, and what can be measured there."""
+"""The private root that the competitors share, and what can be measured there."""
 
 import contextlib
 import os
 import re
-import shutil
 import sqlite3
 import stat
 import statistics
 import subprocess
-import sys
 import tempfile
+from collections import Counter
 from pathlib import Path
 
 import competitors
-
-REPOSITORY = Path(__file__).resolve().parents[1]
-sys.path.insert(0, str(REPOSITORY / "tests"))
-
-from harness.private_root import PrivateRoot, choose_mode  # noqa: E402
+from competitors import BARE_C, DATABASE, FIXTURE, MAILNAMES, PROGRAMS, PYTHON, REPOSITORY, RUNNER, SHARED, SHELL, TOOL
+from harness.private_root import POPUSER_GID, POPUSER_UID, PrivateRoot, choose_mode
 
 ENVIRONMENT = {"PATH": "/usr/sbin:/usr/bin:/sbin:/bin", "HOME": "/root"}
-FIELDS = ("wall", "user", "system", "memory", "minor", "major", "waits")
-SYNCS = ("fsync", "fdatasync", "sync", "syncfs", "sync_file_range", "msync")
 
 
 class ArenaError(Exception):
-    """What went wrong, in words for the user."""
+    """The reason, in words for the user."""
 
 
 class Sample:
-    """All runs of one competitor: lists by field; wall time in ms, CPU in ms, memory in MiB, page faults."""
+    """All runs of one competitor: lists of wall time in ms, CPU time in ms, memory in MiB and page faults."""
 
     def __init__(self, rows):
-        columns = dict(zip(FIELDS, zip(*rows)))
-        self.wall = [value / 1e6 for value in columns["wall"]]
-        self.cpu = [(user + system) / 1e3 for user, system in zip(columns["user"], columns["system"])]
-        self.memory = [value / 1024 for value in columns["memory"]]
-        self.faults = [minor + major for minor, major in zip(columns["minor"], columns["major"])]
+        wall, cpu, memory, self.faults = zip(*rows)
+        self.wall = [value / 1e6 for value in wall]
+        self.cpu = [value / 1e3 for value in cpu]
+        self.memory = [value / 1024 for value in memory]
 
     def median(self, field):
         return statistics.median(getattr(self, field))
@@ -48,23 +41,20 @@ class Sample:
 class Arena:
     """A private root in `parent` with the programs of the build directories; a context manager that removes it."""
 
-    def __init__(self, parent, build, shared_build=None):
+    def __init__(self, parent, build, shared_build):
+        if choose_mode() != "namespace":
+            raise ArenaError("needs a machine that allows mount namespaces")
         self.directory = Path(tempfile.mkdtemp(prefix="arsp-bench-", dir=parent))
-        self._root = PrivateRoot(str(self.directory), None, choose_mode())
-        self.traceable = shutil.which("strace") is not None
-        self.in_namespace = self._root.mode == "namespace"
+        self._root = PrivateRoot(str(self.directory), None, "namespace")
         self._root.prepare()
-        self._put(build / "cli" / "arspctl", competitors.ARSPCTL)
-        if shared_build is not None:
-            self._put(shared_build / "cli" / "arspctl", competitors.SHARED_ARSPCTL)
-        for program in (competitors.BARE, competitors.FIXTURE, competitors.RUNNER, competitors.FUNCTIONS):
-            self._put(build / "bench" / Path(program).name, program)
-        for script in (competitors.SCRIPT, competitors.PYTHON_SCRIPT, competitors.PYTHON_TOOL):
-            self._put(REPOSITORY / "bench" / Path(script).name, script)
-        self.write(competitors.PYTHON_SCHEMA, competitors.schema(REPOSITORY))
-        if not self.in_namespace:
-            for program in ("/usr/bin/install", "/usr/bin/rm", "/usr/bin/chown"):
-                self._root.add_program(program)
+        for source, inside in ((build / "cli/arspctl", PROGRAMS[TOOL][-1]),
+                               (shared_build / "cli/arspctl", PROGRAMS[SHARED][-1]),
+                               (build / "bench/bench_bare", PROGRAMS[BARE_C][-1]),
+                               (build / "bench/bench_fixture", FIXTURE), (build / "bench/bench_runner", RUNNER),
+                               (REPOSITORY / "bench/sqlite3_way.sh", PROGRAMS[SHELL][-1]),
+                               (REPOSITORY / "bench/python_tool.py", PROGRAMS[PYTHON][-1])):
+            self._root.add_program(str(source), inside)
+        self.write(competitors.SCHEMA, competitors.schema())
 
     def __enter__(self):
         return self
@@ -72,121 +62,133 @@ class Arena:
     def __exit__(self, *_):
         self._root.remove()
 
-    def _put(self, source, inside):
-        if not source.exists():
-            raise ArenaError(f"{source} is not there: it has to be built first")
-        target = self.path(inside)
-        target.unlink(missing_ok=True)
-        self._root.add_program(str(source), inside)
-
     def path(self, inside):
         return self.directory / inside.lstrip("/")
 
     def write(self, inside, content):
-        self.path(inside).write_bytes(content if isinstance(content, bytes) else content.encode())
+        self.path(inside).write_text(content, encoding="utf-8")
 
     def write_large(self, inside, size):
-        """A file of so many bytes of text, which is never whole in the memory of this process."""
+        """Writes that many bytes of text, piece by piece: this process must not hold them all."""
         line = b"I am away until Monday. In urgent cases write to office@example.org, or come by." * 1000
         with open(self.path(inside), "wb") as file:
             for begin in range(0, size, len(line)):
                 file.write(line[:size - begin])
 
+    def make_database(self, mailboxes, counters):
+        """Makes a new database with that many mailboxes, and counters spread over other mailboxes."""
+        path = self.path(DATABASE)
+        path.parent.mkdir(parents=True, exist_ok=True)
+        path.unlink(missing_ok=True)
+        with contextlib.closing(sqlite3.connect(path)) as db:
+            db.executescript("PRAGMA journal_mode=OFF; PRAGMA synchronous=OFF; PRAGMA cache_size=-200000;"
+                             + competitors.schema())
+            db.executescript("BEGIN;" + competitors.mailbox_rows(mailboxes, "printf('user%07d@example.org', i)")
+                             + competitors.counter_rows(counters, "printf('other%05d@example.org', i / 1000)",
+                                                        "printf('sender%03d@example.net', i % 1000)")
+                             + "INSERT INTO extra_headers VALUES ('X-Loop', 'yes'), ('Precedence', 'bulk'); COMMIT")
+        path.chmod(0o600)
+        os.chown(path, POPUSER_UID, POPUSER_GID)
+        os.chown(path.parent, POPUSER_UID, 0)
+
+    def make_attachments(self, address):
+        """Makes the attachment directory of a mailbox."""
+        path = self.path(MAILNAMES)
+        for name in competitors.attachments_of(address).removeprefix(MAILNAMES).split("/"):
+            path /= name
+            if not path.exists():
+                path.mkdir(mode=0o700)
+                os.chown(path, POPUSER_UID, POPUSER_GID)
+
     # -- runs
 
-    def run(self, words, stdin=""):
-        """Runs a program inside, fed from the file `stdin` inside, and returns what it wrote to standard output."""
-        with contextlib.ExitStack() as files:
-            source = files.enter_context(open(self.path(stdin) if stdin else os.devnull, "rb"))
-            pipe = subprocess.Popen(["cat"], stdin=source, stdout=subprocess.PIPE)
-            answer = subprocess.run(words, stdin=pipe.stdout, stdout=subprocess.PIPE, stderr=subprocess.PIPE, check=False,
+    def run(self, words, stdin=os.devnull):
+        """Runs a program inside, which must succeed; `stdin` is a file outside."""
+        with open(stdin, "rb") as source:
+            result = subprocess.run(words, stdin=source, stdout=subprocess.DEVNULL, stderr=subprocess.PIPE, check=False,
                                     preexec_fn=self._root.enter, env=ENVIRONMENT)
-            pipe.stdout.close()
-            pipe.wait()
-        if answer.returncode != 0:
-            raise ArenaError(f"{' '.join(words)[:200]} ended with {answer.returncode}: "
-                             f"{answer.stderr.decode(errors='replace')}")
-        return answer.stdout.decode(errors="replace")
+        if result.returncode != 0:
+            raise ArenaError(f"{' '.join(words)[:200]} ended with {result.returncode}: "
+                             f"{result.stderr.decode(errors='replace')}")
 
-    def fixture(self, *words):
-        self.run([competitors.FIXTURE, *map(str, words)])
+    def run_case(self, case, name, prefix=()):
+        """Restores what the case needs and runs one competitor, behind the words of `prefix`."""
+        self._restore(case)
+        self.run([*prefix, *case.programs[name]], self.path(case.stdin) if case.stdin else os.devnull)
+
+    def _restore(self, case):
+        if case.restored:
+            self.make_attachments(case.restored[0])
+            self.run(case.before())
 
     def time(self, case, names, rounds, jobs=1, urgent=True):
         """Runs the competitors `names` by turns; returns {name: Sample}.
 
-        urgent   with real-time priority, so that whatever else the machine does costs the competitors nothing
+        urgent   with real-time priority, so that other processes of the machine do not delay the competitors
         """
-        plan = b"".join(part.encode() + b"\x1e" for name in names
-                        for part in (case.stdin, "\x1f".join(case.before), "\x1f".join(case.programs[name])))
+        self._restore(case)
+        plan = ""
+        for name in names:
+            programs = ([word.replace("{}", str(job)) for word in case.programs[name]] for job in range(jobs))
+            plan += "".join("\x1f".join(words) + "\x1e" for words in ([case.stdin], case.before(), *programs))
 
-        def go_in():
+        def enter():
             if urgent:
                 with contextlib.suppress(OSError):
                     os.sched_setscheduler(0, os.SCHED_FIFO, os.sched_param(20))
             self._root.enter()
 
-        answer = subprocess.run([competitors.RUNNER, str(rounds), str(jobs)], input=plan, stdout=subprocess.PIPE,
-                                stderr=subprocess.PIPE, check=False, preexec_fn=go_in, env=ENVIRONMENT)
-        if answer.returncode != 0:
-            raise ArenaError(f"{case.name}: {answer.stderr.decode(errors='replace')}")
-        rows = [tuple(map(int, line.split())) for line in answer.stdout.decode().splitlines()]
+        result = subprocess.run([RUNNER, str(rounds), str(jobs)], input=plan, capture_output=True, text=True,
+                                check=False, preexec_fn=enter, env=ENVIRONMENT)
+        if result.returncode != 0:
+            raise ArenaError(f"{case.name}: {result.stderr}")
+        rows = [tuple(map(int, line.split())) for line in result.stdout.splitlines()]
         return {name: Sample([row[1:] for row in rows if row[0] == number]) for number, name in enumerate(names)}
 
     def system_calls(self, case, name):
         """Returns {system call: number}, of the program and all that it starts."""
-        if case.before:
-            self.run(case.before)
-        self.run(["/usr/bin/strace", "-f", "-qq", "-e", "signal=none", "-o", "/tmp/trace", *case.programs[name]], case.stdin)
-        calls = {}
-        for line in self.path("/tmp/trace").read_text(errors="surrogateescape").splitlines():
-            begun = re.match(r"\d+ +(\w+)\(", line)
-            if begun:
-                calls[begun[1]] = calls.get(begun[1], 0) + 1
-        return calls
+        self.run_case(case, name, ["/usr/bin/strace", "-f", "-qq", "-e", "signal=none", "-o", "/tmp/trace"])
+        calls = re.findall(r"^\d+ +(\w+)\(", self.path("/tmp/trace").read_text(errors="surrogateescape"), re.MULTILINE)
+        return Counter(calls)
 
     def instructions(self, case, name):
         """Returns {function: instructions} of the program itself, without what it starts."""
-        if case.before:
-            self.run(case.before)
         self.path("/tmp/callgrind").unlink(missing_ok=True)
-        self.run(["/usr/bin/valgrind", "--tool=callgrind", "--callgrind-out-file=/tmp/callgrind", "--compress-strings=no",
-                  "--compress-pos=no", *case.programs[name]], case.stdin)
+        self.run_case(case, name, ["/usr/bin/valgrind", "--tool=callgrind", "--callgrind-out-file=/tmp/callgrind",
+                                   "--compress-strings=no", "--compress-pos=no"])
         return _self_costs(self.path("/tmp/callgrind").read_text(errors="replace"))
 
     # -- the same work
 
     def state(self):
-        """All that a command can have changed: rows, and files with owner, mode and content."""
-        with contextlib.closing(sqlite3.connect(f"file:{self.path(competitors.DATABASE)}?mode=ro", uri=True)) as db:
+        """All that a command can change: rows, and files with owner, mode and content."""
+        with contextlib.closing(sqlite3.connect(f"file:{self.path(DATABASE)}?mode=ro", uri=True)) as db:
             db.text_factory = bytes
             tables = {table: sorted(db.execute(f"SELECT * FROM {table}").fetchall())
                       for table in ("autoresponder", "attachments", "resp_freq", "extra_headers")}
             tables["schema"] = db.execute("SELECT name, sql FROM sqlite_master ORDER BY name").fetchall()
         files = {}
-        for top in (competitors.DIRECTORY, competitors.MAILNAMES):
-            for directory, _, names in os.walk(self.path(top)):
-                for name in ["", *names]:
-                    path = Path(directory, name)
-                    status = path.lstat()
-                    content = b"" if name in ("", "responder.db") else path.read_bytes()
-                    files[str(path)] = (stat.filemode(status.st_mode), status.st_uid, status.st_gid, content)
+        for top in (os.path.dirname(DATABASE), MAILNAMES):
+            for path in [self.path(top), *self.path(top).rglob("*")]:
+                status = path.lstat()
+                content = path.read_bytes() if path.is_file() and path.name != "responder.db" else b""
+                files[path] = (stat.filemode(status.st_mode), status.st_uid, status.st_gid, content)
         return tables, files
 
     def check(self, case, names):
         """Raises ArenaError unless all competitors leave the same behind."""
-        left = {}
+        first = None
         for name in names:
-            if case.before:
-                self.run(case.before)
-            self.run(case.programs[name], case.stdin)
-            left[name] = self.state()
-            if left[name] != left[names[0]]:
+            self.run_case(case, name)
+            left = self.state()
+            if left != (first or left):
                 raise ArenaError(f"{case.name}: {name} leaves something else behind than {names[0]}")
+            first = left
 
 
 def _self_costs(text):
-    """Sums up a callgrind file: each function's own instructions. Nameless ones count for their object."""
-    costs, function, object_name, skip = {}, "", "", False
+    """Sums up a callgrind file: each function's own instructions. Functions without a name count for their object."""
+    costs, function, object_name, skip = Counter(), "", "", False
     for line in text.splitlines():
         if line.startswith("ob="):
             object_name = Path(line[3:]).name
@@ -195,10 +197,10 @@ def _self_costs(text):
             if function.startswith("0x"):
                 function = f"({object_name})"
         elif line.startswith("calls="):
-            skip = True  # the next line tells what the called function took
+            skip = True  # the next line is the cost of the called function
         elif line[:1].isdigit() or line[:1] in "+-*":
             position_and_cost = line.split()
             if not skip and len(position_and_cost) == 2:
-                costs[function] = costs.get(function, 0) + int(position_and_cost[1])
+                costs[function] += int(position_and_cost[1])
             skip = False
     return costs

@@ -1,7 +1,7 @@
-/* The same system work as arspctl's and nothing else: what a program must at least cost that changes this database.
- * Arguments stand at fixed places, nothing is checked, a failure ends the run with status 2 and no word. It is linked
- * as arspctl is, with SQLite inside, the C library outside and no libm, and reads the configuration only where it needs
- * it. */
+/* The same system work as that of arspctl and nothing else: the least that a change of this database can cost.
+ * Arguments are at fixed places, nothing is checked, and a failure ends the run with status 2 without a message. The
+ * program is linked as arspctl is, with SQLite inside, the C library outside and no libm. It reads the configuration
+ * only where a command needs it. */
 #define _GNU_SOURCE
 #include <assert.h>
 #include <dirent.h>
@@ -14,7 +14,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#define constexpr static const /* the schema is the tool's own, and its header is C otherwise */
+#define constexpr static const /* the header of the schema is C otherwise */
 #include "store/schema.h"
 
 static void need(int holds)
@@ -23,7 +23,7 @@ static void need(int holds)
         _exit(2);
 }
 
-/* In the place of libm's functions: no statement here calls one. */
+/* Replaces libm's functions: no statement here calls one. */
 void no_math(void);
 
 void no_math(void)
@@ -57,7 +57,7 @@ static void run(sqlite3 *db, const char *sql, const char *first, const char *sec
     need(run_texts(db, sql, texts) == SQLITE_DONE);
 }
 
-/* All of standard input, and its length, in a block that doubles; a zero byte follows. */
+/* Returns standard input, and its length, in a block that doubles; a NUL byte follows. */
 static char *read_input(size_t *length)
 {
     size_t capacity = 64 * 1024;
@@ -231,7 +231,7 @@ static void del_attach(const char *mailname, const char *filename)
     need(unlink(path) == 0 || errno == ENOENT);
 }
 
-/* Takes the JSON for a list of strings without escapes, one by one, names and values in turn. */
+/* Reads the JSON as a list of strings without escapes, names and values in turn. */
 static void set_extra_headers(void)
 {
     size_t length;

@@ -1,7 +1,7 @@
 """Instruction counts against those recorded in bench/instructions.txt.
 
 They depend on the compiler, on the C library and on the processor's features, not on what else the machine does: the
-same build counts the same on every run. The file tells each command's total and its functions from LEAST on.
+same build counts the same on every run. The file has each command's total and its functions from LEAST on.
 """
 
 import platform
@@ -14,7 +14,7 @@ TOLERATED = 0.005  # of a command's total: less than this is not worth a line
 
 
 def tools():
-    """What the counts depend on, but for the processor's features."""
+    """The versions that the counts depend on, without the processor's features."""
     words = {"g++": ["g++", "-dumpfullversion"], "valgrind": ["valgrind", "--version"]}
     versions = {name: subprocess.run(command, stdout=subprocess.PIPE, text=True, check=True).stdout.strip()
                 for name, command in words.items()}
@@ -25,8 +25,8 @@ def record(counted):
     lines = ["# Instructions per command and function, written by: scripts/bench --counts --record", tools()]
     for command, costs in counted.items():
         lines.append(f"{command} {sum(costs.values())}")
-        lines += [f"\t{number} {function}" for function, number in sorted(costs.items(), key=lambda item: (-item[1], item[0]))
-                  if number >= LEAST]
+        by_cost = sorted(costs.items(), key=lambda item: (-item[1], item[0]))
+        lines += [f"\t{number} {function}" for function, number in by_cost if number >= LEAST]
     FILE.write_text("\n".join(lines) + "\n", encoding="utf-8")
 
 
@@ -50,7 +50,7 @@ def compare(counted):
     """Prints what changed and returns whether a command has grown."""
     recorded, grown = read(), False
     if tools() not in FILE.read_text(encoding="utf-8").splitlines():
-        print("The recorded counts are of other tools: a difference may be theirs, not the code's")
+        print("The recorded counts are of other tools, which may cause a difference")
     for command, costs in counted.items():
         total, (before, functions) = sum(costs.values()), recorded[command]
         change = (total - before) / before
@@ -64,5 +64,5 @@ def compare(counted):
                 differences[function] = number - functions.get(function, 0)
         for function, more in sorted(differences.items(), key=lambda item: -item[1])[:15]:
             if more > TOLERATED * before / 10:
-                print(f"    {more:+} {function}" + ("" if function in functions else " (new, or too small to be recorded)"))
+                print(f"    {more:+} {function}" + ("" if function in functions else " (not recorded)"))
     return grown

@@ -1,39 +1,23 @@
-"""The commands that are measured, and how each competitor carries them out.
+"""The measured commands, and how each competitor performs them.
 
-All find the same database, files and owners and leave the same behind; Arena.check makes sure of that before anything
-is measured. The sqlite3 shell competes twice:
-
-  script   sqlite3_way.sh, which can stand in for the tool: it takes the values as arguments and the text on standard
-           input. This is what a user would write, and what "the same work" means.
-  direct   the sqlite3 program alone, with everything in the statements among its arguments. It is spared the shell and
-           reading the text; whoever calls it has made correct SQL of the text himself, at his own cost. The files are
-           seen to by .shell, in a directory that is known already, and nobody asks whether that went well. No way to use
-           the sqlite3 shell is cheaper.
-
-So does Python: as python_tool.py, which has the tool's own command line and checks it and is started as programs are, and
-as python_way.py, which takes the values by their places as they are and is started without the site's modules.
+All competitors start from the same database, files and owners and leave the same behind, which Arena.check verifies
+before anything is measured. The script around the sqlite3 shell and the Python program could replace the tool.
 """
 
 import json
-from dataclasses import dataclass, field
+from dataclasses import dataclass
 from pathlib import Path
 
-ARSPCTL = "/usr/sbin/arspctl"
-SHARED_ARSPCTL = "/usr/sbin/arspctl-shared"
-BARE = "/usr/sbin/bench_bare"
+REPOSITORY = Path(__file__).resolve().parents[1]
+
+TOOL, SHARED, BARE_C, SHELL, PYTHON = "arspctl", "arspctl, shared libraries", "bare C", "sqlite3 script", "Python"
+PROGRAMS = {TOOL: ["/usr/sbin/arspctl"], SHARED: ["/usr/sbin/arspctl-shared"], BARE_C: ["/usr/sbin/bench_bare"],
+            SHELL: ["/usr/sbin/sqlite3_way.sh"], PYTHON: ["/usr/bin/python3", "/usr/sbin/python_tool.py"]}
 FIXTURE = "/usr/sbin/bench_fixture"
 RUNNER = "/usr/sbin/bench_runner"
-FUNCTIONS = "/usr/sbin/bench_functions"
-SCRIPT = "/usr/sbin/sqlite3_way.sh"
-PYTHON_SCRIPT = "/usr/sbin/python_way.py"
-PYTHON_TOOL = "/usr/sbin/python_tool.py"
-PYTHON_SCHEMA = "/usr/sbin/schema.sql"
-
-TOOL, SHARED, BARE_C, SHELL, DIRECT = "arspctl", "shared", "bare C", "script", "direct"
-PYTHON, BARE_PYTHON = "Python", "bare Python"
+SCHEMA = "/usr/sbin/schema.sql"  # for the Python program
 
 DATABASE = "/var/lib/quarn/mail/autoresponder/responder.db"
-DIRECTORY = "/var/lib/quarn/mail/autoresponder"
 MAILNAMES = "/var/qmail/mailnames"
 CONF = "/etc/kel/kel.conf"
 SOURCE = "/tmp/report.txt"
@@ -44,16 +28,24 @@ SUBJECT = "Out of office"
 
 @dataclass
 class Case:
-    """One command, ready to run: the argument vectors by competitor.
+    """One command, ready to run.
 
-    stdin    the file inside that is piped in
-    before   the program that brings the state back before each run
+    programs   the argument vectors by competitor
+    stdin      the file that is standard input
+    restored   (address, SQL, files): what a run deletes and the fixture restores before it
     """
 
     name: str
     programs: dict
     stdin: str = ""
-    before: list = field(default_factory=list)
+    restored: tuple = ()
+
+    def before(self):
+        """The argument vector of the fixture; empty when there is nothing to restore."""
+        if not self.restored:
+            return []
+        address, sql, files = self.restored
+        return [FIXTURE, sql, attachments_of(address), str(files)]
 
 
 def mailbox(number):
@@ -65,83 +57,69 @@ def attachments_of(address):
     return f"{MAILNAMES}/{domain}/{local_part}/@attachments"
 
 
-def _quoted(text):
-    return "'" + text.replace("'", "''") + "'"
-
-
-def _programs(command, options, places, direct):
-    """`options` are the tool's, `places` the arguments of those who take them by place."""
-    programs = {TOOL: [ARSPCTL, "--" + command, *options], SHARED: [SHARED_ARSPCTL, "--" + command, *options],
-                BARE_C: [BARE, command, *places], SHELL: [SCRIPT, command, *places],
-                PYTHON: ["/usr/bin/python3", PYTHON_TOOL, "--" + command, *options],
-                BARE_PYTHON: ["/usr/bin/python3", "-I", "-S", PYTHON_SCRIPT, command, *places]}
-    if direct is not None:
-        programs[DIRECT] = direct
-    return programs
-
-
-def _sqlite3(*statements):
-    return ["/usr/bin/sqlite3", "-batch", DATABASE, ".timeout 50", *statements]
-
-
-def schema(repository):
+def schema():
     """The schema script, from the text of its C++ literal."""
-    text = Path(repository, "store", "schema.h").read_text(encoding="utf-8")
+    text = Path(REPOSITORY, "store", "schema.h").read_text(encoding="utf-8")
     literal = text[text.index("RESPONDER_DB_SCHEMA[]"):]
     return "".join(line.strip().rstrip(";").strip('"') for line in literal[:literal.index(";\n")].splitlines()[1:])
 
 
-def init_db(script):
-    work = (f"umask 077; rm -f {DATABASE}; install -d -o popuser -g root -m 0755 {DIRECTORY}; "
-            f"/usr/bin/sqlite3 -batch {DATABASE} \"{script}\"; exec chown popuser:popuser {DATABASE}")
-    case = Case("init-db", _programs("init-db", [], [script], ["/bin/sh", "-c", work]))
-    return case
+def rows(count, statement):
+    """SQL that inserts so many rows; `i` counts them from 0."""
+    return f"WITH RECURSIVE n(i) AS (SELECT 0 UNION ALL SELECT i + 1 FROM n LIMIT {count}) {statement} FROM n;"
 
 
-def set_resp(address, body, stdin=BODY):
-    """With `body` None the text is too long for an argument, and sqlite3 is not called directly."""
-    options = ["--mailname", address, "--real-owner", address, "--subj", SUBJECT, "--content-type", "html"]
-    direct = None if body is None else _sqlite3("BEGIN TRANSACTION", (
-        "REPLACE INTO autoresponder (keystr, key_where, subject, reply_to, forward_to, content_type, charset, body, "
-        f"ans_freq, ans_limit, real_owner, mn) VALUES ('', 'no', {_quoted(SUBJECT)}, '', '', 'text/html', 'UTF-8', "
-        f"{_quoted(body)}, 10, 1000, {_quoted(address)}, {_quoted(address)})"), "END TRANSACTION")
-    return Case("set-resp", _programs("set-resp", options, [address, address, SUBJECT], direct), stdin=stdin)
+def mailbox_rows(count, address):
+    return rows(count, "REPLACE INTO autoresponder (keystr, key_where, subject, reply_to, forward_to, content_type, "
+                f"charset, body, ans_freq, ans_limit, real_owner, mn) SELECT '', 'no', '{SUBJECT}', '', '', "
+                f"'text/html', 'UTF-8', 'I am away until Monday.', 10, 1000, {address}, {address}")
 
 
-def del_resp(address, counters, files):
-    direct = _sqlite3("BEGIN TRANSACTION", f"DELETE FROM attachments WHERE mn={_quoted(address)}",
-                      f".shell rm -rf {attachments_of(address)}/*",
-                      f"DELETE FROM autoresponder WHERE mn={_quoted(address)}",
-                      f"DELETE FROM resp_freq WHERE mn={_quoted(address)}", "END TRANSACTION")
-    return Case("del-resp", _programs("del-resp", ["--mailname", address], [address], direct),
-                before=[FIXTURE, "mailbox", address, str(counters), str(files)])
+def counter_rows(count, address, sender):
+    return rows(count, f"REPLACE INTO resp_freq SELECT {address}, {sender}, 1, 1700000000")
 
 
-def add_attach(address, name):
-    directory = attachments_of(address)
-    work = (f"[ -d {directory} ] || install -d -o popuser -g popuser -m 0700 {directory}; "
-            f"/bin/cp {SOURCE} {directory}/{name} && exec chown popuser:popuser {directory}/{name}")
-    direct = _sqlite3("BEGIN TRANSACTION", f"SELECT real_owner FROM autoresponder WHERE mn={_quoted(address)}",
-                      ".shell " + work, f"REPLACE INTO attachments VALUES ({_quoted(address)}, {_quoted(name)})",
-                      "END TRANSACTION")
-    options = ["--mailname", address, "--filename", name, "--source", SOURCE]
-    return Case("add-attach", _programs("add-attach", options, [address, name, SOURCE], direct))
-
-
-def del_attach(address, name):
-    direct = _sqlite3("BEGIN TRANSACTION", f"SELECT real_owner FROM autoresponder WHERE mn={_quoted(address)}",
-                      f"DELETE FROM attachments WHERE mn={_quoted(address)} AND filename={_quoted(name)}",
-                      "END TRANSACTION", f".shell rm -f {attachments_of(address)}/{name}")
-    return Case("del-attach", _programs("del-attach", ["--mailname", address, "--filename", name], [address, name], direct),
-                before=[FIXTURE, "attachment", address, name])
+def attachment_rows(count, address):
+    return rows(count, f"REPLACE INTO attachments SELECT '{address}', printf('file%05d.txt', i)")
 
 
 def headers_document(count):
     return json.dumps({f"X-Header-{number}": f"value {number}" for number in range(count)})
 
 
-def set_extra_headers(count, stdin=HEADERS):
-    direct = _sqlite3("DELETE FROM extra_headers", "BEGIN TRANSACTION",
-                      f"REPLACE INTO extra_headers SELECT key, value FROM json_each({_quoted(headers_document(count))})",
-                      "END TRANSACTION") if count <= 1000 else None
-    return Case("set-extra-headers", _programs("set-extra-headers", [], [], direct), stdin=stdin)
+def _case(command, options, places, stdin="", restored=()):
+    """`options` are those of the tool, `places` the arguments of programs that take them by place."""
+    by_place = (BARE_C, SHELL)
+    programs = {name: [*words, command, *places] if name in by_place else [*words, f"--{command}", *options]
+                for name, words in PROGRAMS.items()}
+    return Case(command, programs, stdin, restored)
+
+
+def init_db():
+    return _case("init-db", [], [schema()])
+
+
+def set_resp(address):
+    options = ["--mailname", address, "--real-owner", address, "--subj", SUBJECT, "--content-type", "html"]
+    return _case("set-resp", options, [address, address, SUBJECT], BODY)
+
+
+def del_resp(address, counters, files):
+    sender = "printf('sender%07d@example.net', i)"
+    sql = (mailbox_rows(1, f"'{address}'") + counter_rows(counters, f"'{address}'", sender)
+           + attachment_rows(files, address))
+    return _case("del-resp", ["--mailname", address], [address], restored=(address, f"BEGIN;{sql}COMMIT", files))
+
+
+def add_attach(address):
+    options = ["--mailname", address, "--filename", "hours.txt", "--source", SOURCE]
+    return _case("add-attach", options, [address, "hours.txt", SOURCE])
+
+
+def del_attach(address):
+    options = ["--mailname", address, "--filename", "file00000.txt"]
+    return _case("del-attach", options, [address, "file00000.txt"], restored=(address, attachment_rows(1, address), 1))
+
+
+def set_extra_headers():
+    return _case("set-extra-headers", [], [], HEADERS)

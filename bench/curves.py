@@ -1,29 +1,30 @@
-"""How the cost grows with what a command meets: the arena at several sizes, one command at each.
+"""How the cost of one command grows with the size of what it finds.
 
-Two kinds. What a command does not touch must cost nothing: there the exponent is that of the whole time, and near 0. What
-it touches may cost its share: there the exponent is that of what is added to the time at the least size.
+What a command does not touch must cost nothing: the exponent is that of the whole time, and near 0. What it touches may
+cost its share: the exponent is that of what is added to the time at the least size.
 """
 
 import math
 import os
+import statistics
 from collections.abc import Callable
 from dataclasses import dataclass
 from pathlib import Path
 
 import competitors
-from competitors import BARE_C, TOOL
+from competitors import BARE_C, BODY, CONF, HEADERS, TOOL
 
-SECONDS = 4  # what the measured runs of one size may take together, about
+SECONDS = 4  # for the measured runs of one size together, about
 MOST_ROUNDS, LEAST_ROUNDS = 41, 3
 
 
 @dataclass
 class Curve:
     """
-    prepare  brings the arena to a size; the state that furnish() leaves is there before the first
+    prepare  brings the arena to a size; it starts from the state that furnish() makes
     case     the command at that size
-    room     what one unit takes in the arena and in memory together, in bytes
-    flat     whether the command is not to notice the size
+    room     bytes for one unit, in the arena and in memory together
+    flat     whether the size must not matter
     jobs     whether the size is the number of runs at once
     """
 
@@ -40,12 +41,11 @@ class Curve:
 
 @dataclass
 class Point:
-    """What one size costs, by competitor: wall time in ms, CPU in ms, memory in MiB."""
+    """The cost of one size, by competitor: wall time in ms, memory in MiB."""
 
     size: int
     rounds: int
     wall: dict
-    cpu: dict
     memory: dict
 
 
@@ -53,8 +53,22 @@ MAILBOX = competitors.mailbox(0)
 COMMENT = "# Where the panel keeps its mail, and what else it likes to tell\n"
 
 
-def _conf(lines):
-    return "QUARN_MAILNAMES_D /var/qmail/mailnames\n" + "".join(lines)
+def _write_conf(lines):
+    return lambda arena, size: arena.write(CONF, "QUARN_MAILNAMES_D /var/qmail/mailnames\n" + "".join(lines(size)))
+
+
+def _variables(names):
+    return _write_conf(lambda size: (f"PANEL_VARIABLE_{number % names} /opt/panel/value/{number}\n"
+                                     for number in range(size)))
+
+
+def _one_mailbox(arena, _):
+    arena.make_database(1, 0)
+
+
+def _large_body(arena, size):
+    arena.make_database(1, 0)
+    arena.write_large(BODY, size)
 
 
 def _by_powers(most):
@@ -62,81 +76,74 @@ def _by_powers(most):
 
 
 def _closer_together(most):
-    """The powers of ten, and between the last ones, where the size tells, four sizes more."""
+    """The powers of ten and, below the last one, where the size has an effect, four sizes more."""
     return sorted({*_by_powers(most), *(most * part // 1000 for part in (20, 50, 200, 500))})
 
 
 def curves():
     """All of them, in the order of the report."""
+    def del_attach(_):
+        return competitors.del_attach(MAILBOX)
+
     return [
         Curve("set-resp, mailboxes in the database", "mailboxes", _by_powers(1_000_000),
-              lambda arena, size: arena.fixture("database", size, 0),
-              lambda size: competitors.set_resp(competitors.mailbox(size // 2), None), room=400, flat=True),
+              lambda arena, size: arena.make_database(size, 0),
+              lambda size: competitors.set_resp(competitors.mailbox(size // 2)), room=400, flat=True),
         Curve("del-resp, mailboxes in the database", "mailboxes", _by_powers(1_000_000),
-              lambda arena, size: arena.fixture("database", size, 0),
+              lambda arena, size: arena.make_database(size, 0),
               lambda size: competitors.del_resp(competitors.mailbox(size // 2), 3, 1), room=400, flat=True),
         Curve("del-resp, counters of other mailboxes", "counters", _by_powers(10_000_000),
-              lambda arena, size: arena.fixture("database", 1, size),
+              lambda arena, size: arena.make_database(1, size),
               lambda size: competitors.del_resp(MAILBOX, 3, 1), room=200, flat=True),
-        Curve("del-resp, counters of the deleted mailbox", "counters", _closer_together(1_000_000),
-              lambda arena, size: arena.fixture("database", 1, 0),
+        Curve("del-resp, counters of the deleted mailbox", "counters", _closer_together(1_000_000), _one_mailbox,
               lambda size: competitors.del_resp(MAILBOX, size, 1), room=400),
-        Curve("set-resp, bytes of the body", "bytes", [1000, 10**4, 10**5, 10**6, 10**7, 5 * 10**7, 10**8, 2 * 10**8, 5 * 10**8],
-              lambda arena, size: (arena.fixture("database", 1, 0), arena.write_large(competitors.BODY, size)),
-              lambda size: competitors.set_resp(MAILBOX, None), room=6),
+        Curve("set-resp, bytes of the body", "bytes",
+              [1000, 10**4, 10**5, 10**6, 10**7, 5 * 10**7, 10**8, 2 * 10**8, 5 * 10**8], _large_body,
+              lambda size: competitors.set_resp(MAILBOX), room=6),
         Curve("set-extra-headers, pairs", "pairs", _closer_together(100_000),
-              lambda arena, size: arena.write(competitors.HEADERS, competitors.headers_document(size)),
-              lambda size: competitors.set_extra_headers(size), room=2000),
-        Curve("del-resp, files in the attachment directory", "files", _closer_together(10_000),
-              lambda arena, size: arena.fixture("database", 1, 0),
+              lambda arena, size: arena.write(HEADERS, competitors.headers_document(size)),
+              lambda size: competitors.set_extra_headers(), room=2000),
+        Curve("del-resp, files in the attachment directory", "files", _closer_together(10_000), _one_mailbox,
               lambda size: competitors.del_resp(MAILBOX, 3, size), room=10_000),
         Curve("del-attach, comment lines in the configuration", "lines", _closer_together(1_000_000),
-              lambda arena, size: arena.write(competitors.CONF, _conf([COMMENT] * size)),
-              lambda size: competitors.del_attach(MAILBOX, "old.txt"), room=200),
-        Curve("del-attach, lines in the configuration that define one of 30 names", "lines", _closer_together(1_000_000),
-              lambda arena, size: arena.write(competitors.CONF, _conf(
-                  f"PANEL_VARIABLE_{number % 30} /opt/panel/value/{number}\n" for number in range(size))),
-              lambda size: competitors.del_attach(MAILBOX, "old.txt"), room=200),
+              _write_conf(lambda size: [COMMENT] * size), del_attach, room=200),
+        Curve("del-attach, lines in the configuration that define one of 30 names", "lines",
+              _closer_together(1_000_000), _variables(30), del_attach, room=200),
         Curve("del-attach, lines in the configuration that define a name each", "lines", _closer_together(10_000),
-              lambda arena, size: arena.write(competitors.CONF, _conf(
-                  f"PANEL_VARIABLE_{number} /opt/panel/value/{number}\n" for number in range(size))),
-              lambda size: competitors.del_attach(MAILBOX, "old.txt"), room=200),
+              _variables(10_000), del_attach, room=200),
         Curve("set-resp, runs at once, each for its own mailbox", "runs", [1, 2, 4, 8, 16, 32, 64],
-              lambda arena, size: arena.write(competitors.CONF, _conf([])),
-              lambda size: competitors.set_resp("job{}@example.org", None), names=(TOOL,), jobs=True),
+              _write_conf(lambda size: []), lambda size: competitors.set_resp("job{}@example.org"), names=(TOOL,),
+              jobs=True),
     ]
 
 
 def room(directory):
-    """What there is for an arena in `directory`, in bytes; on a tmpfs it is memory as well."""
+    """The bytes free for an arena in `directory`; on a tmpfs they are memory as well."""
     status = os.statvfs(directory)
     meminfo = dict(line.split(":") for line in Path("/proc/meminfo").read_text(encoding="ascii").splitlines())
     return min(status.f_bavail * status.f_frsize, int(meminfo["MemAvailable"].split()[0]) * 1024) * 0.8
 
 
 def measure(arena, curve, wanted_rounds=None):
-    """Yields a Point for each size that there is room for, as soon as it is measured."""
+    """Yields a Point for each size that has room, as soon as it is measured."""
     for size in curve.sizes:
         if size * curve.room > room(arena.directory):
             return
         curve.prepare(arena, size)
         case, jobs = curve.case(size), size if curve.jobs else 1
-        urgent = not curve.jobs  # many at once are to meet as ordinary processes do
+        urgent = not curve.jobs  # runs at once compete as ordinary processes do
         once = arena.time(case, curve.names, 1, jobs, urgent)
         spent = sum(sample.median("wall") for sample in once.values()) / 1000
         rounds = wanted_rounds or max(LEAST_ROUNDS, min(MOST_ROUNDS, int(SECONDS / spent)))
         figures = arena.time(case, curve.names, rounds, jobs, urgent)
         yield Point(size, rounds, *({name: figures[name].median(field) for name in curve.names}
-                                    for field in ("wall", "cpu", "memory")))
+                                    for field in ("wall", "memory")))
 
 
 def slope(points):
-    """The exponent k of y = c * x^k that fits best, by least squares of the logarithms; None for less than two points."""
+    """The exponent k of y = c * x^k that fits best, by least squares of the logarithms; None for less than two."""
     logs = [(math.log(x), math.log(y)) for x, y in points if x > 0 and y > 0]
-    if len(logs) < 2:
-        return None
-    mean_x, mean_y = (sum(column) / len(logs) for column in zip(*logs))
-    return sum((x - mean_x) * (y - mean_y) for x, y in logs) / sum((x - mean_x) ** 2 for x, _ in logs)
+    return statistics.linear_regression(*zip(*logs)).slope if len(logs) > 1 else None
 
 
 def exponent(curve, points, name):

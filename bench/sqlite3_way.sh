@@ -1,7 +1,7 @@
 #!/bin/sh
-# The six commands as a shell script around the sqlite3 shell would do them: values as arguments, at the places that
-# bare.c has them, text on standard input. No value may hold a quote. `install -d` makes a directory with owner and mode
-# at once and the umask gives the new database its mode: no way with fewer programs was found.
+# The six commands as a script around the sqlite3 shell: values are arguments at the same places as in bare.c, text
+# comes on standard input. No value may contain a quote. `install -d` makes a directory with owner and mode at once, and
+# the umask gives the new database its mode: each command takes as few programs as possible.
 directory=/var/lib/quarn/mail/autoresponder
 database=$directory/responder.db
 mailnames=/var/qmail/mailnames
@@ -12,7 +12,7 @@ database() {
   exec /usr/bin/sqlite3 -batch $database '.timeout 50' "$@"
 }
 
-# Statements on standard input's text, which is then the one row of temp.input: a record separator never comes up in it.
+# Makes standard input the only row of temp.input and runs statements; the text must not contain a record separator.
 with_input() {
   database 'CREATE TEMP TABLE input (text)' '.import --ascii --schema temp /proc/self/fd/0 input' "$@"
 }
@@ -37,8 +37,8 @@ text, 10, 1000, '$3', '$mailbox' FROM temp.input" 'END TRANSACTION'
       "DELETE FROM autoresponder WHERE mn='$mailbox'" "DELETE FROM resp_freq WHERE mn='$mailbox'" 'END TRANSACTION'
     ;;
   add-attach)
-    # The owner says where the file goes, and no row may be added when it cannot be copied: sqlite3 does not learn how a
-    # .shell command ended, so it takes two runs of it.
+    # The owner's address decides where the file goes, and a failed copy must add no row. sqlite3 does not report the
+    # status of a .shell command, so this takes two runs of it.
     owner=$(database "SELECT real_owner FROM autoresponder WHERE mn='$mailbox'")
     [ -n "$owner" ] || exit 1
     attachments=$mailnames/${owner#*@}/${owner%%@*}/@attachments
