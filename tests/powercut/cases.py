@@ -1,4 +1,4 @@
-"""The commands, what they start from, and what each of them may leave behind when the power is cut."""
+"""The commands, the state before them, and the states that a power cut may leave."""
 
 import contextlib
 import sqlite3
@@ -38,10 +38,10 @@ class Case:
     """One command in one situation.
 
     command  as typed in the guest
-    touches  the command only changes paths that begin with this; "-": none
-    before   what the guest does, and flushes, before the command
-    between  the other rows that may be found after a cut during the run, made from the old rows
-    proof    "new": the new rows prove that the files are the new ones; "old": the old rows, that they are the old ones
+    touches  the prefix of all paths that the command changes; "-": none
+    before   what the guest runs, and flushes, before the command
+    between  makes the other rows that a cut during the run may leave from the old rows
+    proof    "new": new rows prove that the files are new; "old": old rows prove that the files are old
     """
 
     command: str
@@ -85,16 +85,15 @@ def read_state(archive):
             content = members.extractfile(member).read() if member.isfile() else b""
             files[member.name] = (f"{member.mode:04o}", member.uid, member.gid, content)
     journal = files.pop(f"{DATABASE}-journal", None)
-    rows = ABSENT
-    if DATABASE in files:
-        *owner_and_mode, content = files[DATABASE]
-        files[DATABASE] = (*owner_and_mode, b"")
-        rows = read_rows(content, journal and journal[3])
-    return State(rows, files)
+    if DATABASE not in files:
+        return State(ABSENT, files)
+    *owner_and_mode, content = files[DATABASE]
+    files[DATABASE] = (*owner_and_mode, b"")
+    return State(read_rows(content, journal and journal[3]), files)
 
 
 def read_rows(content, journal):
-    """The rows of a database. If there is a journal, SQLite rolls it back, as for every program that opens the file."""
+    """The rows of a database. SQLite rolls back a journal, as for every program that opens the file."""
     with tempfile.TemporaryDirectory() as directory:
         path = Path(directory, "responder.db")
         path.write_bytes(content)
@@ -111,9 +110,11 @@ def read_rows(content, journal):
 
 
 def problem(case, old, new, found, acknowledged):
-    """What is wrong with the state after a cut; None when nothing is."""
+    """The first fault of the state after a cut; None when it has none."""
     if found.rows not in ([new.rows] if acknowledged else [old.rows, new.rows, *case.between(old.rows)]):
-        return wrong_rows(found.rows, old.rows, new.rows)
+        if found.rows in (ABSENT, NO_TABLES, old.rows):
+            return "the rows are the old ones" if found.rows == old.rows else "the database or its tables are missing"
+        return "wrong rows in " + ", ".join(name for name in new.rows if found.rows.get(name) != new.rows[name])
     if found.rows is not ABSENT and found.files[DATABASE][0] != "0600":
         return f"the mode of the database is {found.files[DATABASE][0]}"
     proved = acknowledged or (case.proof == "new" and found.rows == new.rows) or (
@@ -123,17 +124,6 @@ def problem(case, old, new, found, acknowledged):
         if found.files.get(path) != expected.get(path) and (proved or not path.startswith(case.touches)):
             return f"{path} is {described(found.files.get(path))}, not {described(expected.get(path))}"
     return None
-
-
-def wrong_rows(found, old, new):
-    if found is ABSENT:
-        return "there is no database"
-    if found == NO_TABLES:
-        return "the database has no tables"
-    if found == old:
-        return "the rows are the old ones"
-    tables = ", ".join(name for name in new if found.get(name) != new[name])
-    return f"the rows of {tables} are neither the old nor the new ones"
 
 
 def described(file):

@@ -1,4 +1,4 @@
-"""What the virtual machine boots: Debian's kernel, unpacked but not installed, and a private root with busybox."""
+"""The system of the virtual machine: Debian's kernel, unpacked but not installed, and a private root with busybox."""
 
 import re
 import shutil
@@ -6,7 +6,7 @@ import subprocess
 import tempfile
 from pathlib import Path
 
-from harness.private_root import script
+from harness.private_root import PrivateRoot
 
 PACKAGES = ("btrfs-progs", "busybox-static", "e2fsprogs", "kmod", "qemu-system-x86", "xfsprogs")
 KERNEL_PACKAGE = "linux-image-cloud-amd64"
@@ -29,7 +29,7 @@ done
 
 
 class GuestError(Exception):
-    """Why there is nothing to boot, or why the guest failed, in words for the user."""
+    """The reason why no guest boots, or why it failed, in words for the user."""
 
 
 def output(*words, cwd=None):
@@ -44,24 +44,20 @@ def output(*words, cwd=None):
 
 
 class Kernel:
-    """The kernel's files below `directory`. Downloads and unpacks the package unless they are there already."""
+    """The kernel's files below `directory`. The package is downloaded and unpacked once."""
 
     def __init__(self, directory):
         self._files = directory / "kernel"
         if not self._files.exists():
             self._unpack(directory)
-        self._version = self._version_in(self._files)
+        self._version = next((self._files / "lib" / "modules").iterdir()).name
         self.image = self._files / "boot" / f"vmlinuz-{self._version}"
 
     def modules(self, names):
-        """The files of the modules and of those they need, in loading order; none for what is built in."""
-        lines = [line for name in names for line in output(
+        """The files of the modules and of those they need, in loading order; built-in modules have none."""
+        lines = [line.split() for name in names for line in output(
             "/sbin/modprobe", "-d", self._files, "-S", self._version, "--show-depends", name).splitlines()]
-        return list(dict.fromkeys(line.split()[1] for line in lines if line.startswith("insmod ")))
-
-    @staticmethod
-    def _version_in(files):
-        return next((files / "lib" / "modules").iterdir()).name
+        return list(dict.fromkeys(line[1] for line in lines if line[0] == "insmod"))
 
     def _unpack(self, directory):
         output("apt-get", "-qq", "update")
@@ -72,14 +68,14 @@ class Kernel:
             files = Path(scratch, "files")
             output("apt-get", "-qq", "download", depends[1], cwd=scratch)
             output("dpkg-deb", "-x", *Path(scratch).glob("*.deb"), files)
-            output("/sbin/depmod", "-b", files, self._version_in(files))
+            output("/sbin/depmod", "-b", files, depends[1].removeprefix("linux-image-"))
             files.rename(self._files)
 
 
 def make_archive(archive, kernel, file_system, program, inputs):
     """Writes the archive that the kernel unpacks as its root: `program` and what it needs, and `inputs` in /in."""
     with tempfile.TemporaryDirectory() as scratch:
-        root = script.PrivateRoot(f"{scratch}/root", program, "chroot")
+        root = PrivateRoot(f"{scratch}/root", program, "chroot")
         root.prepare()
         root.add_program("/bin/busybox")
         for name in ("applets", "in", "modules", "old"):

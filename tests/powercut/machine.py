@@ -1,4 +1,4 @@
-"""The virtual machine: it boots, runs lines of shell that come over its serial line, and loses its power."""
+"""The virtual machine: it boots, runs shell lines from its serial line, and loses its power."""
 
 import os
 import re
@@ -13,7 +13,7 @@ BOOT_SECONDS = {"kvm": 60, "tcg": 300}
 RUN_SECONDS = 300
 STATUS = re.compile(rb"^status (\d+)\n", re.MULTILINE)
 
-# How an image of each file system is made: megabytes, near the least that its mkfs takes, and the program.
+# For each file system the size of an image in megabytes, near the minimum of its mkfs, and the program that makes it.
 MAKE = {
     "ext4": (64, ("/sbin/mkfs.ext4", "-q", "-F", "-E", "lazy_itable_init=0,lazy_journal_init=0")),
     "xfs": (320, ("/sbin/mkfs.xfs", "-q", "-f")),
@@ -32,8 +32,7 @@ def make_image(path, file_system):
 class Machine:
     """A running virtual machine; `disks` are its /dev/vda, /dev/vdb and so on.
 
-    What the guest's kernel has written to a disk is in the image; what is only in the guest's memory is lost with the
-    power, for qemu is killed.
+    cut() kills qemu: the image keeps what the guest's kernel has written to the disk and loses what was in memory.
     """
 
     def __init__(self, kernel, archive, accelerator, disks=()):
@@ -57,7 +56,7 @@ class Machine:
         self._qemu.stdin.write(line.encode() + b"\n")
 
     def status(self, seconds):
-        """Returns the exit status of the line, or None when the guest has not reported it after that time."""
+        """Returns the exit status of the line, or None when the guest does not report it within that time."""
         deadline = time.monotonic() + seconds
         while (found := STATUS.search(self._heard)) is None:
             if not select.select([self._qemu.stdout], [], [], max(deadline - time.monotonic(), 0))[0]:

@@ -22,8 +22,8 @@ class Series:
     """Images and boots for one command on one file system, with their files in `directory`.
 
     /dev/vda  a fresh copy of the prepared image, for the command
-    /dev/vdb  takes the archives that the host reads
-    /dev/vdc  the image that lost its power in the boot before: each boot looks at a cut and makes the next
+    /dev/vdb  receives the archives that the host reads
+    /dev/vdc  the image of the last cut: each boot checks one cut and makes the next
     """
 
     def __init__(self, machine, file_system, name, directory):
@@ -43,7 +43,7 @@ class Series:
         acknowledged = None
         for kind in [*[AFTER] * trials, *[DURING] * trials, None]:
             os.replace(self._fresh, self._cut)
-            self._renew()
+            self._copy_base()
             with Machine(*self._machine, [self._fresh, self._dump, self._cut]) as guest:
                 if acknowledged is not None:
                     self._judge(report, acknowledged, self._look(guest, old, new, acknowledged))
@@ -51,7 +51,7 @@ class Series:
                     acknowledged = self._cut_power(guest, kind, seconds)
         return report
 
-    def _renew(self):
+    def _copy_base(self):
         output("/bin/cp", "--sparse=always", self._base, self._fresh)
 
     def _mount(self, disk, place):
@@ -67,14 +67,14 @@ class Series:
 
     def _run_undisturbed(self):
         """Returns the state before the command, the state after it, and the seconds that it takes."""
-        self._renew()
+        self._copy_base()
         with Machine(*self._machine, [self._fresh, self._dump]) as guest:
             self._begin(guest)
             old = self._state(guest, "/var")
             seconds = guest.run(self._case.command)
             new = self._state(guest, "/var")
         if old == new:
-            raise GuestError(f"{self._name} changes nothing, so there is nothing to lose")
+            raise GuestError(f"{self._name} changes nothing")
         return old, new, seconds
 
     def _cut_power(self, guest, kind, seconds):
@@ -88,7 +88,7 @@ class Series:
         return acknowledged
 
     def _look(self, guest, old, new, acknowledged):
-        """What is wrong after the last cut; None when nothing is."""
+        """The first fault after the last cut; None when there is none."""
         try:
             guest.run(self._mount("vdc", "/old"))
             found = self._state(guest, "/old")
@@ -104,4 +104,4 @@ class Series:
         report.count(row, moment)
         if trouble is not None:
             report.count(row, loss)
-            report.problem(f"{self._file_system}, {self._name}, {moment}", trouble)
+            report.problem(", ".join((*row, moment)), trouble)
