@@ -20,7 +20,8 @@ MODES = ["namespace", "chroot"] if namespaces_allowed() else ["chroot"]
 OVERRUN = b"int main(int count, char **) { int three[3] = {}; return three[count + 2]; }\n"
 
 each_mode = pytest.mark.parametrize("mode", MODES)
-each_mode_of_the_tool = pytest.mark.parametrize("mode", [mode for mode in MODES if mode == "namespace" or not sanitized()])
+each_mode_of_the_tool = pytest.mark.parametrize("mode", [mode for mode in MODES
+                                                         if mode == "namespace" or not sanitized()])
 
 
 @pytest.fixture(params=MODES)
@@ -50,7 +51,8 @@ def run_script(*words, before=(), **options):
 
 
 def test_files_written_inside_stay_inside(either_sandbox):
-    directories = ["/", "/dev", "/etc", "/proc", "/tmp", "/usr/bin", "/usr/lib", "/usr/sbin", "/var/lib", "/var/lib/quarn"]
+    directories = ["/", "/dev", "/etc", "/proc", "/tmp", "/usr/bin", "/usr/lib", "/usr/sbin", "/var/lib",
+                   "/var/lib/quarn"]
     paths = [os.path.join(directory, "arsp-written-inside") for directory in directories]
 
     shell(either_sandbox, "for path; do (echo x > $path) 2> /dev/null; done; :", "sh", *paths)

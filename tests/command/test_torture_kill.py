@@ -1,4 +1,4 @@
-"""SIGKILL at every call that changes a file or a lock. `scripts/torture kill` prints the same as a table."""
+"""SIGKILL at every call that changes a file or a lock. `scripts/torture kill` prints a table."""
 
 import pytest
 from torture import kill
@@ -6,7 +6,7 @@ from torture.scene import COMMANDS, THIN
 
 
 @pytest.mark.parametrize("command", COMMANDS)
-def test_a_killed_run_leaves_a_committed_state_and_can_be_repeated(sandbox, needs_tracing, command):
+def test_killed_run_leaves_a_committed_state_and_can_be_repeated(sandbox, needs_tracing, command):
     report = kill.torture(sandbox, command, bounded=True, thin=THIN)
 
     print(report.table())

@@ -1,4 +1,4 @@
-"""Processes of other users that race the tool, and runs of the tool that are stopped where such a process strikes."""
+"""Processes of other users that race the tool, and runs that stop at the moment of an attack."""
 
 import contextlib
 import os
@@ -13,15 +13,15 @@ STOPPED_LOG = "/.stopped"
 
 
 class Race:
-    """What a racing process has won: a text, or None. To be read when the race is over."""
+    """The success of a racing process: a text, or None. Valid after the race."""
 
     won = None
 
 
 @contextlib.contextmanager
 def racing(user, strike):
-    """A process of `user`, (uid, gid), that calls `strike` over and over for the time of the block. The first text that
-    `strike` returns ends the race and is what it has won."""
+    """A process of `user`, (uid, gid), that calls `strike` repeatedly for the duration of the block. The first text that
+    `strike` returns ends the race and is its success."""
     reader, writer = os.pipe()
     pid = os.fork()
     if pid == 0:
@@ -63,8 +63,8 @@ def opener(directory, *names):
 
 
 def linker(directory, name, target):
-    """A strike that makes the link `name` to `target` in the open directory `directory` whenever there is no such name.
-    It never wins by itself: the test sees where the tool then makes its file."""
+    """A strike that makes the link `name` to `target` in the open directory `directory` whenever `name` is missing. It
+    never succeeds by itself: the test checks where the tool then makes its file."""
     def strike():
         with contextlib.suppress(FileExistsError):
             os.symlink(target, name, dir_fd=directory)
@@ -73,8 +73,8 @@ def linker(directory, name, target):
 
 
 def replacer(directory, name, planted):
-    """A strike that renames `planted` to `name`, both in the open directory `directory`, once `name` is a file of
-    root's that is not empty. It never wins by itself: the test sees what the tool then does to the planted file."""
+    """A strike that renames `planted` to `name`, both in the open directory `directory`, once `name` is a non-empty file
+    of root's. It never succeeds by itself: the test checks what the tool then does to the planted file."""
     def strike():
         with contextlib.suppress(FileNotFoundError):
             state = os.stat(name, dir_fd=directory, follow_symlinks=False)
@@ -86,8 +86,8 @@ def replacer(directory, name, planted):
 
 @contextlib.contextmanager
 def stopped_after(sandbox, call, path, *args):
-    """A run of the tool that is stopped for the time of the block, after its first system call `call` with the argument
-    `path`. For tests that need tracing."""
+    """A run of the tool that is stopped for the duration of the block, after its first system call `call` with the
+    argument `path`. For tests that need tracing."""
     words = tracing.strace_arguments(STOPPED_LOG, call, [f"{call}:signal=SIGSTOP:when=1"], [path])
     running = sandbox.start_command("/usr/bin/strace", [*words, "-e", "signal=SIGSTOP", PROGRAM, *args],
                                     traced=True)

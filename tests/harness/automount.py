@@ -1,4 +1,4 @@
-"""Directories that the kernel mounts when a program first enters them (autofs), for roots that are namespaces."""
+"""Directories that the kernel mounts when a program first enters them (autofs), in the mode "namespace"."""
 
 import contextlib
 import os
@@ -17,7 +17,7 @@ def _daemon(source, target):
 
 
 def possible():
-    """Whether this machine has autofs and lets a mount namespace use it."""
+    """Whether this machine has autofs and a mount namespace may use it."""
     if not namespaces_allowed():
         return False
     with subprocess.Popen(_daemon("/tmp", "/tmp"), executable=sys.executable, preexec_fn=unshare_mounts,
@@ -29,8 +29,8 @@ def possible():
 
 @contextlib.contextmanager
 def mounted_on_demand(sandbox, source, target):
-    """While the block runs, the first program that enters the directory `target` of the private root makes the kernel
-    mount `source` there."""
+    """For the duration of the block, the first program that enters the directory `target` inside makes the kernel mount
+    `source` there."""
     reader, writer = os.pipe()
     with open(reader, "rb") as output:
         daemon = sandbox.start_command("/usr/bin/python3", _daemon(source, target), stdout=writer)

@@ -1,4 +1,4 @@
-"""A program of its own, see automount.py: mounts its first argument on the second whenever the kernel asks for that."""
+"""Mounts its first argument on the second whenever the kernel asks for it; automount.py runs it."""
 
 import ctypes
 import fcntl
@@ -8,7 +8,7 @@ import sys
 
 AUTOFS_IOC_READY = 0x9360
 MS_BIND = 0x1000
-PACKET = struct.Struct("@iiIIQIIIII256s4x")  # autofs_v5_packet: version, type, token, and what is not needed here
+PACKET = struct.Struct("@iiIIQIIIII256s4x")  # autofs_v5_packet: version, type, token and unused members
 
 libc = ctypes.CDLL(None, use_errno=True)
 
@@ -21,7 +21,7 @@ def mount(source, target, kind, flags, options):
 source, target = map(os.fsencode, sys.argv[1:])
 reader, writer = os.pipe()
 mount(b"tests", target, b"autofs", 0, f"fd={writer},pgrp={os.getpgrp()},minproto=5,maxproto=5,direct".encode())
-trap = os.open(target, os.O_RDONLY)  # the processes of this group are let through
+trap = os.open(target, os.O_RDONLY)  # autofs does not hold processes of this group
 print("ready", flush=True)
 while True:
     token = PACKET.unpack(os.read(reader, PACKET.size))[2]

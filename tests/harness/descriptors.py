@@ -1,6 +1,8 @@
 """Which of a run's system calls are on an open file, for those who want to change the result of one of them."""
 
-import os
+from .tracing import on_files
+
+__all__ = ["number_of_call", "on_files"]
 
 
 def number_of_call(calls, name, path, nth=1):
@@ -19,21 +21,3 @@ def number_of_call(calls, name, path, nth=1):
             if nth == 0:
                 return count
     raise AssertionError(f"no such {name} on {path}")
-
-
-def on_files(calls):
-    """[(call, path), ...]: the tool's calls in their order, each with the path of the file that it is on.
-
-    `calls` has "openat" in it, and "fcntl" where descriptors are duplicated. A descriptor stands for the path that it
-    was opened by, and a name below a descriptor for both paths joined. Other processes than the tool have their own
-    descriptors and are left out.
-    """
-    tool, opened, found = calls[0].pid, {}, []
-    for call in calls:
-        if call.pid == tool:
-            directory = opened.get(call.args_text.partition(",")[0], "")
-            path = os.path.normpath(os.path.join(directory, *call.strings[:1]))
-            found.append((call, path))
-            if call.error is None and (call.name == "openat" or "F_DUPFD" in call.args_text):
-                opened[str(call.value)] = path
-    return found

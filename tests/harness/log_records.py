@@ -13,7 +13,7 @@ DRAIN, STOP = b"drain", b""  # datagrams that the catcher sends to itself; the C
 
 @dataclass(frozen=True)
 class Record:
-    """One record: `priority` is severity plus facility, both in syslog's own numbers (19 is 16, mail, plus 3, error)."""
+    """One record: `priority` is severity plus facility in syslog's own numbers (19 is 16, mail, plus 3, error)."""
 
     priority: int
     ident: str

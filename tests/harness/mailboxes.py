@@ -43,7 +43,7 @@ def add_attachment(sandbox):
 
 
 def run_sql(sandbox, script):
-    """Changes the database behind the tool's back."""
+    """Runs an SQL script on the database."""
     with contextlib.closing(sandbox.db()) as connection:
         connection.executescript(script)
 
@@ -106,15 +106,14 @@ def put_link(sandbox, path, target, owner):
 
 @contextlib.contextmanager
 def copying_from_pipe(sandbox, path, content=b"", **run):
-    """A run of --add-attach with the options `run` whose source is the pipe `path`, which is made. The block begins when
-    the copy has: then the run has looked up, and not written. It is given the run; at its end the copy gets `content`
-    and the end of it."""
+    """A run of --add-attach with the options `run` whose source is a new pipe `path`. The block begins when the copy has
+    begun: the run has looked up, and not written. It receives the run; at its end the pipe receives `content`."""
     os.mkfifo(sandbox.path(path), 0o644)
     running = sandbox.start("--add-attach", "--source", path, *(f"--{name}={value}" for name, value in run.items()))
     opened = []
 
     def cp_reads():
-        assert running.running(), "it ended before its copy began"
+        assert running.running(), "the run has ended before its copy began"
         try:
             opened.append(os.open(sandbox.path(path), os.O_WRONLY | os.O_NONBLOCK))
         except OSError as error:
@@ -129,6 +128,6 @@ def copying_from_pipe(sandbox, path, content=b"", **run):
 
 
 def error_texts(result):
-    """The texts of the records of a run, all of which have to be errors of the mail facility."""
+    """The texts of the records of a run; all must be errors of the mail facility."""
     assert {record.priority for record in result.records} <= {syslog.LOG_MAIL | syslog.LOG_ERR}
     return [record.text for record in result.records]

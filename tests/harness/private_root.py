@@ -49,7 +49,8 @@ def checked(result, what):
 
 
 def mount(source, target, flags):
-    checked(libc.mount(os.fsencode(source), os.fsencode(target), None, ctypes.c_ulong(flags), None), f"mount on {target}")
+    result = libc.mount(os.fsencode(source), os.fsencode(target), None, ctypes.c_ulong(flags), None)
+    checked(result, f"mount on {target}")
 
 
 def bind_read_only(source, target):
@@ -64,7 +65,7 @@ def unshare_mounts():
 
 
 def in_thread(work):
-    """Returns what `work` returns. A thread of its own leaves the namespace and the root of this process as they are."""
+    """Returns what `work` returns. The thread may change its namespace and root without changing this process."""
     with ThreadPoolExecutor(1) as thread:
         return thread.submit(work).result()
 
@@ -98,7 +99,8 @@ def choose_mode(wanted=None):
 @functools.cache
 def shared_libraries(path):
     """The shared libraries and the loader that the program `path` needs; none for a static one."""
-    listing = subprocess.run(["/usr/bin/ldd", path], stdin=subprocess.DEVNULL, capture_output=True, text=True, check=False)
+    listing = subprocess.run(["/usr/bin/ldd", path], stdin=subprocess.DEVNULL, capture_output=True, text=True,
+                             check=False)
     words = [word for line in listing.stdout.splitlines() for word in line.split()]
     return [word for word in words if word.startswith("/") and not word.endswith(":")]
 
@@ -162,7 +164,7 @@ class PrivateRoot:
         self._write("etc/group", group.encode())
 
     def add_program(self, path, inside=None):
-        """Copies the host's program `path` to the same path inside or to `inside`; in a chroot its libraries as well."""
+        """Copies the host's program `path` to the same path inside or to `inside`; in a chroot its libraries, too."""
         if not self._copy(path, inside or path) or self.mode != "chroot":
             return
         for library in shared_libraries(path):

@@ -116,7 +116,7 @@ class Sandbox:
 
         calls   the system calls to list, as for strace -e trace=; all by default
         inject  strace -e inject= expressions, such as "unlink:error=EACCES:when=1"
-        paths   look only at calls with these paths and on descriptors of them (strace -P); inject counts only those, too
+        paths   list and count only calls with these paths or on descriptors of them (strace -P)
 
         The execve of the tool comes first, and counts for inject. The list includes the calls of the dynamic loader.
         """
@@ -284,7 +284,7 @@ class Running:
         self.pid = process.pid
 
     def wait(self, timeout=60):
-        """Waits for the end and returns the Result, with the records of the run itself. Fails after `timeout` seconds."""
+        """Waits for the end and returns the Result with the run's own records. Fails after `timeout` seconds."""
         try:
             stdout, stderr = self._process.communicate(timeout=timeout)
         except subprocess.TimeoutExpired:

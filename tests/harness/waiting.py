@@ -1,15 +1,15 @@
-"""Waiting for what a run does, instead of for a time."""
+"""Waiting for an event of a run, instead of for a time."""
 
 import contextlib
 import os
 import re
 import time
 
-SLEEPS_IN_ONE_TIMEOUT = 6  # SQLite's own, of 1, 2, 5, 10, 15 and 20 ms, until a busy timeout of 50 ms is over
+SLEEPS_IN_ONE_TIMEOUT = 6  # SQLite's: 1, 2, 5, 10, 15 and 20 ms, until a busy timeout of 50 ms is over
 
 
 def until(condition, what, timeout=30):
-    """Returns as soon as `condition()` is true; fails, saying `what` did not happen, after `timeout` seconds."""
+    """Returns as soon as `condition()` is true; fails with the event `what` after `timeout` seconds."""
     end = time.monotonic() + timeout
     while not condition():
         assert time.monotonic() < end, f"did not happen: {what}"
@@ -28,14 +28,14 @@ def has_open(running, name):
 
 
 def until_it_retries(running):
-    """Returns when the run has opened the database and has been told "busy" more than once since."""
+    """Returns when the run has opened the database and then found it busy more than once."""
     until(lambda: has_open(running, "responder.db"), "the run opens the database")
     first = _sleeps(running)
-    until(lambda: _sleeps(running) > first + 3 * SLEEPS_IN_ONE_TIMEOUT, "the run keeps asking for the lock")
+    until(lambda: _sleeps(running) > first + 3 * SLEEPS_IN_ONE_TIMEOUT, "the run retries")
 
 
 def until_it_sleeps(running):
-    """Returns when the run sleeps: in a call that waits, since nothing it does else takes time without work."""
+    """Returns when the run sleeps in a call that waits."""
     until(lambda: _state(running) == "S", "the run sleeps")
 
 

@@ -1,7 +1,7 @@
-"""Every call of the tool that can fail has failed once: by a kill, by an error, for want of memory.
+"""Disturbs every call of the tool that can fail: by SIGKILL, by an error, by a lack of memory.
 
     from torture import errors, kill, memory
 
-Each has torture(sandbox, name, bounded), which tries one command of scene.COMMANDS in a fresh private root and answers
-a report.Report. scripts/torture runs them in full; tests/command/test_torture_*.py run a selection.
+Each has torture(sandbox, name, bounded), which tries one command of scene.COMMANDS in a fresh private root and returns
+a report.Report. scripts/torture tries everything; tests/command/test_torture_*.py try a selection.
 """

@@ -1,4 +1,4 @@
-"""SIGKILL at every call that changes a file or a lock: what is left is the old state, the new one, or a committed step."""
+"""SIGKILL at every call that changes a file or a lock: the old state, the new one or a committed step is left."""
 
 import signal
 
@@ -6,45 +6,38 @@ from .points import one_of_a_kind, points_of, start_disturbed, trace_log
 from .report import Report
 from .scene import Scene, described, named
 
-OUTCOMES = ("before", "between", "after")
-
 
 def empty_report():
-    return Report("SIGKILL", ("command", "call", "of"), ("tried", *(f"rows as {outcome}" for outcome in OUTCOMES)))
+    return Report("SIGKILL", ("command", "call", "of"), ("tried", "rows as before", "rows as between", "rows as after"))
 
 
 def torture(sandbox, name, bounded=False, thin=1):
-    """Tries the command; of its calls, one of a kind when `bounded`, and of these only every `thin`-th one."""
+    """Tries the command; if `bounded`, only calls of different kinds, and of these every `thin`-th one."""
     report = empty_report()
     scene = Scene(sandbox, name)
     points = [point for point in points_of(scene) if point.changing]
     for point in one_of_a_kind(points)[::thin] if bounded else points:
-        try_point(report, scene, point)
+        try:
+            try_point(report, scene, point)
+        except AssertionError as problem:
+            report.problem(f"{scene.name}, {point}", problem)
     scene.close()
     return report
 
 
 def try_point(report, scene, point):
-    """One trial: the run that is killed, what it leaves, and the same run again."""
+    """One trial: a killed run, the state that it leaves, and the same run again."""
     where = f"{scene.name}, {point}"
-    row = (scene.name, point.name, "copy" if point.child else "tool")
     scene.begin()
     result = start_disturbed(scene, point, f"signal=KILL:when={point.when}").wait()
-    # strace ends as the tool does, and then takes its log along; of the copy it tells a call that never came back.
+    # strace ends like the tool, without a complete log; of the copy it logs a call that did not return.
     log = trace_log(scene)
-    if not (b"= ?" in log or b"<unfinished" in log if point.child else result.status == -signal.SIGKILL):
-        report.problem(where, f"was not reached: {result}, {log}")
-        return
-    try:
-        rows = scene.rows()
-    except AssertionError as problem:
-        report.problem(where, problem)
-        return
+    reached = b"= ?" in log or b"<unfinished" in log if point.child else result.status == -signal.SIGKILL
+    assert reached, f"was not reached: {result}, {log}"
+    rows = scene.rows()
     outcome = named(scene.command, rows)
-    if outcome is None:
-        report.problem(where, f"rows neither old nor new: {described(rows, scene.command.after)}")
-        return
-    report.count(row, "tried", f"rows as {outcome}")
+    assert outcome is not None, f"rows neither old nor new: {described(rows, scene.command.after)}"
+    report.count((scene.name, point.name, "copy" if point.child else "tool"), "tried", f"rows as {outcome}")
     report_files(report, scene, where, rows)
     again = scene.run()
     if again.status != 0:

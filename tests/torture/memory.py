@@ -5,7 +5,7 @@ from pathlib import Path
 
 from harness import preload
 
-from .errors import look
+from .errors import check_state
 from .report import Report
 from .scene import Scene
 
@@ -34,7 +34,10 @@ def torture(sandbox, name, bounded=False):
         numbers = [number for number in numbers if number <= 2 or number % step == 0 or number > total - LAST]
     for number in numbers:
         for way in WAYS:
-            try_allocation(report, scene, number, way)
+            try:
+                try_allocation(report, scene, number, way)
+            except AssertionError as problem:
+                report.problem(f"{scene.name}, allocation {number} {way}", problem)
     scene.close()
     return report
 
@@ -64,20 +67,15 @@ def try_allocation(report, scene, number, way):
     """One trial: the run that lacks memory, and what it leaves."""
     where = f"{scene.name}, allocation {number} {way}"
     scene.begin()
-    try:
-        result, text = run(scene, f"{number}{'' if way == 'once' else '+'}")
-    except AssertionError as problem:
-        report.problem(where, problem)
-        return
+    result, text = run(scene, f"{number}{'' if way == 'once' else '+'}")
     report.count((scene.name,), "tried")
     if result.status in (0, 1):
         report.count((scene.name,), f"{way}: {result.status}")
     elif result.status < 0 and died_in_c_library(text):
         report.count((scene.name,), "deaths in the C library")
-        report.note(where, f"{text.splitlines()[0]} in {', '.join(frames_of_death(text)[:6])}")
     else:
         report.problem(where, f"ended with {result}\n{text}")
-    look(report, scene, where, result, told=bool(result.records))
+    check_state(report, scene, where, result, logged=bool(result.records))
 
 
 def frames_of_death(text):

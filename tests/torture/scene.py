@@ -1,4 +1,4 @@
-"""The scene of every trial: a database with two mailboxes, the six commands on one of them, and what each may leave."""
+"""The start of every trial, a database with two mailboxes; the six commands; and the states that each may leave."""
 
 import contextlib
 import copy
@@ -8,12 +8,11 @@ import shutil
 import subprocess
 from dataclasses import dataclass, field
 
-from harness.mailboxes import make_directories, put_file
+from harness.mailboxes import MAIL_TREE, make_directories, put_file
 from harness.sandbox import DATABASE, sanitized
 
-DATABASE_TREE = "/var/lib/quarn"
-MAIL_TREE = "/var/qmail/mailnames"
-THIN = 4 if sanitized() else 1  # a sanitized program takes long to start
+TREES = ("/var/lib/quarn", MAIL_TREE)
+THIN = 4 if sanitized() else 1  # a sanitized program starts slowly
 TABLES = ("attachments", "autoresponder", "extra_headers", "resp_freq")
 
 USER, OTHER, OWNER = "user@example.org", "other@example.org", "owner@example.com"
@@ -23,7 +22,7 @@ SOURCE = b"the new report " * 5000
 REPORT = "example.org/user/@attachments/report.pdf"
 COPY = "example.com/owner/@attachments/new.pdf"
 
-# What may be found instead of the rows.
+# Possible states of the database instead of its rows.
 ABSENT = "no database"
 EMPTY = "a database without tables"
 
@@ -40,12 +39,12 @@ NO_ROWS = {table: [] for table in TABLES}
 
 
 def but(rows, **changed):
-    """The rows with other ones in some tables."""
+    """The rows, with some tables changed."""
     return {**copy.deepcopy(rows), **changed}
 
 
 def of_other(table):
-    """The rows of a table that are not those of the mailbox that the commands are about."""
+    """The rows of a table that belong to the other mailbox."""
     return [row for row in BEFORE[table] if row[0] == OTHER]
 
 
@@ -53,12 +52,12 @@ def of_other(table):
 class Command:
     """One of the six commands, on USER.
 
-    after     the rows when it has succeeded
-    steps     what may be found besides, when it was killed or has failed: it commits in more than one step
-    partly    what may be found besides when it has failed, by its design
-    lenient   what may be found besides when it answers success, by its design
-    touches   the files below MAIL_TREE that it may make or remove begin with one of these
-    before    the rows at its start
+    after     the rows after success
+    steps     other rows that a killed or failed run may leave: the command commits in more than one step
+    partly    other rows that a failed run may leave by design
+    lenient   other rows that a successful run may leave by design
+    touches   prefixes of the files below MAIL_TREE that it may make or remove
+    before    the rows at the start
     """
 
     args: tuple
@@ -79,13 +78,13 @@ COMMANDS = {
     "init-db, for the first time": Command(("--init-db",), NO_ROWS, steps=(EMPTY,), before=ABSENT),
     "set-resp": Command(
         ("--set-resp", "--mailname", USER, "--real-owner", USER, "--subj", "Re: new", "--ans-freq", "3"),
-        but(BEFORE, autoresponder=[*of_other("autoresponder"),
-                                   (USER, "", "no", "Re: new", "", "", "text/plain", "UTF-8", NEW_BODY, 3, 1000, USER)]),
+        but(BEFORE, autoresponder=[*of_other("autoresponder"), (
+            USER, "", "no", "Re: new", "", "", "text/plain", "UTF-8", NEW_BODY, 3, 1000, USER)]),
         stdin=NEW_BODY.encode()),
     "del-resp": Command(
         ("--del-resp", "--mailname", USER), but(BEFORE, **WITHOUT_USER, resp_freq=of_other("resp_freq")),
-        lenient=(but(BEFORE, **WITHOUT_USER),),  # counters that may not go are not noticed
-        # What was done before a refused row, and after it, is committed.
+        lenient=(but(BEFORE, **WITHOUT_USER),),  # counters that cannot be deleted are not noticed
+        # The work before and after a refused row is committed.
         partly=(but(BEFORE, attachments=of_other("attachments")),
                 but(BEFORE, attachments=of_other("attachments"), resp_freq=of_other("resp_freq")),
                 but(BEFORE, resp_freq=of_other("resp_freq"))),
@@ -101,19 +100,15 @@ COMMANDS = {
         ("--set-extra-headers",), but(BEFORE, extra_headers=NEW_HEADERS),
         stdin=b'{"X-New": "yes", "X-Newer": "<b>&", "X-Newest": "' + b"z" * 6000 + b'"}',
         steps=(but(BEFORE, extra_headers=[]),),
-        # A refused row is left out; all those before it are when SQLite rolls back.
+        # A refused row is left out; so are all earlier ones if SQLite rolls back.
         lenient=tuple(but(BEFORE, extra_headers=list(left)) for count in (0, 1, 2)
                       for left in itertools.combinations(NEW_HEADERS, count))),
 }
 
 
 class Scene:
-    """A private root in which one command is tried again and again.
-
-    begin()        brings everything into the state at the start of a trial
-    sandbox.run()  and its like are the trial
-    rows(), files_problem() and so on look at what is left
-    """
+    """A private root in which one command is tried again and again. begin() restores the state at the start of a trial;
+    rows(), files_problem() and leftover_files() inspect the state that the trial leaves."""
 
     def __init__(self, sandbox, name):
         self.sandbox = sandbox
@@ -122,53 +117,51 @@ class Scene:
         self._template = sandbox.directory.parent / (sandbox.directory.name + ".template")
         self._furnish()
         self._template.mkdir()
-        for place in (DATABASE_TREE, MAIL_TREE):
-            self._copy(sandbox.path(place), self._template / place.strip("/").replace("/", "-"))
+        subprocess.run(["cp", "-a", "--parents", *(place[1:] for place in TREES), self._template],
+                       cwd=sandbox.directory, check=True)
         self._untouched = self._fingerprint()
         self.files_before = sandbox.tree(MAIL_TREE)
 
     def close(self):
-        """Removes what the scene keeps beside the root."""
+        """Removes the copy of the state at the start."""
         shutil.rmtree(self._template)
 
     def begin(self):
-        """Puts the databases and the files back as they were, unless nobody has touched them."""
+        """Restores the database and the files if they have changed."""
         if self._fingerprint() == self._untouched:
             return
-        for place in (DATABASE_TREE, MAIL_TREE):
+        for place in TREES:
             shutil.rmtree(self.sandbox.path(place))
-            self._copy(self._template / place.strip("/").replace("/", "-"), self.sandbox.path(place))
+        subprocess.run(["cp", "-a", f"{self._template}/.", self.sandbox.directory], check=True)
         self._untouched = self._fingerprint()
 
     def run(self):
         """An undisturbed run of the command."""
         return self.sandbox.run(*self.command.args, stdin=self.command.stdin)
 
-    # -- what is left
+    # -- the state after a trial
 
     def rows(self):
-        """The rows of all tables, ABSENT or EMPTY. Fails when SQLite finds the file damaged. As anybody who opens the
-        database does, this rolls an unfinished transaction back."""
+        """The rows of all tables, ABSENT or EMPTY. Fails if SQLite finds the file damaged. Opening the database rolls
+        an unfinished transaction back."""
         if self._fingerprint() == self._untouched:
             return self.command.before
         if not self.sandbox.path(DATABASE).exists():
             return ABSENT
         with contextlib.closing(self.sandbox.db()) as connection:
-            answer = connection.execute("PRAGMA integrity_check").fetchall()
-            if answer != [("ok",)]:
-                raise AssertionError(f"integrity_check: {answer}")
+            check = connection.execute("PRAGMA integrity_check").fetchall()
+            assert check == [("ok",)], f"integrity_check: {check}"
             tables = [name for name, in connection.execute("SELECT name FROM sqlite_master WHERE type = 'table'"
                                                            " ORDER BY name")]
             if not tables:
                 return EMPTY
-            if tables != list(TABLES):
-                raise AssertionError(f"a part of the schema: {tables}")
+            assert tables == list(TABLES), f"a part of the schema: {tables}"
             return {table: connection.execute(
                 f"SELECT * FROM {table} ORDER BY {'rowid' if table == 'extra_headers' else '1, 2'}").fetchall()
                 for table in TABLES}
 
     def files_problem(self, rows):
-        """What is wrong with the files below the mail tree, given those rows; None when nothing is."""
+        """The difference between the files below the mail tree and those rows in words, or None."""
         files = self.sandbox.tree(MAIL_TREE)
         for path in {*files, *self.files_before}:
             if files.get(path) != self.files_before.get(path) and not path.startswith(self.command.touches or ("//",)):
@@ -181,15 +174,13 @@ class Scene:
         return None
 
     def leftover_files(self):
-        """The files that a successful run would have removed, and those that it would have made, and has not."""
+        """The files that a successful run would have removed, or would have made, and has not."""
         files = self.sandbox.tree(MAIL_TREE)
         if self.name == "del-resp":
             return [path for path in files if path.startswith(self.command.touches)]
         if self.name == "del-attach":
-            return [path for path in files if path == REPORT]
-        if self.name == "add-attach":
-            return [path for path in (COPY,) if path not in files]
-        return []
+            return [REPORT] if REPORT in files else []
+        return [COPY] if self.name == "add-attach" and COPY not in files else []
 
     # -- pieces
 
@@ -208,13 +199,9 @@ class Scene:
         make_directories(sandbox, f"{MAIL_TREE}/example.org/user/@attachments/left over")
         put_file(sandbox, f"{MAIL_TREE}/example.org/user/@attachments/left over/by hand", b"?")
 
-    @staticmethod
-    def _copy(source, target):
-        subprocess.run(["cp", "-a", source, target], check=True)
-
     def _fingerprint(self):
         found = []
-        for place in (DATABASE_TREE, MAIL_TREE):
+        for place in TREES:
             for directory, names, files in os.walk(self.sandbox.path(place)):
                 for name in (".", *names, *files):
                     state = os.lstat(os.path.join(directory, name))
@@ -224,7 +211,7 @@ class Scene:
 
 
 def named(command, rows):
-    """Where the rows stand on the way of the command: "before", "between" or "after"; None when nowhere on it."""
+    """The stage of the command that has these rows: "before", "between" or "after"; None for other rows."""
     if rows == command.after:
         return "after"
     if rows == command.before:
@@ -233,7 +220,7 @@ def named(command, rows):
 
 
 def described(rows, expected):
-    """What is odd about rows that stand nowhere, for the reader of a report."""
+    """The difference between two states of the rows, for a report."""
     if not isinstance(rows, dict) or not isinstance(expected, dict):
         return str(rows)[:300]
     return "; ".join(f"{table}: {str([row for row in rows[table] if row not in expected[table]])[:200]} too many, "
