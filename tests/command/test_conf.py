@@ -1,55 +1,50 @@
-"""kel.conf: under which root the attachments are, seen from outside."""
+"""kel.conf: the root of the attachment directories, as the file defines it."""
 
 import resource
 
 import pytest
-from harness import Result
+from harness import DONE
 from harness.faults import fault_at, places_on
-from harness.mailboxes import (add_attachment_rows, add_autoresponder, attachment_rows, error_texts, make_directories,
-                               put_file)
+from harness.mailboxes import (ADD, DEL_RESP, MAIL_TREE, MAILNAME, add_attachment_rows, attachment_rows, error_texts,
+                               make_directories, put_file)
 from harness.private_root import script
 from harness.sandbox import program_under_test
 
 CONF = "/etc/kel/kel.conf"
-DEFAULT = "/var/qmail/mailnames"
-DONE = Result(0, b"", b"", [])
+BELOW = "/example.org/user/@attachments"
 SANITIZED = script.is_sanitized(str(program_under_test()))
+LONG_ROOT = "/srv" + "/a-directory-with-quite-a-long-name" * 60
 
 
 @pytest.fixture
-def mailbox(sandbox):
-    """A root with the autoresponder user@example.org and the file /tmp/source."""
-    sandbox.init_db()
-    add_autoresponder(sandbox, "user@example.org")
-    put_file(sandbox, "/tmp/source", b"the report", owner=(0, 0), mode=0o644)
-    return sandbox
-
-
-def add_attachment(sandbox, **options):
-    return sandbox.run("--add-attach", "--mailname", "user@example.org", "--filename", "report.pdf",
-                       "--source", "/tmp/source", **options)
+def mailbox(mailbox):
+    """The shared mailbox with a kel.conf that names /srv/mail."""
+    mailbox.conf("QUARN_MAILNAMES_D /srv/mail\n")
+    return mailbox
 
 
 def roots(sandbox):
-    """The directories, as the tool sees them, under which report.pdf has been put."""
-    below = "/example.org/user/@attachments/report.pdf"
-    found = []
-    for top in ("/var/qmail", "/srv", "/"):
-        paths = sandbox.path(top).glob("*" + below) if sandbox.path(top).exists() else ()
-        found += ["/" + str(path.relative_to(sandbox.directory)).removesuffix(below) for path in paths]
-    if sandbox.path("/example.org").exists():
-        found.append("/")
-    return found
+    """The directories, as the tool sees them, below which report.pdf is attached."""
+    return [("/" + str(path.relative_to(sandbox.directory))).removesuffix(BELOW + "/report.pdf") or "/"
+            for path in sandbox.directory.rglob("report.pdf")]
 
 
-def test_without_a_file_the_default_holds(mailbox):
-    assert add_attachment(mailbox) == DONE
+def assert_logged_root(result, root):
+    assert result.status == 0
+    assert error_texts(result) == [f"Unable to remove autoresponder attachments: cannot open directory {root}{BELOW}: "
+                                   "No such file or directory"]
 
-    assert roots(mailbox) == [DEFAULT]
+
+def test_missing_file_leaves_the_default(mailbox):
+    mailbox.path(CONF).unlink()
+
+    assert mailbox.run(*ADD) == DONE
+
+    assert roots(mailbox) == [MAIL_TREE]
 
 
-@pytest.mark.parametrize(("content", "root"), [
-    # what ends the value
+@pytest.mark.parametrize("content, root", [
+    # the end of the value
     ("QUARN_MAILNAMES_D /srv/mail\n", "/srv/mail"),
     ("QUARN_MAILNAMES_D\t/srv/mail #the root\n", "/srv/mail"),
     ("QUARN_MAILNAMES_D /srv/mail#the root\n", "/srv/mail"),
@@ -67,10 +62,12 @@ def test_without_a_file_the_default_holds(mailbox):
     ("QUARN_MAILNAMES_D /\n", "/"),
     ("QUARN_MAILNAMES_D /#the root\n", "/"),
     ("QUARN_MAILNAMES_D /", "/"),
-    # what may stand in front
+    # before the value
     ("QUARN_MAILNAMES_D \t \v\f /srv/mail\n", "/srv/mail"),
+    ("QUARN_MAILNAMES_D = /srv/mail\n", "/tmp/= /srv/mail"),
     (" \t\v\f\rQUARN_MAILNAMES_D /srv/mail\n", "/srv/mail"),
-    ("\n \n# QUARN_MAILNAMES_D /srv/wrong\n \t# QUARN_MAILNAMES_D /srv/wrong\nQUARN_MAILNAMES_D /srv/mail\n", "/srv/mail"),
+    ("\n \n# QUARN_MAILNAMES_D /srv/wrong\n \t# QUARN_MAILNAMES_D /srv/wrong\nQUARN_MAILNAMES_D /srv/mail\n",
+     "/srv/mail"),
     # several definitions
     ("QUARN_MAILNAMES_D /srv/first\nQUARN_MAILNAMES_D /srv/second\n", "/srv/second"),
     ("QUARN_MAILNAMES_D /srv/mail\nQUARN_MAILNAMES_D=/srv/wrong\nQUARN_MAILNAMES_D\n", "/srv/mail"),
@@ -79,146 +76,92 @@ def test_without_a_file_the_default_holds(mailbox):
     ("=\nA\nB=1\n$ 1\nQUARN_MAILNAMES_D /srv/mail\n\xff 1\n", "/srv/mail"),
     pytest.param("".join(f"NAME_{number} {number}\n" for number in range(100)) + "QUARN_MAILNAMES_D /srv/mail\nA b\n",
                  "/srv/mail", id="a hundred other names"),
-    # lines of any length
+    # any length
     pytest.param("A " + "x" * 1_000_000 + "\nQUARN_MAILNAMES_D" + " " * 1_000_000 + "/srv/mail #" + "x" * 1_000_000,
                  "/srv/mail", id="lines of a million characters"),
+    pytest.param(f"QUARN_MAILNAMES_D {LONG_ROOT}\n", LONG_ROOT, id="a long value"),
 ])
-def test_the_files_value_is_the_root(mailbox, content, root):
+def test_value_in_the_file_is_the_root(mailbox, content, root):
     mailbox.conf(content.encode("latin-1"))
 
-    assert add_attachment(mailbox) == DONE
+    assert mailbox.run(*ADD, cwd="/tmp") == DONE
 
     assert roots(mailbox) == [root]
 
 
 @pytest.mark.parametrize("content", [
-    "",
-    "\n",
-    "QUARN_MAILNAMES_D=/srv/mail\n",
-    "QUARN_MAILNAMES_D= /srv/mail\n",
-    "QUARN_MAILNAMES_D: /srv/mail\n",
-    "QUARN_MAILNAMES_D#/srv/mail\n",
-    "QUARN_MAILNAMES_D",
-    "QUARN_MAILNAMES_D\n",
-    "QUARN_MAILNAMES_D   \t \n",
-    "QUARN_MAILNAMES_D   # /srv/mail\n",
-    "QUARN_MAILNAMES_D #\n",
-    "#QUARN_MAILNAMES_D /srv/mail\n",
-    "-QUARN_MAILNAMES_D /srv/mail\n",
-    '"QUARN_MAILNAMES_D" /srv/mail\n',
-    "quarn_mailnames_d /srv/mail\n",
-    "PRODUCT_ROOT_D /srv/mail\n",
-])
-def test_a_line_that_defines_nothing_is_skipped_in_silence(mailbox, content):
+    "", "\n", "QUARN_MAILNAMES_D=/srv/mail\n", "QUARN_MAILNAMES_D= /srv/mail\n", "QUARN_MAILNAMES_D: /srv/mail\n",
+    "QUARN_MAILNAMES_D#/srv/mail\n", "QUARN_MAILNAMES_D", "QUARN_MAILNAMES_D\n", "QUARN_MAILNAMES_D   \t \n",
+    "QUARN_MAILNAMES_D   # /srv/mail\n", "QUARN_MAILNAMES_D #\n", "#QUARN_MAILNAMES_D /srv/mail\n",
+    "-QUARN_MAILNAMES_D /srv/mail\n", '"QUARN_MAILNAMES_D" /srv/mail\n', "quarn_mailnames_d /srv/mail\n",
+    "PRODUCT_ROOT_D /srv/mail\n"])
+def test_line_without_a_definition_is_ignored_silently(mailbox, content):
     mailbox.conf(content)
 
-    assert add_attachment(mailbox, env={"QUARN_LOG_LEVEL": "7"}) == DONE
+    assert mailbox.run(*ADD, env={"QUARN_LOG_LEVEL": "7"}) == DONE
 
-    assert roots(mailbox) == [DEFAULT]
-
-
-def test_an_equals_sign_may_be_a_value(mailbox):
-    mailbox.conf("QUARN_MAILNAMES_D = /srv/mail\n")
-
-    assert add_attachment(mailbox, cwd="/tmp") == DONE
-
-    assert mailbox.path("/tmp/= /srv/mail/example.org/user/@attachments/report.pdf").read_bytes() == b"the report"
-    assert roots(mailbox) == []
+    assert roots(mailbox) == [MAIL_TREE]
 
 
-def test_a_long_value_is_read_whole(mailbox):
-    root = "/srv" + "/a-directory-with-quite-a-long-name" * 60
-    mailbox.conf(f"QUARN_MAILNAMES_D {root}\n")
+def test_directory_in_place_of_the_file_leaves_the_default(mailbox):
+    mailbox.path(CONF).unlink()
+    mailbox.path(CONF).mkdir()  # can be opened, but not read
 
-    assert add_attachment(mailbox) == DONE
+    assert mailbox.run(*ADD) == DONE
 
-    assert mailbox.path(root + "/example.org/user/@attachments/report.pdf").read_bytes() == b"the report"
-
-
-def test_a_directory_which_can_be_opened_but_not_read_leaves_the_default_in_silence(mailbox):
-    mailbox.path(CONF).mkdir()
-
-    assert add_attachment(mailbox) == DONE
-
-    assert roots(mailbox) == [DEFAULT]
+    assert roots(mailbox) == [MAIL_TREE]
 
 
-def test_a_file_that_cannot_be_opened_leaves_the_default_in_silence(mailbox, needs_tracing):
-    mailbox.conf("QUARN_MAILNAMES_D /srv/mail\n")
-
-    result, calls = mailbox.trace("--add-attach", "--mailname", "user@example.org", "--filename", "report.pdf",
-                                  "--source", "/tmp/source", inject=["openat:error=EIO"], paths=[CONF])
+@pytest.mark.parametrize("fault, root", [("EIO", MAIL_TREE), ("EMFILE:when=1", "/srv/mail")],
+                         ids=["always", "at start-up"])
+def test_file_that_cannot_be_opened_is_read_when_its_value_is_needed(mailbox, needs_tracing, fault, root):
+    result, calls = mailbox.trace(*ADD, inject=[f"openat:error={fault}"], paths=[CONF])
 
     assert result == DONE
     assert any(call.injected for call in calls)
-    assert roots(mailbox) == [DEFAULT]
+    assert roots(mailbox) == [root]
 
 
-def test_a_file_that_can_only_be_read_in_part_leaves_the_default_in_silence(mailbox, needs_tracing):
+def test_partly_read_file_leaves_the_default(mailbox, needs_tracing):
     mailbox.conf("QUARN_MAILNAMES_D /srv/mail\n" + "A b\n" * 5000)
-    command = ("--del-resp", "--mailname", "user@example.org")
-    _, calls = mailbox.trace(*command, calls="openat,close,read")
+    _, calls = mailbox.trace(*DEL_RESP, calls="openat,close,read")
     second_read = [place for place in places_on(calls, CONF) if calls[place].name == "read"][1]
 
-    # the file is read anew when its value is needed, so no later read succeeds either
-    result, _ = mailbox.trace(*command, inject=[fault_at(calls, second_read, "EIO") + "+"])
+    # The tool reads the file again when it needs the value, so all later reads fail, too.
+    result, _ = mailbox.trace(*DEL_RESP, inject=[fault_at(calls, second_read, "EIO") + "+"])
 
-    assert result.status == 0
-    assert error_texts(result) == ["Unable to remove autoresponder attachments: cannot open directory "
-                                   "/var/qmail/mailnames/example.org/user/@attachments: No such file or directory"]
+    assert_logged_root(result, MAIL_TREE)
 
 
-if not SANITIZED:  # such a program takes more room for addresses than any limit leaves
+if not SANITIZED:  # a sanitized program needs more address space than any limit leaves
 
-    def test_a_file_with_a_line_larger_than_memory_leaves_the_default_in_silence(mailbox):
-        mailbox.conf("QUARN_MAILNAMES_D /srv/mail\n")
+    def test_line_larger_than_memory_leaves_the_default(mailbox):
         with open(mailbox.path(CONF), "ab") as conf:
             conf.truncate(1 << 30)
 
-        result = mailbox.run("--del-resp", "--mailname", "user@example.org", rlimits={resource.RLIMIT_AS: 64 << 20})
-
-        assert result.status == 0
-        assert error_texts(result) == ["Unable to remove autoresponder attachments: cannot open directory "
-                                       "/var/qmail/mailnames/example.org/user/@attachments: No such file or directory"]
-
-
-def test_a_file_that_cannot_be_opened_at_first_is_read_when_the_value_is_needed(mailbox, needs_tracing):
-    mailbox.conf("QUARN_MAILNAMES_D /srv/mail\n")
-
-    result, _ = mailbox.trace("--add-attach", "--mailname", "user@example.org", "--filename", "report.pdf",
-                              "--source", "/tmp/source", inject=["openat:error=EMFILE:when=1"], paths=[CONF])
-
-    assert result == DONE
-    assert roots(mailbox) == ["/srv/mail"]
+        assert_logged_root(mailbox.run(*DEL_RESP, rlimits={resource.RLIMIT_AS: 64 << 20}), MAIL_TREE)
 
 
 def test_the_file_is_read_once(mailbox, needs_tracing):
-    mailbox.conf("QUARN_MAILNAMES_D /srv/mail\n")
-
-    _, calls = mailbox.trace("--del-resp", "--mailname", "user@example.org", calls="openat", paths=[CONF])
+    _, calls = mailbox.trace(*DEL_RESP, calls="openat", paths=[CONF])
 
     assert len(calls) == 1
 
 
 @pytest.mark.parametrize("command", ["--del-resp", "--del-attach"])
-def test_files_are_removed_under_that_root_as_well(mailbox, command):
-    for root in ("/srv/mail", "/var/qmail/mailnames"):
-        make_directories(mailbox, root + "/example.org/user/@attachments")
-        put_file(mailbox, root + "/example.org/user/@attachments/report.pdf", b"content")
+def test_files_are_removed_below_the_root(mailbox, command):
+    for root in ("/srv/mail", MAIL_TREE):
+        make_directories(mailbox, root + BELOW)
+        put_file(mailbox, f"{root}{BELOW}/report.pdf", b"content")
     add_attachment_rows(mailbox, "user@example.org", "report.pdf")
-    mailbox.conf("QUARN_MAILNAMES_D /srv/mail\n")
 
-    assert mailbox.run(command, "--mailname", "user@example.org", "--filename", "report.pdf") == DONE
+    assert mailbox.run(command, *MAILNAME, "--filename", "report.pdf") == DONE
 
-    assert roots(mailbox) == [DEFAULT]
+    assert roots(mailbox) == [MAIL_TREE]
     assert attachment_rows(mailbox) == []
 
 
-def test_messages_tell_the_root(mailbox):
+def test_messages_contain_the_root_with_its_white_space(mailbox):
     mailbox.conf("QUARN_MAILNAMES_D /srv/mail  \n")
 
-    result = mailbox.run("--del-resp", "--mailname", "user@example.org")
-
-    assert result.status == 0
-    assert error_texts(result) == ["Unable to remove autoresponder attachments: cannot open directory "
-                                   "/srv/mail  /example.org/user/@attachments: No such file or directory"]
+    assert_logged_root(mailbox.run(*DEL_RESP), "/srv/mail  ")
