@@ -1,4 +1,4 @@
-"""The other side of the database: an independent process, tests/outside/mail_side.py, which answers mail."""
+"""The other side of the database: an independent process, tests/outside/mail_side.py, which replies to mail."""
 
 import contextlib
 import json
@@ -6,18 +6,24 @@ import subprocess
 import sys
 
 import pytest
-from harness import Result
+from harness import DONE
 from harness.private_root import REPOSITORY
 from harness.sandbox import DATABASE
 from harness.waiting import until_it_retries
 
 INFO, SALES, SENDER, NOW = "info@example.org", "sales@example.org", "a@example.net", 1700000000
-SUCCESS = Result(0, b"", b"", [])
 PLAIN_HEADERS = [["Subject", "Re: <request_subject>"], ["Reply-To", ""], ["Content-Type", "text/plain; charset=UTF-8"]]
+COMMANDS = {
+    "set-resp": ("--set-resp", "--mailname", INFO, "--real-owner", INFO, "--subj", "New"),
+    "del-resp": ("--del-resp", "--mailname", INFO),
+    "add-attach": ("--add-attach", "--mailname", INFO, "--filename", "new.txt", "--source", "/tmp/price list"),
+    "del-attach": ("--del-attach", "--mailname", INFO, "--filename", "prices.txt"),
+    "set-extra-headers": ("--set-extra-headers",),
+}
 
 
 class MailSide:
-    """The process, and what it is asked."""
+    """The process, and the requests to it."""
 
     def __init__(self, sandbox):
         program = REPOSITORY / "tests" / "outside" / "mail_side.py"
@@ -27,21 +33,26 @@ class MailSide:
         assert self.ask("sql", "SELECT 1") == [[1]]  # connected: from here on a test may replace the file
 
     def begin(self, *request):
-        """Sends a request without waiting for the reply."""
+        """Sends a request without waiting for its result."""
         print(json.dumps(request), file=self._process.stdin, flush=True)
 
-    def reply(self):
+    def result(self):
         return json.loads(self._process.stdout.readline())
 
     def ask(self, *request):
         self.begin(*request)
-        return self.reply()
+        return self.result()
 
-    def answer(self, mailbox, sender=SENDER):
+    def reply(self, mailbox=INFO, sender=SENDER):
         return self.ask("answer", mailbox, sender, NOW)
 
     def counters(self):
         return self.ask("sql", "SELECT * FROM resp_freq ORDER BY mn, email")
+
+    def state(self):
+        """The rows that commands change."""
+        tables = ("autoresponder", "attachments", "extra_headers")
+        return [self.ask("sql", f"SELECT * FROM {table}") for table in tables]
 
     def leave(self):
         self._process.stdin.close()
@@ -66,157 +77,134 @@ def mail_side(box):
     side.leave()
 
 
-def set_resp(box, mailbox, *options, body=b"", owner=None):
+@pytest.fixture
+def busy_box(box):
+    """A database in which every command has something to change."""
+    set_resp(box)
+    attach(box)
+    set_headers(box, b'{"X-Old": "old"}')
+    return box
+
+
+def set_resp(box, mailbox=INFO, *options, body=b"", owner=None):
     result = box.run("--set-resp", "--mailname", mailbox, "--real-owner", owner or mailbox, *options, stdin=body)
-    assert result == SUCCESS
+    assert result == DONE
 
 
-def attach(box, mailbox, name):
-    assert box.run("--add-attach", "--mailname", mailbox, "--filename", name, "--source", "/tmp/price list") == SUCCESS
+def attach(box, mailbox=INFO, name="prices.txt"):
+    assert box.run("--add-attach", "--mailname", mailbox, "--filename", name, "--source", "/tmp/price list") == DONE
 
 
-def del_resp(box, mailbox):
-    """It says so when there is no directory of attachments to clear; that is no failure."""
-    assert box.run("--del-resp", "--mailname", mailbox).status == 0
+def del_resp(box):
+    """Deletes the autoresponder of INFO. A missing attachment directory is logged and is no failure."""
+    assert box.run(*COMMANDS["del-resp"]).status == 0
 
 
-def set_headers(box, document):
-    return box.run("--set-extra-headers", stdin=document)
+def set_headers(box, document, status=0):
+    assert box.run("--set-extra-headers", stdin=document).status == status
 
 
-# -- what every command leaves
+# -- replies
 
 
-def test_an_empty_database_answers_nobody(mail_side):
-    assert mail_side.answer(INFO) is None
+def test_mailbox_without_autoresponder_gets_no_reply(mail_side):
+    assert mail_side.reply() is None
     assert mail_side.counters() == []
 
 
-def test_an_answer_has_everything_that_was_set(box, mail_side):
-    set_resp(box, INFO, "--subj", "Away — until Monday", "--key-str", "price", "--key-where", "body", "--reply-to",
-             "Desk <desk@example.org>", "--forward-to", "deputy@example.org", "--content-type", "html", "--charset",
-             "KOI8-R", "--ans-freq", "3", body="<p>Back on Monday.\r\nП'\"</p>\n".encode())
+@pytest.mark.parametrize("mailbox, options, expected", [
+    ("Info@Example.ORG", [], {"key": ["", "no"], "headers": PLAIN_HEADERS, "forward_to": ""}),
+    (INFO, ["--subj", "Away — until Monday", "--key-str", "price", "--key-where", "body", "--reply-to",
+            "Desk <desk@example.org>", "--forward-to", "deputy@example.org", "--content-type", "html", "--charset",
+            "KOI8-R", "--ans-freq", "3"],
+     {"key": ["price", "body"], "forward_to": "deputy@example.org",
+      "headers": [["Subject", "Away — until Monday"], ["Reply-To", "Desk <desk@example.org>"],
+                  ["Content-Type", "text/html; charset=KOI8-R"]]}),
+], ids=["defaults", "all options"])
+def test_reply_has_the_options_and_the_body(box, mail_side, mailbox, options, expected):
+    body = "<p>Back on Monday.\r\nП'\"</p>\n"
+    set_resp(box, mailbox, *options, body=body.encode())
 
-    assert mail_side.answer(INFO) == {
-        "key": ["price", "body"],
-        "to": SENDER,
-        "headers": [["Subject", "Away — until Monday"], ["Reply-To", "Desk <desk@example.org>"],
-                    ["Content-Type", "text/html; charset=KOI8-R"]],
-        "body": "<p>Back on Monday.\r\nП'\"</p>\n",
-        "forward_to": "deputy@example.org",
-        "attachments": {},
-    }
-
-
-def test_an_answer_has_the_defaults_of_what_was_not_set(box, mail_side):
-    set_resp(box, INFO, body=b"Away.")
-
-    assert mail_side.answer(INFO) == {"key": ["", "no"], "to": SENDER, "headers": PLAIN_HEADERS, "body": "Away.",
-                                      "forward_to": "", "attachments": {}}
+    assert mail_side.reply() == {"to": SENDER, "body": body, "attachments": {}, **expected}
 
 
-def test_attachments_can_be_read_by_the_mail_systems_user(box, mail_side):
+def test_reply_has_the_attachments_until_they_are_deleted(box, mail_side):
     set_resp(box, INFO, owner="owner@example.com")
     set_resp(box, SALES)
-    attach(box, INFO, "prices.txt")
+    attach(box)
     attach(box, INFO, "/home/x/Prices 2.txt")
     attach(box, SALES, "other.txt")
+    assert mail_side.reply()["attachments"] == {"prices.txt": "7 apples", "Prices 2.txt": "7 apples"}
 
-    assert mail_side.answer(INFO)["attachments"] == {"prices.txt": "7 apples", "Prices 2.txt": "7 apples"}
+    assert box.run(*COMMANDS["del-attach"]) == DONE
 
-
-def test_a_deleted_attachment_is_not_sent_any_more(box, mail_side):
-    set_resp(box, INFO)
-    attach(box, INFO, "prices.txt")
-    attach(box, INFO, "list.txt")
-
-    assert box.run("--del-attach", "--mailname", INFO, "--filename", "prices.txt") == SUCCESS
-
-    assert mail_side.answer(INFO)["attachments"] == {"list.txt": "7 apples"}
+    assert mail_side.reply()["attachments"] == {"Prices 2.txt": "7 apples"}
 
 
-def test_every_answer_carries_the_extra_headers_in_their_order(box, mail_side):
+def test_every_reply_has_the_extra_headers_in_their_order(box, mail_side):
     set_resp(box, INFO)
     set_resp(box, SALES)
-    assert set_headers(box, b'{"X-Loop": "yes", "Precedence": "bulk", "X-Loop": "no"}') == SUCCESS
+    set_headers(box, b'{"X-Loop": "yes", "Precedence": "bulk", "X-Loop": "no"}')
     expected = [*PLAIN_HEADERS, ["X-Loop", "yes"], ["Precedence", "bulk"], ["X-Loop", "no"]]
 
-    assert mail_side.answer(INFO)["headers"] == expected
-    assert mail_side.answer(SALES)["headers"] == expected
+    assert mail_side.reply(INFO)["headers"] == expected
+    assert mail_side.reply(SALES)["headers"] == expected
 
 
-def test_after_headers_that_could_not_be_parsed_answers_carry_none(box, mail_side):
-    set_resp(box, INFO)
-    assert set_headers(box, b'{"X-Loop": "yes"}') == SUCCESS
+@pytest.mark.parametrize("document, left", [(b'{"X-Loop": "yes"', []), (None, [["X-Old", "old"]])],
+                         ids=["invalid", "unreadable"])
+def test_invalid_document_empties_the_extra_headers_and_an_unreadable_one_does_not(busy_box, mail_side, document, left):
+    set_headers(busy_box, document, status=1)
 
-    assert set_headers(box, b'{"X-Loop": "yes"').status == 1
-
-    assert mail_side.answer(INFO)["headers"] == PLAIN_HEADERS
-
-
-def test_headers_that_could_not_be_read_leave_the_answers_as_they_were(box, mail_side):
-    set_resp(box, INFO)
-    assert set_headers(box, b'{"X-Loop": "yes"}') == SUCCESS
-
-    assert set_headers(box, None).status == 1
-
-    assert mail_side.answer(INFO)["headers"] == [*PLAIN_HEADERS, ["X-Loop", "yes"]]
+    assert mail_side.reply()["headers"] == [*PLAIN_HEADERS, *left]
 
 
-def test_changes_show_over_the_connection_that_is_open(box, mail_side):
-    set_resp(box, INFO, body=b"first")
-    assert mail_side.answer(INFO)["body"] == "first"
+def test_open_connection_sees_every_change(box, mail_side):
+    for body in ("first", "second"):
+        set_resp(box, body=body.encode())
+        assert mail_side.reply()["body"] == body
 
-    set_resp(box, INFO, body=b"second")
-    assert mail_side.answer(INFO)["body"] == "second"
-
-    del_resp(box, INFO)
-    assert mail_side.answer(INFO) is None
-
-
-def test_an_upper_cased_address_is_the_same_mailbox(box, mail_side):
-    set_resp(box, "Info@Example.ORG", body=b"Away.")
-
-    assert mail_side.answer(INFO)["body"] == "Away."
+    del_resp(box)
+    assert mail_side.reply() is None
 
 
 # -- counters
 
 
-def test_counters_outlive_every_change_of_the_autoresponder(box, mail_side):
+def test_changes_of_the_autoresponder_keep_the_counters(box, mail_side):
     set_resp(box, INFO, "--ans-freq", "5")
     assert mail_side.ask("answers", INFO, SENDER, NOW, 3) == 3
 
     set_resp(box, INFO, "--ans-freq", "4", body=b"new")
-    attach(box, INFO, "prices.txt")
-    assert box.run("--del-attach", "--mailname", INFO, "--filename", "prices.txt") == SUCCESS
-    assert set_headers(box, b'{"X-Loop": "yes"}') == SUCCESS
+    attach(box)
+    assert box.run(*COMMANDS["del-attach"]) == DONE
+    set_headers(box, b'{"X-Loop": "yes"}')
 
     assert mail_side.counters() == [[INFO, SENDER, 3, NOW]]
-    assert mail_side.answer(INFO)["body"] == "new"
-    assert mail_side.answer(INFO) is None  # four answers are enough
+    assert mail_side.reply()["body"] == "new"
+    assert mail_side.reply() is None  # four replies are the limit
     assert mail_side.counters() == [[INFO, SENDER, 4, NOW]]
 
 
-def test_deleting_an_autoresponder_takes_its_counters_and_nobody_elses(box, mail_side):
+def test_deleting_an_autoresponder_deletes_its_counters_only(box, mail_side):
     for mailbox in (INFO, SALES):
         set_resp(box, mailbox)
-        attach(box, mailbox, "prices.txt")
-        mail_side.answer(mailbox)
-        mail_side.answer(mailbox, "b@example.net")
+        attach(box, mailbox)
+        mail_side.reply(mailbox)
+        mail_side.reply(mailbox, "b@example.net")
 
-    del_resp(box, INFO)
+    del_resp(box)
 
     assert mail_side.counters() == [[SALES, SENDER, 1, NOW], [SALES, "b@example.net", 1, NOW]]
     assert mail_side.ask("sql", "SELECT * FROM attachments") == [[SALES, "prices.txt"]]
-    assert mail_side.answer(SALES)["attachments"] == {"prices.txt": "7 apples"}
+    assert mail_side.reply(SALES)["attachments"] == {"prices.txt": "7 apples"}
 
 
-def test_counting_starts_again_after_an_autoresponder_was_deleted(box, mail_side):
+def test_counting_restarts_after_an_autoresponder_was_deleted(box, mail_side):
     set_resp(box, INFO, "--ans-freq", "2")
     assert mail_side.ask("answers", INFO, SENDER, NOW, 5) == 2
 
-    del_resp(box, INFO)
+    del_resp(box)
     set_resp(box, INFO, "--ans-freq", "1")
 
     assert mail_side.ask("answers", INFO, SENDER, NOW, 5) == 1
@@ -225,118 +213,82 @@ def test_counting_starts_again_after_an_autoresponder_was_deleted(box, mail_side
 # -- a new database
 
 
-def test_a_new_database_is_found_by_a_new_connection_only(box, mail_side):
-    set_resp(box, INFO, body=b"Away.")
-    assert set_headers(box, b'{"X-Loop": "yes"}') == SUCCESS
-    mail_side.answer(INFO)
+def test_new_database_is_empty_writable_and_needs_a_new_connection(box, mail_side):
+    set_resp(box, body=b"Away.")
+    set_headers(box, b'{"X-Loop": "yes"}')
+    mail_side.reply()
 
     box.init_db()
 
-    assert mail_side.ask("sql", "SELECT body FROM autoresponder") == [["Away."]]  # in the file that was removed
+    assert mail_side.ask("sql", "SELECT body FROM autoresponder") == [["Away."]]  # in the deleted file
     mail_side.ask("reconnect")
-    assert mail_side.answer(INFO) is None
+    assert mail_side.reply() is None
     assert mail_side.ask("sql", "SELECT * FROM extra_headers") == []
     assert mail_side.counters() == []
-
-
-def test_a_new_database_can_be_written_by_the_mail_systems_user(box, mail_side):
-    box.init_db()
-    set_resp(box, INFO)
-    mail_side.ask("reconnect")
-
-    assert mail_side.answer(INFO)["to"] == SENDER
-
+    set_resp(box)
+    assert mail_side.reply()["to"] == SENDER
     assert mail_side.counters() == [[INFO, SENDER, 1, NOW]]
 
 
 # -- both at the same time
 
-COMMANDS = {
-    "set-resp": ("--set-resp", "--mailname", INFO, "--real-owner", INFO, "--subj", "New"),
-    "del-resp": ("--del-resp", "--mailname", INFO),
-    "add-attach": ("--add-attach", "--mailname", INFO, "--filename", "new.txt", "--source", "/tmp/price list"),
-    "del-attach": ("--del-attach", "--mailname", INFO, "--filename", "prices.txt"),
-    "set-extra-headers": ("--set-extra-headers",),
-}
 
-
-@pytest.fixture
-def busy_box(box):
-    """A database in which every command has something to change."""
-    set_resp(box, INFO)
-    attach(box, INFO, "prices.txt")
-    assert set_headers(box, b'{"X-Old": "old"}') == SUCCESS
-    return box
-
-
-def state(mail_side):
-    return {table: mail_side.ask("sql", f"SELECT * FROM {table}") for table in ("autoresponder", "attachments",
-                                                                               "extra_headers")}
-
-
+@pytest.mark.parametrize("transaction, counters", [
+    (["BEGIN IMMEDIATE", f"INSERT INTO resp_freq VALUES ('{INFO}', '{SENDER}', 1, {NOW})"], [[INFO, SENDER, 1, NOW]]),
+    (["BEGIN"], [])], ids=["writes", "reads"])
 @pytest.mark.parametrize("command", COMMANDS)
-def test_a_command_waits_while_the_mail_side_writes(busy_box, mail_side, command):
-    before = state(mail_side)
-    mail_side.ask("sql", "BEGIN IMMEDIATE")
-    mail_side.ask("sql", f"INSERT INTO resp_freq VALUES ('{INFO}', '{SENDER}', 1, {NOW})")
+def test_command_waits_while_the_mail_side_uses_the_database(busy_box, mail_side, command, transaction, counters):
+    for statement in transaction:
+        mail_side.ask("sql", statement)
+    before = mail_side.state()
     running = busy_box.start(*COMMANDS[command], stdin=b'{"X-New": "new"}')
     until_it_retries(running)
-    assert state(mail_side) == before
+    assert mail_side.state() == before
     mail_side.ask("sql", "COMMIT")
 
-    assert running.wait() == SUCCESS
-    assert state(mail_side) != before
-    assert mail_side.counters() == ([] if command == "del-resp" else [[INFO, SENDER, 1, NOW]])
+    assert running.wait() == DONE
+    assert mail_side.state() != before
+    assert mail_side.counters() == ([] if command == "del-resp" else counters)
 
 
-@pytest.mark.parametrize("command", COMMANDS)
-def test_a_command_waits_while_the_mail_side_reads(busy_box, mail_side, command):
-    mail_side.ask("sql", "BEGIN")
-    before = state(mail_side)
-    running = busy_box.start(*COMMANDS[command], stdin=b'{"X-New": "new"}')
-    until_it_retries(running)
-    assert state(mail_side) == before
-    mail_side.ask("sql", "COMMIT")
-
-    assert running.wait() == SUCCESS
-    assert state(mail_side) != before
-
-
-def test_the_mail_side_waits_for_a_command_that_is_about_to_commit(busy_box, mail_side):
-    with contextlib.closing(busy_box.db()) as reader:
+@contextlib.contextmanager
+def about_to_commit(box):
+    """A run of --set-resp that holds its lock until the block ends: a reader delays its commit."""
+    with contextlib.closing(box.db()) as reader:
         reader.execute("BEGIN")
         reader.execute("SELECT * FROM autoresponder").fetchall()
-        running = busy_box.start(*COMMANDS["set-resp"])
-        until_it_retries(running)  # it holds its lock until the reader has finished
-        mail_side.begin("answer", INFO, SENDER, NOW)
+        running = box.start(*COMMANDS["set-resp"])
+        until_it_retries(running)
+        yield running
         reader.execute("COMMIT")
 
-    assert running.wait() == SUCCESS
-    assert mail_side.reply()["headers"][0] == ["Subject", "New"]
+
+def test_mail_side_waits_for_a_command_that_is_about_to_commit(busy_box, mail_side):
+    with about_to_commit(busy_box) as running:
+        mail_side.begin("answer", INFO, SENDER, NOW)
+
+    assert running.wait() == DONE
+    assert mail_side.result()["headers"][0] == ["Subject", "New"]
     assert mail_side.counters() == [[INFO, SENDER, 1, NOW]]
 
 
-def test_no_answer_goes_uncounted_while_commands_run(busy_box, mail_side):
+def test_every_reply_is_counted_while_commands_run(busy_box, mail_side):
     set_resp(busy_box, INFO, "--ans-freq", "1000")
     mail_side.begin("answers", INFO, SENDER, NOW, 100)
     for number in range(8):
         set_resp(busy_box, INFO, "--ans-freq", "1000", "--subj", str(number))
-        assert set_headers(busy_box, b'{"X-Number": %d}' % number) == SUCCESS
+        set_headers(busy_box, b'{"X-Number": %d}' % number)
 
-    assert mail_side.reply() == 100
+    assert mail_side.result() == 100
     assert mail_side.counters() == [[INFO, SENDER, 100, NOW]]
-    assert mail_side.answer(INFO)["headers"] == [["Subject", "7"], *PLAIN_HEADERS[1:], ["X-Number", "7"]]
+    assert mail_side.reply()["headers"] == [["Subject", "7"], *PLAIN_HEADERS[1:], ["X-Number", "7"]]
 
 
-def test_the_mail_side_goes_on_after_a_command_was_killed_in_its_commit(busy_box, mail_side):
-    with contextlib.closing(busy_box.db()) as reader:
-        reader.execute("BEGIN")
-        reader.execute("SELECT * FROM autoresponder").fetchall()
-        running = busy_box.start(*COMMANDS["set-resp"])
-        until_it_retries(running)
+def test_mail_side_continues_after_a_command_was_killed_during_its_commit(busy_box, mail_side):
+    with about_to_commit(busy_box) as running:
         assert busy_box.path(DATABASE + "-journal").exists()
         running.kill()
 
-    assert mail_side.answer(INFO)["headers"] == [*PLAIN_HEADERS, ["X-Old", "old"]]
+    assert mail_side.reply()["headers"] == [*PLAIN_HEADERS, ["X-Old", "old"]]
     assert mail_side.counters() == [[INFO, SENDER, 1, NOW]]
     assert mail_side.ask("sql", "PRAGMA integrity_check") == [["ok"]]
