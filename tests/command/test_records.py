@@ -1,7 +1,7 @@
-"""The store library as other programs of the panel have it: installed, found, linked, and called by tests/outside.
+"""The store library as other programs use it: installed, found, linked, and called by tests/outside.
 
-Every operation comes in three ways: with a connection of its own ("none"), as the same function with the caller's
-connection ("borrowed"), and as the worker below it, which always takes the caller's ("worker").
+The tests run every operation in three ways: with a connection of its own ("none"), with the caller's connection
+("borrowed"), and as the worker function below it, which always uses the caller's connection ("worker").
 """
 
 import contextlib
@@ -9,49 +9,38 @@ import os
 import resource
 import signal
 import subprocess
-import syslog
+from collections import namedtuple
 from pathlib import Path
 
 import pytest
 from harness import sqlite_shim, tracing
+from harness.mailboxes import error_texts, run_sql
 from harness.private_root import REPOSITORY
 from harness.sandbox import DATABASE, program_under_test
 from harness.waiting import until_it_retries
 
 WAYS = ["none", "borrowed", "worker"]
-WORKERS = {
-    "store_autoresponder_record": "replace_autoresponder_record",
-    "store_attachment_records": "replace_attachment_records",
-    "remove_autoresponder_record": "delete_autoresponder_record",
-    "remove_attachment_records": "delete_attachment_records",
-    "store_extra_headers": "replace_extra_headers",
-}
-OPERATIONS = {
-    "store_autoresponder_record": ("Info", "Example.ORG"),
-    "store_attachment_records": ("Info", "Example.ORG", "new.txt"),
-    "remove_autoresponder_record": ("Info", "Example.ORG"),
-    "remove_attachment_records": ("Info", "Example.ORG"),
-    "store_extra_headers": ("X-New", "new"),
-}
-STATEMENTS = {
-    "store_autoresponder_record":
-        "REPLACE INTO autoresponder (keystr, key_where, subject, reply_to, forward_to, content_type, charset, body, "
-        "ans_freq, ans_limit, real_owner, mn) VALUES (?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?  );",
-    "store_attachment_records": "REPLACE INTO attachments VALUES (?, ?  );",
-    "remove_autoresponder_record": "DELETE FROM autoresponder WHERE mn = ?;",
-    "remove_attachment_records": "DELETE FROM attachments WHERE mn = ?;",
-    "store_extra_headers": "REPLACE INTO extra_headers VALUES (?, ?  );",
-}
-TABLES = {
-    "store_autoresponder_record": "autoresponder",
-    "store_attachment_records": "attachments",
-    "remove_autoresponder_record": "autoresponder",
-    "remove_attachment_records": "attachments",
-    "store_extra_headers": "extra_headers",
-}
 MAILBOX = ("info", "example.org")
-CLOSED = ("sql", 21)  # what a statement answers on a connection that is closed: SQLITE_MISUSE
-TOO_LONG = "#1001"  # a text of 1,001 bytes, where 1,000 are taken
+CLOSED = 21  # SQLITE_MISUSE, the result of a statement on a closed connection
+BUSY = 1  # SQLITE_ERROR, the result of BEGIN inside a transaction and of ROLLBACK outside
+TOO_LONG = "#1001"  # a text of 1,001 bytes, with a limit of 1,000
+TEXT_FIELDS = ("keystr", "key_where", "subject", "reply_to", "forward_to", "content_type", "charset", "body")
+
+Operation = namedtuple("Operation", "worker args table statement")
+OPERATIONS = {
+    "store_autoresponder_record": Operation(
+        "replace_autoresponder_record", MAILBOX, "autoresponder",
+        "REPLACE INTO autoresponder (keystr, key_where, subject, reply_to, forward_to, content_type, charset, body, "
+        "ans_freq, ans_limit, real_owner, mn) VALUES (?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?  );"),
+    "store_attachment_records": Operation("replace_attachment_records", (*MAILBOX, "new.txt"), "attachments",
+                                          "REPLACE INTO attachments VALUES (?, ?  );"),
+    "remove_autoresponder_record": Operation("delete_autoresponder_record", MAILBOX, "autoresponder",
+                                             "DELETE FROM autoresponder WHERE mn = ?;"),
+    "remove_attachment_records": Operation("delete_attachment_records", MAILBOX, "attachments",
+                                           "DELETE FROM attachments WHERE mn = ?;"),
+    "store_extra_headers": Operation("replace_extra_headers", ("X-New", "new"), "extra_headers",
+                                     "REPLACE INTO extra_headers VALUES (?, ?  );"),
+}
 
 each_way = pytest.mark.parametrize("way", WAYS)
 each_operation = pytest.mark.parametrize("name", OPERATIONS)
@@ -70,7 +59,7 @@ def command(*words, **options):
 
 @pytest.fixture(scope="session")
 def installed(sandbox_directory):
-    """Where the build under test was installed."""
+    """The prefix below which the build under test was installed."""
     prefix = sandbox_directory / "installed"
     command("cmake", "--install", program_under_test().parents[1], "--prefix", prefix)
     return prefix
@@ -78,14 +67,14 @@ def installed(sandbox_directory):
 
 @pytest.fixture(scope="session")
 def compiler_flags():
-    """What a program needs to link libraries that were built like those under test."""
+    """The flags that a program needs to link libraries that were built like those under test."""
     flags = {"ARSP_SANITIZE": "-fsanitize=address,undefined", "ARSP_COVERAGE": "--coverage"}
     return [flag for option, flag in flags.items() if in_build_cache(option) == "ON"]
 
 
 @pytest.fixture(scope="session")
 def outside(sandbox_directory, installed, compiler_flags):
-    """The outside program, built against what was installed."""
+    """The outside program, built against the installed files."""
     build = sandbox_directory / "outside"
     command("cmake", "-S", REPOSITORY / "tests" / "outside", "-B", build, "-G", "Ninja",
             f"-DCMAKE_PREFIX_PATH={installed}", f"-DCMAKE_CXX_COMPILER={in_build_cache('CMAKE_CXX_COMPILER')}",
@@ -94,103 +83,89 @@ def outside(sandbox_directory, installed, compiler_flags):
     return build / "outside"
 
 
+def operation_steps(way, name, *args):
+    """The steps that do the operation in one of the three ways."""
+    if way == "none":
+        return [(name, "none", *args)]
+    return [("open",), (name, "borrowed", *args) if way == "borrowed" else (OPERATIONS[name].worker, *args)]
+
+
 class Panel:
     """Another program of the panel at work in the private root."""
 
     def __init__(self, sandbox, program):
         self._sandbox = sandbox
         self._program = str(program)
-        sandbox.execute(self._program)  # has it put into the root
+        sandbox.execute(self._program)  # copies it into the root
 
     def start(self, *steps, before=(), **options):
         words = [*before, self._program, *(word for step in steps for word in (",", *step))]
         return self._sandbox.start_command(words[0], words, **options)
 
-    def finish(self, running):
-        """The steps with their results, and the texts that were logged."""
+    def finish(self, running, *steps):
+        """The results of the steps, and the logged texts."""
         result = running.wait()
         assert (result.status, result.stderr) == (0, b"")
-        assert {record.priority for record in result.records} <= {syslog.LOG_MAIL | syslog.LOG_ERR}
-        results = [tuple(line.split()) for line in result.stdout.decode().splitlines()]
-        return [(name, int(code)) for name, code in results], [record.text for record in result.records]
+        names, results = zip(*(line.split() for line in result.stdout.decode().splitlines()))
+        assert list(names) == [step[0] for step in steps]
+        return [int(code) for code in results], error_texts(result)
 
     def call(self, *steps, **options):
-        return self.finish(self.start(*steps, **options))
+        return self.finish(self.start(*steps, **options), *steps)
+
+    def operate(self, way, name, *args, sql=(), **options):
+        """The result of the operation, those of the statements that the caller runs next, and the logged texts."""
+        results, texts = self.call(*operation_steps(way, name, *args), *(("sql", text) for text in sql), **options)
+        if way != "none":
+            assert results.pop(0) == 0  # open
+        return results[0], results[1:], texts
 
 
 @pytest.fixture
 def panel(sandbox, outside):
-    """The outside program beside an empty database."""
+    """The outside program beside a database with two mailboxes with attachments, and one header."""
     sandbox.init_db()
-    return Panel(sandbox, outside)
-
-
-def steps(way, name, *args):
-    """The steps that do the operation in one of the three ways."""
-    if way == "none":
-        return [(name, "none", *args)]
-    if way == "borrowed":
-        return [("open",), (name, "borrowed", *args)]
-    return [("open",), (WORKERS[name], *args)]
-
-
-def result_of(way, name, code):
-    """What these steps print when the operation ends with `code`."""
-    if way == "none":
-        return [(name, code)]
-    return [("open", 0), (name if way == "borrowed" else WORKERS[name], code)]
-
-
-def fill(sandbox):
-    """Two mailboxes with an attachment each, and one header."""
-    change(sandbox, """
+    run_sql(sandbox, """
         BEGIN;
         INSERT INTO autoresponder (mn, subject, real_owner) VALUES ('info@example.org', 'Old', 'o@example.org'),
                                                                    ('sales@example.org', 'Old', 'o@example.org');
-        INSERT INTO attachments VALUES ('info@example.org', 'old.txt'), ('sales@example.org', 'old.txt');
+        INSERT INTO attachments VALUES ('info@example.org', 'old.txt'), ('info@example.org', 'second.txt'),
+                                       ('sales@example.org', 'old.txt');
         INSERT INTO resp_freq VALUES ('info@example.org', 'a@example.net', 3, 1700000000),
                                      ('sales@example.org', 'a@example.net', 2, 1700000000);
         INSERT INTO extra_headers VALUES ('X-Old', 'old');
         COMMIT;""")
+    return Panel(sandbox, outside)
+
+
+@pytest.fixture
+def unchanged(sandbox, panel):
+    """The private root of the panel, for a test that leaves all rows unchanged."""
+    before = everything(sandbox)
+    yield sandbox
+    assert everything(sandbox) == before
 
 
 def everything(sandbox):
-    """All rows of all tables."""
-    return {table: sandbox.rows(f"SELECT * FROM {table}")
+    """All rows of all tables, the oldest first."""
+    return {table: sandbox.rows(f"SELECT * FROM {table} ORDER BY rowid")
             for table in ("autoresponder", "attachments", "resp_freq", "extra_headers")}
-
-
-def change(sandbox, sql):
-    with contextlib.closing(sandbox.db()) as db:
-        db.execute("PRAGMA synchronous = OFF")
-        db.executescript(sql)
 
 
 def refuse(sandbox, event, table, how="ABORT", when="1"):
     """Lets SQLite refuse each row for which `when` holds."""
-    change(sandbox, f"CREATE TRIGGER refuse BEFORE {event} ON {table} WHEN {when} "
-                    f"BEGIN SELECT RAISE({how}, 'refused'); END;")
+    run_sql(sandbox, f"CREATE TRIGGER refuse BEFORE {event} ON {table} WHEN {when} "
+                     f"BEGIN SELECT RAISE({how}, 'refused'); END;")
 
 
 # -- the package
 
 
-def test_the_installed_tool_is_the_built_one(installed):
+def test_installed_tool_is_the_built_one(installed):
     assert Path(installed, "sbin", "arspctl").read_bytes() == program_under_test().read_bytes()
 
 
-def test_every_header_is_installed(installed, tmp_path):
-    headers = sorted(str(file.relative_to(REPOSITORY)) for folder in ("store", "support")
-                     for file in Path(REPOSITORY, folder).glob("*.h"))
-    top = installed / "include" / "arsp"
-    assert sorted(str(file.relative_to(top)) for file in top.rglob("*") if file.is_file()) == headers
-
-    source = tmp_path / "all.cpp"
-    source.write_text("".join(f'#include "{header}"\n' for header in headers))
-    command("g++", "-std=c++20", "-Wall", "-Wextra", "-Werror", "-fsyntax-only", f"-I{top}", source)
-
-
-def test_the_package_is_found_by_pkg_config_wherever_the_tree_was_moved(installed, compiler_flags, tmp_path):
+def test_pkg_config_finds_a_package_that_was_moved(installed, compiler_flags, tmp_path):
     moved = tmp_path / "moved"
     moved.symlink_to(installed)
     (folder,) = moved.glob("lib/**/pkgconfig")
@@ -203,568 +178,352 @@ def test_the_package_is_found_by_pkg_config_wherever_the_tree_was_moved(installe
     assert command(tmp_path / "outside") == ""
 
 
-def test_the_package_depends_on_nothing_but_sqlite(installed):
+def test_package_depends_on_sqlite_only(installed):
     (folder,) = installed.glob("lib/**/cmake/arsp")
     package = "".join(file.read_text() for file in folder.iterdir())
 
     assert "find_dependency(SQLite3)" in package
-    assert "Boost" not in package
-    assert "build_options" not in package
-    assert str(REPOSITORY) not in package
+    for absent in ("Boost", "build_options", str(REPOSITORY)):
+        assert absent not in package
 
 
-# -- an autoresponder
+# -- success
+
+NEW_ROW = ("holiday", "subj", "Away", "desk@example.org", "deputy@example.org", "text/html", "KOI8-R", "Back soon.", 3,
+           400, "owner@example.org")
+INFO_ROWS = [("info@example.org", "old.txt"), ("info@example.org", "second.txt")]
+SALES_ROW = ("sales@example.org", "old.txt")
+SUCCESSES = [
+    ("store_autoresponder_record", ("New", "Example.ORG"), lambda old: [*old, ("new@example.org", *NEW_ROW)]),
+    ("store_autoresponder_record", ("Info", "Example.ORG"), lambda old: [*old[1:], ("info@example.org", *NEW_ROW)]),
+    ("store_attachment_records", ("Info", "Example.ORG", "Price List.PDF", "", "a/b", "old.txt", "a/b"),
+     lambda old: [*old[1:], *(("info@example.org", name) for name in ("Price List.PDF", "", "old.txt", "a/b"))]),
+    ("remove_autoresponder_record", ("Info", "Example.ORG"), lambda old: old[1:]),
+    ("remove_autoresponder_record", ("missing", "example.org"), lambda old: old),
+    ("remove_attachment_records", ("Info", "Example.ORG"), lambda old: [SALES_ROW]),
+    ("remove_attachment_records", ("missing", "example.org"), lambda old: old),
+    ("store_extra_headers", ("X-B", "1", "X-A", "2", "X-B", "3"),
+     lambda old: [*old, ("X-B", "1"), ("X-A", "2"), ("X-B", "3")]),
+    ("import_extra_headers_json", ('{"X-A": "1", "X-B": "2"}',), lambda old: [*old, ("X-A", "1"), ("X-B", "2")]),
+    ("delete_extra_headers", (), lambda old: []),
+]
 
 
-@each_way
-def test_a_record_becomes_a_row_with_lower_cased_names(sandbox, panel, way):
-    assert panel.call(*steps(way, "store_autoresponder_record", "Info", "Example.ORG")) == (
-        result_of(way, "store_autoresponder_record", 0), [])
-
-    assert sandbox.rows("SELECT * FROM autoresponder") == [
-        ("info@example.org", "holiday", "subj", "Away", "desk@example.org", "deputy@example.org", "text/html", "KOI8-R",
-         "Back soon.", 3, 400, "owner@example.org")]
-
-
-@each_way
-def test_a_record_replaces_the_whole_row_and_no_other(sandbox, panel, way):
-    fill(sandbox)
+@pytest.mark.parametrize("way, name, args, expected", [
+    pytest.param(way, *success, id=f"{way}-{success[0]}-{'-'.join(success[1][:1])}")
+    for success in SUCCESSES for way in WAYS if way != "worker" or success[0] in OPERATIONS])
+def test_operation_changes_only_its_rows(sandbox, panel, way, name, args, expected):
     before = everything(sandbox)
+    table = OPERATIONS[name].table if name in OPERATIONS else "extra_headers"
 
-    panel.call(*steps(way, "store_autoresponder_record", "info", "example.org", "subject=New"))
+    assert panel.operate(way, name, *args) == (0, [], [])
 
-    new_row = ("info@example.org", "holiday", "subj", "New", "desk@example.org", "deputy@example.org", "text/html",
-               "KOI8-R", "Back soon.", 3, 400, "owner@example.org")
-    assert everything(sandbox) == {**before, "autoresponder": [before["autoresponder"][1], new_row]}
-
-
-def test_empty_texts_are_texts_and_numbers_keep_their_sign(sandbox, panel):
-    empty = [field + "=" for field in ("keystr", "key_where", "subject", "reply_to", "content_type", "charset", "body",
-                                       "forward_to", "owner_local_part")]
-
-    panel.call(("store_autoresponder_record", "none", "", "", *empty, "ans_freq=-2147483648", "ans_limit=2147483647"))
-
-    assert sandbox.rows("SELECT * FROM autoresponder") == [
-        ("@", "", "", "", "", "", "", "", "", -2147483648, 2147483647, "@")]
+    assert everything(sandbox) == {**before, table: expected(before[table])}
 
 
-def test_a_long_body_is_stored_whole(sandbox, panel):
-    panel.call(("store_autoresponder_record", "none", "info", "example.org", "body=#5000000"))
+@pytest.mark.parametrize("mailbox, fields, row", [
+    (("", ""), [*(f"{field}=" for field in (*TEXT_FIELDS, "owner_local_part")), "ans_freq=-2147483648",
+                "ans_limit=2147483647"],
+     ("@", "", "", "", "", "", "", "", "", -2147483648, 2147483647, "@")),
+    (("Ä B@C", "%S"), ["owner_local_part=É'Q"], ("Ä b@c@%s", *NEW_ROW[:-1], "É'q@%s")),  # only ASCII is lower-cased
+    (("long", "example.org"), ["body=#5000000"],
+     ("long@example.org", *NEW_ROW[:7], "x" * 5000000, *NEW_ROW[8:-1], "owner@example.org")),
+], ids=["empty", "unchecked", "long"])
+def test_fields_of_a_record_are_stored_unchecked(sandbox, panel, mailbox, fields, row):
+    before = everything(sandbox)["autoresponder"]
 
-    assert sandbox.rows("SELECT body FROM autoresponder") == [("x" * 5000000,)]
+    assert panel.operate("none", "store_autoresponder_record", *mailbox, *fields) == (0, [], [])
 
-
-def test_only_ascii_letters_are_lower_cased_and_nothing_is_checked(sandbox, panel):
-    panel.call(("store_autoresponder_record", "none", "Ä B@C", "%S", "owner_local_part=É'Q"))
-
-    assert sandbox.rows("SELECT mn, real_owner FROM autoresponder") == [("Ä b@c@%s", "É'q@%s")]
-
-
-@each_way
-def test_deleting_a_record_leaves_everything_else(sandbox, panel, way):
-    fill(sandbox)
-    before = everything(sandbox)
-
-    assert panel.call(*steps(way, "remove_autoresponder_record", "Info", "Example.ORG")) == (
-        result_of(way, "remove_autoresponder_record", 0), [])
-
-    assert everything(sandbox) == {**before, "autoresponder": before["autoresponder"][1:]}
+    assert everything(sandbox)["autoresponder"] == [*before, row]
 
 
-# -- attachments
+def test_all_operations_share_one_connection_which_stays_open(sandbox, panel):
+    results, texts = panel.call(
+        ("open",),
+        *((name, "borrowed", *operation.args) for name, operation in OPERATIONS.items()),
+        *((operation.worker, *operation.args) for operation in OPERATIONS.values()),
+        ("sql", "BEGIN"), ("sql", "COMMIT"), ("close",))
+
+    assert (results, texts) == ([0] * len(results), [])
+    rows = everything(sandbox)
+    assert rows["attachments"] == [SALES_ROW]
+    assert rows["extra_headers"] == [("X-Old", "old"), ("X-New", "new"), ("X-New", "new")]
 
 
-@each_way
-def test_file_names_become_rows_and_keep_their_letters(sandbox, panel, way):
-    assert panel.call(*steps(way, "store_attachment_records", "Info", "Example.ORG", "Price List.PDF", "", "a/b")) == (
-        result_of(way, "store_attachment_records", 0), [])
-
-    assert sandbox.rows("SELECT mn, filename FROM attachments ORDER BY rowid") == [
-        ("info@example.org", "Price List.PDF"), ("info@example.org", ""), ("info@example.org", "a/b")]
-
-
-def test_file_names_are_added_to_those_that_are_there(sandbox, panel):
-    fill(sandbox)
-
-    assert panel.call(("store_attachment_records", "none", "info", "example.org", "new.txt", "old.txt", "new.txt")) == (
-        [("store_attachment_records", 0)], [])
-
-    assert sandbox.rows("SELECT mn, filename FROM attachments ORDER BY mn, filename") == [
-        ("info@example.org", "new.txt"), ("info@example.org", "old.txt"), ("sales@example.org", "old.txt")]
-
-
-@pytest.mark.parametrize("way", ["none", "borrowed"])
-@pytest.mark.parametrize("name, mailbox", [("store_attachment_records", ("info", "example.org")),
-                                           ("store_extra_headers", ())])
-def test_no_names_at_all_take_no_transaction(sandbox, panel, way, name, mailbox):
-    fill(sandbox)
-    change(sandbox, f"DROP TABLE {TABLES[name]}")
+@pytest.mark.parametrize("name, mailbox", [("store_attachment_records", MAILBOX), ("store_extra_headers", ())])
+def test_empty_list_needs_neither_lock_nor_table_nor_open_connection(sandbox, panel, name, mailbox):
+    run_sql(sandbox, f"DROP TABLE {OPERATIONS[name].table}")
 
     with contextlib.closing(sandbox.db()) as other:
         other.execute("BEGIN EXCLUSIVE")
-        assert panel.call(*steps(way, name, *mailbox)) == (result_of(way, name, 0), [])
+        assert panel.operate("none", name, *mailbox) == (0, [], [])
+        assert panel.operate("borrowed", name, *mailbox) == (0, [], [])
+        assert panel.call((OPERATIONS[name].worker, *mailbox)) == ([0], [])
 
 
-@pytest.mark.parametrize("name, mailbox", [("replace_attachment_records", ("info", "example.org")),
-                                           ("replace_extra_headers", ())])
-def test_no_names_at_all_do_not_even_need_an_open_connection(panel, name, mailbox):
-    assert panel.call((name, *mailbox)) == ([(name, 0)], [])
+@pytest.mark.parametrize("name, mailbox", [("store_attachment_records", MAILBOX), ("store_extra_headers", ())])
+def test_empty_list_runs_no_statement(sandbox, panel, name, mailbox):
+    panel.operate("none", name, *mailbox, env=sqlite_shim.environment(sandbox))
 
-
-@each_way
-def test_deleting_attachments_leaves_everything_else(sandbox, panel, way):
-    fill(sandbox)
-    change(sandbox, "INSERT INTO attachments VALUES ('info@example.org', 'second.txt')")
-    before = everything(sandbox)
-
-    assert panel.call(*steps(way, "remove_attachment_records", "Info", "Example.ORG")) == (
-        result_of(way, "remove_attachment_records", 0), [])
-
-    assert everything(sandbox) == {**before, "attachments": [("sales@example.org", "old.txt")]}
-
-
-@each_way
-@pytest.mark.parametrize("name", ["remove_autoresponder_record", "remove_attachment_records"])
-def test_deleting_what_is_not_there_succeeds(sandbox, panel, way, name):
-    fill(sandbox)
-    before = everything(sandbox)
-
-    assert panel.call(*steps(way, name, "nobody", "example.org")) == (result_of(way, name, 0), [])
-
-    assert everything(sandbox) == before
-
-
-# -- the list of extra headers
-
-
-@each_way
-def test_headers_are_added_in_order(sandbox, panel, way):
-    fill(sandbox)
-
-    assert panel.call(*steps(way, "store_extra_headers", "X-B", "1", "X-A", "2", "X-B", "3")) == (
-        result_of(way, "store_extra_headers", 0), [])
-
-    assert sandbox.rows("SELECT name, value FROM extra_headers ORDER BY rowid") == [
-        ("X-Old", "old"), ("X-B", "1"), ("X-A", "2"), ("X-B", "3")]
-
-
-@pytest.mark.parametrize("way", ["none", "borrowed"])
-def test_the_list_is_emptied_by_itself(sandbox, panel, way):
-    fill(sandbox)
-    before = everything(sandbox)
-
-    assert panel.call(*steps(way, "delete_extra_headers")) == (result_of(way, "delete_extra_headers", 0), [])
-
-    assert everything(sandbox) == {**before, "extra_headers": []}
-
-
-@pytest.mark.parametrize("way", ["none", "borrowed"])
-def test_an_import_adds_to_the_list(sandbox, panel, way):
-    fill(sandbox)
-
-    assert panel.call(*steps(way, "import_extra_headers_json", '{"X-A": "1", "X-B": "2"}')) == (
-        result_of(way, "import_extra_headers_json", 0), [])
-
-    assert sandbox.rows("SELECT name, value FROM extra_headers ORDER BY rowid") == [
-        ("X-Old", "old"), ("X-A", "1"), ("X-B", "2")]
-
-
-@pytest.mark.parametrize("way", ["none", "borrowed"])
-def test_an_import_that_can_not_be_parsed_leaves_the_list(sandbox, panel, way):
-    fill(sandbox)
-
-    results, texts = panel.call(*steps(way, "import_extra_headers_json", '{"X-A": "1", '))
-
-    assert results == result_of(way, "import_extra_headers_json", -1)
-    (text,) = texts
-    assert text.startswith("Unable to parse auto-reply headers json: ")
-    assert sandbox.rows("SELECT name, value FROM extra_headers") == [("X-Old", "old")]
-
-
-@pytest.mark.parametrize("way", ["none", "borrowed"])
-def test_a_list_that_can_not_be_emptied_answers_what_sqlite_says(sandbox, panel, way):
-    refuse(sandbox, "DELETE", "extra_headers")
-    change(sandbox, "INSERT INTO extra_headers VALUES ('X-Old', 'old')")
-
-    assert panel.call(*steps(way, "delete_extra_headers")) == (
-        result_of(way, "delete_extra_headers", 19), ["Unable to remove autoresponder extra headers: refused"])
-
-
-def test_a_list_can_not_be_emptied_over_a_closed_connection(panel):
-    assert panel.call(("delete_extra_headers", "borrowed")) == (
-        [("delete_extra_headers", 21)], ["Unable to remove autoresponder extra headers: general DB errror"])
-
-
-# -- the connection
-
-
-@each_operation
-@pytest.mark.parametrize("way", ["borrowed", "worker"])
-def test_the_callers_connection_stays_open(panel, way, name):
-    results, texts = panel.call(*steps(way, name, *OPERATIONS[name]), ("sql", "BEGIN"), ("sql", "COMMIT"), ("close",))
-
-    assert (results[2:], texts) == ([("sql", 0), ("sql", 0), ("close", 0)], [])
-
-
-def test_all_operations_share_one_connection(sandbox, panel):
-    results, texts = panel.call(
-        ("open",),
-        *((name, "borrowed", *args) for name, args in OPERATIONS.items()),
-        *((WORKERS[name], *args) for name, args in OPERATIONS.items()),
-        ("close",))
-
-    assert (set(code for _, code in results), texts) == ({0}, [])
-    assert everything(sandbox) == {"autoresponder": [], "attachments": [], "resp_freq": [],
-                                   "extra_headers": [("X-New", "new"), ("X-New", "new")]}
+    assert sqlite_shim.calls(sandbox) == [f"open {DATABASE}", "busy_timeout 50", "close = 0"]
 
 
 @each_operation
 @pytest.mark.parametrize("way", ["none", "worker"])
-def test_a_busy_database_is_waited_for(sandbox, panel, way, name):
-    fill(sandbox)
-    before = everything(sandbox)
+def test_operation_waits_for_a_busy_database(sandbox, panel, way, name):
+    table = OPERATIONS[name].table
+    before = everything(sandbox)[table]
+    steps = operation_steps(way, name, *OPERATIONS[name].args)
 
     with contextlib.closing(sandbox.db()) as other:
         other.execute("BEGIN IMMEDIATE")
-        running = panel.start(*steps(way, name, *OPERATIONS[name]))
+        running = panel.start(*steps)
         until_it_retries(running)
         other.execute("ROLLBACK")
 
-    assert panel.finish(running) == (result_of(way, name, 0), [])
-    assert everything(sandbox)[TABLES[name]] != before[TABLES[name]]
+    assert panel.finish(running, *steps) == ([0] * len(steps), [])
+    assert everything(sandbox)[table] != before
 
 
 @each_way
-def test_calls_to_sqlite_stand_in_this_order(sandbox, panel, way):
-    fill(sandbox)
-
-    panel.call(*steps(way, "store_attachment_records", *MAILBOX, "a", "b"), ("close",),
+def test_calls_to_sqlite_are_made_in_order(sandbox, panel, way):
+    panel.call(*operation_steps(way, "store_attachment_records", *MAILBOX, "a", "b"), ("close",),
                env=sqlite_shim.environment(sandbox))
 
     row = ["prepare REPLACE INTO attachments VALUES (?, ?  ); = 0", "bind_text 1 = 0", "bind_text 2 = 0", "step = 101",
            "finalize"]
     assert sqlite_shim.calls(sandbox) == [
-        "open /var/lib/quarn/mail/autoresponder/responder.db", "busy_timeout 50",
+        f"open {DATABASE}", "busy_timeout 50",
         "prepare BEGIN TRANSACTION; = 0", "step = 101", "finalize", *row, *row,
         "prepare END TRANSACTION; = 0", "step = 101", "finalize", "close = 0"]
 
 
-@pytest.mark.parametrize("name, mailbox", [("store_attachment_records", MAILBOX), ("store_extra_headers", ())])
-def test_no_names_at_all_are_no_statement(sandbox, panel, name, mailbox):
-    panel.call((name, "none", *mailbox), env=sqlite_shim.environment(sandbox))
-
-    assert sqlite_shim.calls(sandbox) == ["open /var/lib/quarn/mail/autoresponder/responder.db", "busy_timeout 50",
-                                          "close = 0"]
-
-
-# -- failures
+# -- failures of the connection
 
 
 @pytest.mark.parametrize("name", [*OPERATIONS, "delete_extra_headers"])
-def test_a_database_that_can_not_be_opened_is_told_and_fails(sandbox, panel, name):
+def test_unopenable_database_fails(sandbox, panel, name):
     sandbox.path(DATABASE).unlink()
     sandbox.path(DATABASE).mkdir()
+    args = OPERATIONS[name].args if name in OPERATIONS else ()
 
-    assert panel.call((name, "none", *OPERATIONS.get(name, ()))) == (
-        [(name, -1)],
-        ["Unable to open database /var/lib/quarn/mail/autoresponder/responder.db: unable to open database file"])
-
-
-@each_operation
-def test_without_memory_for_a_connection_there_is_a_text_of_ours(panel, name):
-    assert panel.call(("memory", "1"), (name, "none", *OPERATIONS[name])) == (
-        [("memory", 0), (name, -1)],
-        ["Unable to open database /var/lib/quarn/mail/autoresponder/responder.db: general DB errror"])
+    assert panel.operate("none", name, *args) == (
+        -1, [], [f"Unable to open database {DATABASE}: unable to open database file"])
 
 
 @each_operation
-def test_a_closed_connection_is_told_and_fails(panel, name):
-    refused = "Unable to prepare SQL statement for query 'BEGIN TRANSACTION;': general DB errror"
+def test_lack_of_memory_for_a_connection_fails(panel, name):
+    assert panel.call(("memory", "1"), (name, "none", *OPERATIONS[name].args)) == (
+        [0, -1], [f"Unable to open database {DATABASE}: general DB errror"])
 
-    assert panel.call((name, "borrowed", *OPERATIONS[name]), (WORKERS[name], *OPERATIONS[name])) == (
-        [(name, -1), (WORKERS[name], -1)], [refused, refused])
+
+@each_operation
+def test_closed_connection_fails(panel, name):
+    text = "Unable to prepare SQL statement for query 'BEGIN TRANSACTION;': general DB errror"
+    operation = OPERATIONS[name]
+
+    assert panel.call((name, "borrowed", *operation.args), (operation.worker, *operation.args)) == (
+        [-1, -1], [text, text])
 
 
 @each_operation
 @pytest.mark.parametrize("way", ["borrowed", "worker"])
-def test_inside_a_transaction_of_the_caller_both_are_lost(sandbox, panel, way, name):
-    fill(sandbox)
-    before = everything(sandbox)
-    opening, operation = steps(way, name, *OPERATIONS[name])
+def test_operation_inside_a_transaction_of_the_caller_fails_and_loses_it(unchanged, panel, way, name):
+    opening, operation = operation_steps(way, name, *OPERATIONS[name].args)
 
-    results, texts = panel.call(opening, ("sql", "BEGIN"), ("sql", "DELETE FROM resp_freq"), operation,
-                                ("sql", "COMMIT"))
+    assert panel.call(opening, ("sql", "BEGIN"), ("sql", "DELETE FROM resp_freq"), operation, ("sql", "COMMIT")) == (
+        [0, 0, 0, -1, CLOSED], ["Unable to begin sqlite transaction: cannot start a transaction within a transaction"])
 
-    assert results[1:] == [("sql", 0), ("sql", 0), (operation[0], -1), CLOSED]
-    assert texts == ["Unable to begin sqlite transaction: cannot start a transaction within a transaction"]
-    assert everything(sandbox) == before
+
+# -- failures that close the connection
 
 
 @pytest.mark.parametrize("word", ["BEGIN", "END"])
 @each_operation
 @each_way
-def test_a_transaction_statement_that_can_not_be_prepared_closes_the_connection(sandbox, panel, way, name, word):
-    fill(sandbox)
-    before = everything(sandbox)
+def test_unprepared_transaction_statement_closes_the_connection(unchanged, panel, way, name, word):
+    environment = sqlite_shim.environment(unchanged, f"prepare {word}")
 
-    results, texts = panel.call(*steps(way, name, *OPERATIONS[name]), ("sql", "SELECT 1"),
-                                env=sqlite_shim.environment(sandbox, f"prepare {word}"))
-
-    assert results == [*result_of(way, name, -1), CLOSED]
-    assert texts == [f"Unable to prepare SQL statement for query '{word} TRANSACTION;': string or blob too big"]
-    assert everything(sandbox) == before
+    assert panel.operate(way, name, *OPERATIONS[name].args, sql=["SELECT 1"], env=environment) == (
+        -1, [CLOSED], [f"Unable to prepare SQL statement for query '{word} TRANSACTION;': string or blob too big"])
 
 
 @each_operation
 @each_way
-def test_a_missing_table_closes_the_connection(sandbox, panel, way, name):
-    change(sandbox, f"DROP TABLE {TABLES[name]}")
+def test_missing_table_closes_the_connection(sandbox, panel, way, name):
+    operation = OPERATIONS[name]
+    run_sql(sandbox, f"DROP TABLE {operation.table}")
 
-    results, texts = panel.call(*steps(way, name, *OPERATIONS[name]), ("sql", "SELECT 1"))
-
-    assert results == [*result_of(way, name, -1), CLOSED]
-    assert texts == [f"Unable to prepare SQL statement for query '{STATEMENTS[name]}': no such table: {TABLES[name]}"]
-
-
-TOO_LONG_FOR = [
-    *((f"Unable to bind parameter {field}", "store_autoresponder_record", (*MAILBOX, f"{field}={TOO_LONG}"))
-      for field in ("keystr", "key_where", "subject", "reply_to", "forward_to", "content_type", "charset", "body")),
-    ("Unable to bind parameter real_owner", "store_autoresponder_record", (*MAILBOX, f"owner_local_part={TOO_LONG}")),
-    ("Unable to bind parameter mailname", "store_autoresponder_record", (TOO_LONG, "example.org")),
-    ("Unable to bind parameter mailname", "store_attachment_records", (TOO_LONG, "example.org", "new.txt")),
-    ("Unable to bind parameter filename", "store_attachment_records", (*MAILBOX, "new.txt", TOO_LONG)),
-    ("Unable to bind parameter mailname", "remove_autoresponder_record", (TOO_LONG, "example.org")),
-    ("Unable to bind parameter mailname", "remove_attachment_records", (TOO_LONG, "example.org")),
-    ("Unable to bind parameter name", "store_extra_headers", ("X-New", "new", TOO_LONG, "")),
-    ("Unable to bind parameter value", "store_extra_headers", ("X-New", "new", "X-A", TOO_LONG)),
-]
+    assert panel.operate(way, name, *operation.args, sql=["SELECT 1"]) == (
+        -1, [CLOSED],
+        [f"Unable to prepare SQL statement for query '{operation.statement}': no such table: {operation.table}"])
 
 
 @each_way
-def test_a_text_that_sqlite_does_not_take_closes_the_connection(sandbox, panel, way):
-    fill(sandbox)
-    before = everything(sandbox)
-    expected_results, expected_texts, calls = [("longest", 0)], [], [("longest", "1000")]
-    for message, name, args in TOO_LONG_FOR:
-        calls += [*steps(way, name, *args), ("sql", "SELECT 1")]
-        expected_results += [*result_of(way, name, -1), CLOSED]
-        expected_texts.append(f"{message}: string or blob too big")
+def test_too_long_text_closes_the_connection(unchanged, panel, way):
+    cases = [
+        *((field, "store_autoresponder_record", (*MAILBOX, f"{field}={TOO_LONG}")) for field in TEXT_FIELDS),
+        ("real_owner", "store_autoresponder_record", (*MAILBOX, f"owner_local_part={TOO_LONG}")),
+        ("mailname", "store_autoresponder_record", (TOO_LONG, "example.org")),
+        ("mailname", "store_attachment_records", (TOO_LONG, "example.org", "new.txt")),
+        ("filename", "store_attachment_records", (*MAILBOX, "new.txt", TOO_LONG)),
+        ("mailname", "remove_autoresponder_record", (TOO_LONG, "example.org")),
+        ("mailname", "remove_attachment_records", (TOO_LONG, "example.org")),
+        ("name", "store_extra_headers", ("X-New", "new", TOO_LONG, "")),
+        ("value", "store_extra_headers", ("X-New", "new", "X-A", TOO_LONG)),
+    ]
+    steps = [[*operation_steps(way, name, *args), ("sql", "SELECT 1")] for _, name, args in cases]
 
-    results, texts = panel.call(*calls)
+    results, texts = panel.call(("longest", "1000"), *sum(steps, []))
 
-    assert results == expected_results
-    assert texts == expected_texts
-    assert everything(sandbox) == before
+    assert results == [0] + [0, -1, CLOSED][way == "none":] * len(cases)
+    assert texts == [f"Unable to bind parameter {parameter}: string or blob too big" for parameter, _, _ in cases]
 
 
 @each_way
-@pytest.mark.parametrize("first, message", [(9, "Unable to bind parameter ans_freq: column index out of range"),
-                                            (10, "Unable to bind parameter ans_limit: column index out of range")])
-def test_a_number_that_sqlite_does_not_take_closes_the_connection(sandbox, panel, way, first, message):
-    results, texts = panel.call(*steps(way, "store_autoresponder_record", *MAILBOX), ("sql", "SELECT 1"),
-                                env=sqlite_shim.environment(sandbox, f"bind {first}"))
+@pytest.mark.parametrize("index, name", [(9, "ans_freq"), (10, "ans_limit")])
+def test_unbound_number_closes_the_connection(unchanged, panel, way, index, name):
+    environment = sqlite_shim.environment(unchanged, f"bind {index}")
 
-    assert results == [*result_of(way, "store_autoresponder_record", -1), CLOSED]
-    assert texts == [message]
-    assert sandbox.rows("SELECT * FROM autoresponder") == []
+    assert panel.operate(way, "store_autoresponder_record", *MAILBOX, sql=["SELECT 1"], env=environment) == (
+        -1, [CLOSED], [f"Unable to bind parameter {name}: column index out of range"])
 
 
-def test_a_text_of_more_than_a_billion_bytes_is_refused(sandbox, panel):
-    assert panel.call(("store_autoresponder_record", "none", "info", "example.org", "body=#1000000001")) == (
-        [("store_autoresponder_record", -1)], ["Unable to bind parameter body: string or blob too big"])
-
-    assert sandbox.rows("SELECT * FROM autoresponder") == []
+def test_text_of_more_than_a_billion_bytes_is_refused(unchanged, panel):
+    assert panel.operate("none", "store_autoresponder_record", *MAILBOX, "body=#1000000001") == (
+        -1, [], ["Unable to bind parameter body: string or blob too big"])
 
 
-@pytest.mark.parametrize("how", ["ABORT", "FAIL"])
+@each_operation
+@each_way
+def test_failed_commit_closes_the_connection(unchanged, panel, way, name):
+    # The statement's own journal fits within the limit, the writes of END do not.
+    assert panel.operate(way, name, *OPERATIONS[name].args, sql=["SELECT 1"],
+                         rlimits={resource.RLIMIT_FSIZE: 10000}, ignore=[signal.SIGXFSZ]) == (
+        -1, [CLOSED], ["Unable to end sqlite transaction: disk I/O error"])
+
+
 @pytest.mark.parametrize("way", ["borrowed", "worker"])
-def test_a_refused_record_leaves_the_transaction_to_the_caller(sandbox, panel, way, how):
-    fill(sandbox)
-    before = everything(sandbox)
-    refuse(sandbox, "INSERT", "autoresponder", how)
+def test_violated_deferred_constraint_fails_the_commit(unchanged, panel, way):
+    run_sql(unchanged, """
+        CREATE TABLE known (mn PRIMARY KEY);
+        CREATE TABLE seen (mn REFERENCES known DEFERRABLE INITIALLY DEFERRED);
+        CREATE TRIGGER see AFTER INSERT ON attachments BEGIN INSERT INTO seen VALUES (NEW.mn); END;""")
+    opening, operation = operation_steps(way, "store_attachment_records", *MAILBOX, "a")
 
-    results, texts = panel.call(*steps(way, "store_autoresponder_record", "Info", "Example.ORG"),
-                                ("sql", "BEGIN"), ("sql", "ROLLBACK"), ("sql", "ROLLBACK"))
-
-    assert results == [*result_of(way, "store_autoresponder_record", -1), ("sql", 1), ("sql", 0), ("sql", 1)]
-    assert texts == ["Unable to add/update autoresponder (info@example.org): refused"]
-    assert everything(sandbox) == before
+    assert panel.call(opening, ("sql", "PRAGMA foreign_keys = ON"), operation, ("sql", "SELECT 1")) == (
+        [0, 0, -1, CLOSED], ["Unable to end sqlite transaction: FOREIGN KEY constraint failed"])
 
 
-def test_the_caller_may_commit_after_a_refused_record(sandbox, panel):
+@each_operation
+@each_way
+def test_interrupted_pause_fails_silently_and_closes_the_connection(unchanged, panel, needs_tracing, way, name):
+    tracer = tracing.strace_arguments("/dev/null", "clock_nanosleep", ["clock_nanosleep:error=EINTR"], ())
+
+    with contextlib.closing(unchanged.db()) as other:
+        other.execute("BEGIN IMMEDIATE")
+        assert panel.operate(way, name, *OPERATIONS[name].args, sql=["SELECT 1"], traced=True,
+                             before=["/usr/bin/strace", *tracer[1:]]) == (-1, [CLOSED], [])
+
+
+# -- refused rows
+
+
+@pytest.mark.parametrize("how, begin", [("ABORT", BUSY), ("FAIL", BUSY), ("ROLLBACK", 0)])
+@each_way
+def test_refused_record_leaves_an_open_transaction_to_the_caller(unchanged, panel, way, how, begin):
+    refuse(unchanged, "INSERT", "autoresponder", how)
+
+    assert panel.operate(way, "store_autoresponder_record", "Info", "Example.ORG",
+                         sql=["BEGIN", "ROLLBACK", "ROLLBACK"]) == (
+        -1, [CLOSED] * 3 if way == "none" else [begin, 0, BUSY],
+        ["Unable to add/update autoresponder (info@example.org): refused"])
+
+
+def test_caller_may_commit_after_a_refused_record(sandbox, panel):
     refuse(sandbox, "INSERT", "autoresponder")
 
     results, _ = panel.call(("open",), ("replace_autoresponder_record", *MAILBOX),
                             ("sql", "INSERT INTO extra_headers VALUES ('X-New', 'new')"), ("sql", "COMMIT"))
 
-    assert results[1:] == [("replace_autoresponder_record", -1), ("sql", 0), ("sql", 0)]
-    assert sandbox.rows("SELECT * FROM extra_headers") == [("X-New", "new")]
+    assert results == [0, -1, 0, 0]
+    assert everything(sandbox)["extra_headers"] == [("X-Old", "old"), ("X-New", "new")]
 
 
-def test_closing_after_a_refused_record_lets_the_lock_go(sandbox, panel):
+def test_closing_after_a_refused_record_releases_the_lock(sandbox, panel):
     refuse(sandbox, "INSERT", "autoresponder", "FAIL", when="NEW.mn = 'info@example.org'")
 
     results, _ = panel.call(("open",), ("replace_autoresponder_record", *MAILBOX), ("close",),
-                            ("store_autoresponder_record", "none", "sales", "example.org"))
+                            ("store_autoresponder_record", "none", "new", "example.org"))
 
-    assert results[1:] == [("replace_autoresponder_record", -1), ("close", 0), ("store_autoresponder_record", 0)]
-    assert sandbox.rows("SELECT mn FROM autoresponder") == [("sales@example.org",)]
-
-
-@pytest.mark.parametrize("how", ["ABORT", "FAIL", "ROLLBACK"])
-def test_a_refused_record_over_an_own_connection_is_no_change(sandbox, panel, how):
-    fill(sandbox)
-    before = everything(sandbox)
-    refuse(sandbox, "INSERT", "autoresponder", how)
-
-    assert panel.call(("store_autoresponder_record", "none", "Info", "Example.ORG")) == (
-        [("store_autoresponder_record", -1)], ["Unable to add/update autoresponder (info@example.org): refused"])
-
-    assert everything(sandbox) == before
+    assert results == [0, -1, 0, 0]
+    assert everything(sandbox)["autoresponder"][-1] == ("new@example.org", *NEW_ROW)
 
 
-@pytest.mark.parametrize("way", ["borrowed", "worker"])
-def test_a_record_whose_refusal_rolls_back_leaves_an_idle_connection(sandbox, panel, way):
-    refuse(sandbox, "INSERT", "autoresponder", "ROLLBACK")
-
-    results, texts = panel.call(*steps(way, "store_autoresponder_record", "Info", "Example.ORG"),
-                                ("sql", "ROLLBACK"), ("sql", "SELECT 1"))
-
-    assert results == [*result_of(way, "store_autoresponder_record", -1), ("sql", 1), ("sql", 0)]
-    assert texts == ["Unable to add/update autoresponder (info@example.org): refused"]
-
-
-@pytest.mark.parametrize("how", ["ABORT", "FAIL"])
-@pytest.mark.parametrize("way, code", [("none", 21), ("borrowed", 0), ("worker", 0)])
-def test_a_refused_attachment_is_left_out(sandbox, panel, way, code, how):
-    refuse(sandbox, "INSERT", "attachments", how, when="NEW.filename LIKE 'bad%'")
-
-    results, texts = panel.call(
-        *steps(way, "store_attachment_records", "Info", "Example.ORG", "a", "bad1", "b", "bad2", "c"),
-        ("sql", "SELECT 1"))
-
-    assert results == [*result_of(way, "store_attachment_records", 0), ("sql", code)]
-    assert texts == ["Unable to add autoresponder attachment (info@example.org): refused"] * 2
-    assert sandbox.rows("SELECT mn, filename FROM attachments ORDER BY rowid") == [
-        ("info@example.org", "a"), ("info@example.org", "b"), ("info@example.org", "c")]
-
-
-@pytest.mark.parametrize("how", ["ABORT", "FAIL"])
-@each_way
-def test_a_refused_header_is_left_out(sandbox, panel, way, how):
-    refuse(sandbox, "INSERT", "extra_headers", how, when="NEW.name = 'X-Bad'")
-
-    assert panel.call(*steps(way, "store_extra_headers", "X-A", "1", "X-Bad", "2", "X-C", "3")) == (
-        result_of(way, "store_extra_headers", 0), ["Unable to add autoresponder extra headers: refused"])
-
-    assert sandbox.rows("SELECT name, value FROM extra_headers ORDER BY rowid") == [("X-A", "1"), ("X-C", "3")]
-
-
-@each_way
-@pytest.mark.parametrize("name, args, message, left", [
-    ("store_attachment_records", (*MAILBOX, "a", "bad", "c"),
-     "Unable to add autoresponder attachment (info@example.org): refused", [("info@example.org", "c")]),
-    ("store_extra_headers", ("a", "1", "bad", "2", "c", "3"),
-     "Unable to add autoresponder extra headers: refused", [("c", "3")]),
-])
-def test_a_row_that_rolls_back_takes_those_before_it_along(sandbox, panel, way, name, args, message, left):
-    column = "filename" if name == "store_attachment_records" else "name"
-    refuse(sandbox, "INSERT", TABLES[name], "ROLLBACK", when=f"NEW.{column} = 'bad'")
-
-    results, texts = panel.call(*steps(way, name, *args), ("sql", "SELECT 1"))
-
-    assert results == [*result_of(way, name, -1), CLOSED]
-    assert texts == [message, "Unable to end sqlite transaction: cannot commit - no transaction is active"]
-    assert sandbox.rows(f"SELECT * FROM {TABLES[name]}") == left
-
-
-DELETIONS = [
-    ("remove_autoresponder_record", "Unable to add autoresponder data (info@example.org): refused"),
-    ("remove_attachment_records", "Unable to add autoresponder attachment (info@example.org): refused"),
+CANNOT_ADD_ATTACHMENT = "Unable to add autoresponder attachment (info@example.org): refused"
+REFUSALS = [  # the rows after a refusal, and after a refusal that rolls back the transaction
+    ("store_attachment_records", (*MAILBOX, "a", "bad1", "b", "bad2", "c"), "INSERT", "NEW.filename LIKE 'bad%'",
+     [CANNOT_ADD_ATTACHMENT] * 2,
+     lambda old: [*old, *(("info@example.org", name) for name in "abc")],
+     lambda old: [*old, *(("info@example.org", name) for name in "bc")]),
+    ("store_extra_headers", ("a", "1", "bad1", "2", "b", "3", "bad2", "4", "c", "5"), "INSERT", "NEW.name LIKE 'bad%'",
+     ["Unable to add autoresponder extra headers: refused"] * 2,
+     lambda old: [*old, ("a", "1"), ("b", "3"), ("c", "5")],
+     lambda old: [*old, ("b", "3"), ("c", "5")]),
+    ("remove_autoresponder_record", MAILBOX, "DELETE", "1",
+     ["Unable to add autoresponder data (info@example.org): refused"], lambda old: old, lambda old: old),
+    ("remove_attachment_records", MAILBOX, "DELETE", "1", [CANNOT_ADD_ATTACHMENT], lambda old: old, lambda old: old),
 ]
 
 
-@pytest.mark.parametrize("how", ["ABORT", "FAIL"])
-@pytest.mark.parametrize("name, message", DELETIONS)
-@pytest.mark.parametrize("way, code", [("none", 21), ("borrowed", 0), ("worker", 0)])
-def test_a_refused_deletion_speaks_of_adding_and_succeeds(sandbox, panel, way, code, name, message, how):
-    fill(sandbox)
-    before = everything(sandbox)
-    refuse(sandbox, "DELETE", TABLES[name], how)
-
-    results, texts = panel.call(*steps(way, name, "Info", "Example.ORG"), ("sql", "SELECT 1"))
-
-    assert results == [*result_of(way, name, 0), ("sql", code)]
-    assert texts == [message]
-    assert everything(sandbox) == before
-
-
+@pytest.mark.parametrize("how", ["ABORT", "FAIL", "ROLLBACK"])
+@pytest.mark.parametrize("name, args, event, when, refusals, kept, kept_by_rollback", REFUSALS,
+                         ids=[refusal[0] for refusal in REFUSALS])
 @each_way
-@pytest.mark.parametrize("name, message", DELETIONS)
-def test_a_deletion_that_rolls_back_fails_at_its_end(sandbox, panel, way, name, message):
-    fill(sandbox)
+def test_refused_row_is_logged_and_left_out(sandbox, panel, way, name, args, event, when, refusals, kept,
+                                            kept_by_rollback, how):
+    table = OPERATIONS[name].table
     before = everything(sandbox)
-    refuse(sandbox, "DELETE", TABLES[name], "ROLLBACK")
+    refuse(sandbox, event, table, how, when)
 
-    results, texts = panel.call(*steps(way, name, "Info", "Example.ORG"), ("sql", "SELECT 1"))
+    outcome = panel.operate(way, name, *args, sql=["SELECT 1"])
 
-    assert results == [*result_of(way, name, -1), CLOSED]
-    assert texts == [message, "Unable to end sqlite transaction: cannot commit - no transaction is active"]
-    assert everything(sandbox) == before
-
-
-def test_what_a_refused_deletion_had_deleted_is_committed(sandbox, panel):
-    change(sandbox, "INSERT INTO attachments VALUES ('info@example.org', 'a'), ('info@example.org', 'b')")
-    refuse(sandbox, "DELETE", "attachments", "FAIL", when="OLD.filename = 'b'")
-
-    assert panel.call(("remove_attachment_records", "none", *MAILBOX)) == (
-        [("remove_attachment_records", 0)], ["Unable to add autoresponder attachment (info@example.org): refused"])
-
-    assert sandbox.rows("SELECT filename FROM attachments") == [("b",)]
+    if how == "ROLLBACK":
+        assert outcome == (-1, [CLOSED], [
+            *refusals, "Unable to end sqlite transaction: cannot commit - no transaction is active"])
+    else:
+        assert outcome == (0, [CLOSED if way == "none" else 0], refusals)
+    left = kept_by_rollback if how == "ROLLBACK" else kept
+    assert everything(sandbox) == {**before, table: left(before[table])}
 
 
-@each_operation
-@each_way
-def test_a_transaction_that_can_not_be_written_closes_the_connection(sandbox, panel, way, name):
-    fill(sandbox)
-    before = everything(sandbox)
+def test_rows_deleted_before_a_refusal_are_committed(sandbox, panel):
+    refuse(sandbox, "DELETE", "attachments", "FAIL", when="OLD.filename = 'second.txt'")
 
-    # The journal of the statement itself still fits, what END has to write does not.
-    results, texts = panel.call(*steps(way, name, *OPERATIONS[name]), ("sql", "SELECT 1"),
-                                rlimits={resource.RLIMIT_FSIZE: 10000}, ignore=[signal.SIGXFSZ])
+    assert panel.operate("none", "remove_attachment_records", *MAILBOX) == (0, [], [CANNOT_ADD_ATTACHMENT])
 
-    assert results == [*result_of(way, name, -1), CLOSED]
-    assert texts == ["Unable to end sqlite transaction: disk I/O error"]
-    assert everything(sandbox) == before
+    assert everything(sandbox)["attachments"] == [("info@example.org", "second.txt"), SALES_ROW]
 
 
-@pytest.mark.parametrize("way", ["borrowed", "worker"])
-def test_a_broken_promise_of_the_database_is_told_at_the_end(sandbox, panel, way):
-    change(sandbox, """
-        CREATE TABLE known (mn PRIMARY KEY);
-        CREATE TABLE seen (mn REFERENCES known DEFERRABLE INITIALLY DEFERRED);
-        CREATE TRIGGER see AFTER INSERT ON attachments BEGIN INSERT INTO seen VALUES (NEW.mn); END;""")
-    opening, operation = steps(way, "store_attachment_records", *MAILBOX, "a")
-
-    results, texts = panel.call(opening, ("sql", "PRAGMA foreign_keys = ON"), operation, ("sql", "SELECT 1"))
-
-    assert results[1:] == [("sql", 0), (operation[0], -1), CLOSED]
-    assert texts == ["Unable to end sqlite transaction: FOREIGN KEY constraint failed"]
-    assert sandbox.rows("SELECT * FROM attachments") == []
+# -- the list of extra headers
 
 
-@each_operation
-@each_way
-def test_an_interrupted_pause_fails_in_silence_and_lets_the_connection_go(sandbox, panel, needs_tracing, way, name):
-    fill(sandbox)
-    before = everything(sandbox)
-    tracer = tracing.strace_arguments("/dev/null", "clock_nanosleep", ["clock_nanosleep:error=EINTR"], ())
+@pytest.mark.parametrize("way", ["none", "borrowed"])
+def test_invalid_document_leaves_the_list(unchanged, panel, way):
+    result, _, [text] = panel.operate(way, "import_extra_headers_json", '{"X-A": "1", ')
 
-    with contextlib.closing(sandbox.db()) as other:
-        other.execute("BEGIN IMMEDIATE")
-        answer = panel.call(*steps(way, name, *OPERATIONS[name]), ("sql", "SELECT 1"), traced=True,
-                            before=["/usr/bin/strace", *tracer[1:]])
-        other.execute("ROLLBACK")
+    assert result == -1
+    assert text.startswith("Unable to parse auto-reply headers json: ")
 
-    assert answer == ([*result_of(way, name, -1), CLOSED], [])
-    assert everything(sandbox) == before
+
+@pytest.mark.parametrize("way", ["none", "borrowed"])
+def test_refused_deletion_of_the_list_returns_the_code_of_sqlite(unchanged, panel, way):
+    refuse(unchanged, "DELETE", "extra_headers")
+
+    assert panel.operate(way, "delete_extra_headers") == (
+        19, [], ["Unable to remove autoresponder extra headers: refused"])
+
+
+def test_closed_connection_fails_the_deletion_of_the_list(unchanged, panel):
+    assert panel.call(("delete_extra_headers", "borrowed")) == (
+        [21], ["Unable to remove autoresponder extra headers: general DB errror"])
