@@ -15,5 +15,5 @@ __all__ = ["make_sandbox", "needs_tracing", "sandbox", "sandbox_directory", "san
 
 @pytest.fixture(scope="session")
 def sandbox_mode():
-    """The way into the private roots that this machine allows."""
+    """How this machine enters private roots."""
     return script.choose_mode()

@@ -1,4 +1,4 @@
-"""The manual pages, read: as text, as items with their explanations, and the examples in them."""
+"""The manual pages as text, their items with explanations, and their examples."""
 
 import re
 import subprocess
@@ -11,7 +11,7 @@ ESCAPES = {r"\e": "\\", r"\&": "", r"\(aq": "'", r"\(dq": '"', r"\ ": " "}
 
 
 def rendered(page):
-    """The page as a reader sees it, without line breaks inside a paragraph."""
+    """The formatted page, without line breaks inside a paragraph."""
     command = ["mandoc", "-T", "ascii", "-O", "width=1000", page]
     output = subprocess.run(command, capture_output=True, text=True, check=True)
     return re.sub(".\b", "", output.stdout)
@@ -39,7 +39,7 @@ def unescape(source):
 
 
 def examples(page):
-    """The literal displays of EXAMPLES: {the sentence before it, up to its first punctuation: the text}."""
+    """The literal displays of EXAMPLES: {the preceding sentence, up to its first punctuation: the text}."""
     found, intro, code = {}, [], None
     for line in page.read_text().split("\n.Sh EXAMPLES\n")[1].split("\n.Sh ")[0].splitlines():
         if line.startswith(".Bd"):

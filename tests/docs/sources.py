@@ -1,4 +1,4 @@
-"""What the tests of the documents take from the sources: their text literals, and which of these are messages."""
+"""The text literals of the sources, and patterns for the messages among them."""
 
 import re
 from pathlib import Path
@@ -12,6 +12,23 @@ CONVERSION = re.compile(r"0?%[-+ #0-9.]*[hlzjt]*[a-zA-Z]")
 SQL = re.compile(r"(SELECT|REPLACE|DELETE|BEGIN|END|CREATE)\b")
 NO_MESSAGES = {"cli/options.cpp", "store/schema.h"}  # the help page and the schema
 FILE_TYPES = {"regular file", "character device", "block device", "symbolic link"}
+
+# Messages that the code composes from more than one literal.
+COMPOSED = {
+    "Error: ": "Error: Missing option: %s",
+    "Missing option: ": "Error: Missing option: %s",
+    " - incorrect email address format": "Error: %s - incorrect email address format",
+    " - incorrect format of local part of email address": "Error: %s - incorrect format of local part of email address",
+    " - incorrect format of domain part of email address":
+        "Error: %s - incorrect format of domain part of email address",
+    "Unable to begin sqlite transaction": "Unable to begin sqlite transaction: %s",
+    "Unable to end sqlite transaction": "Unable to end sqlite transaction: %s",
+    "Unable to remove autoresponder attachments: %s": "Unable to remove autoresponder attachments: %s %s: %s",
+    "Unable to add autoresponder data": "Unable to add autoresponder data (%s): %s",
+    "Unable to add autoresponder attachment": "Unable to add autoresponder attachment (%s): %s",
+}
+PARTS = {"cannot open directory", "cannot read directory", "cannot leave directory", "cannot remove",
+         "nested too deeply", "general DB errror", "\nSystem error %d: %s"}  # of other messages
 
 
 def literals(path):
@@ -35,7 +52,7 @@ def is_message(literal):
 
 
 def messages():
-    """Every message of the code: {literal: the file it stands in}."""
+    """{literal: its file} for every message of the code."""
     found = {}
     for folder in FOLDERS:
         for path in sorted((REPOSITORY / folder).glob("*.*")):
@@ -46,7 +63,7 @@ def messages():
 
 
 def as_pattern(literal):
-    """A pattern for the message with one word in the place of each conversion; white space is all the same."""
+    """A pattern with one word for each conversion and any white space for white space."""
     parts, end = [], 0
     literal = literal.strip()
     for match in [*CONVERSION.finditer(literal), None]:

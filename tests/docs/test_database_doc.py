@@ -1,8 +1,6 @@
-"""docs/database.md: the example reader works on what the tool writes, and the tables are those of the database."""
+"""docs/database.md: the example reader works with the database of the tool, and the tables are those of the schema."""
 
 import contextlib
-import importlib.machinery
-import importlib.util
 import json
 import re
 import sqlite3
@@ -11,29 +9,24 @@ import sys
 import threading
 
 import pytest
+from harness.mailboxes import MAIL_TREE
+from harness.sandbox import DATABASE
 from sources import REPOSITORY
 
-DATABASE = "/var/lib/quarn/mail/autoresponder/responder.db"
-MAILNAMES = "/var/qmail/mailnames"
 DOCUMENT = (REPOSITORY / "docs" / "database.md").read_text()
 EXAMPLE = REPOSITORY / "docs" / "examples" / "responder.py"
 ANNA = ("--mailname", "anna@example.org", "--real-owner", "owner@example.org")
 
 
-def load_example():
-    loader = importlib.machinery.SourceFileLoader("responder", str(EXAMPLE))
-    module = importlib.util.module_from_spec(importlib.util.spec_from_loader(loader.name, loader))
-    sys.dont_write_bytecode = True
-    loader.exec_module(module)
-    return module
+sys.path.insert(0, str(EXAMPLE.parent))
+sys.dont_write_bytecode = True
 
-
-responder = load_example()
+import responder  # noqa: E402
 
 
 @pytest.fixture
 def connection(sandbox):
-    """The example's connection to a database in which one mailbox answers."""
+    """The example's connection to a database with one autoresponder."""
     sandbox.init_db()
     sandbox.path("/tmp/map.png").write_bytes(b"map")
     assert sandbox.run("--set-resp", *ANNA, "--ans-freq", "2", stdin="Bis später\n".encode()).status == 0
@@ -45,15 +38,15 @@ def connection(sandbox):
         yield connection
 
 
-def answer(connection, sandbox, sender="ben@example.net", **options):
-    return responder.answer(connection, "anna@example.org", sender, mailnames=sandbox.path(MAILNAMES), **options)
+def reply(connection, sandbox, sender="ben@example.net", **options):
+    return responder.answer(connection, "anna@example.org", sender, mailnames=sandbox.path(MAIL_TREE), **options)
 
 
 # -- the example
 
 
-def test_the_example_prints_the_reply(connection, sandbox):
-    command = [EXAMPLE, "--database", sandbox.path(DATABASE), "--mailnames", sandbox.path(MAILNAMES),
+def test_example_prints_the_reply(connection, sandbox):
+    command = [EXAMPLE, "--database", sandbox.path(DATABASE), "--mailnames", sandbox.path(MAIL_TREE),
                "Anna@example.org", "ben@example.net", "--subject", "Hello"]
 
     result = subprocess.run(command, capture_output=True, check=True)
@@ -67,7 +60,7 @@ def test_the_example_prints_the_reply(connection, sandbox):
         "content_type": "text/plain; charset=UTF-8",
         "headers": [["Auto-Submitted", "auto-replied"]],
         "body": "Bis später\n",
-        "attachments": [str(sandbox.path(MAILNAMES + "/example.org/owner/@attachments/map.png"))],
+        "attachments": [str(sandbox.path(MAIL_TREE + "/example.org/owner/@attachments/map.png"))],
     }
     assert sandbox.rows("SELECT mn, email, num FROM resp_freq") == [("anna@example.org", "ben@example.net", 1)]
 
@@ -76,50 +69,50 @@ def test_counters_survive_a_power_cut(connection):
     assert connection.execute("PRAGMA synchronous").fetchone() == (3,)  # EXTRA
 
 
-def test_a_mailbox_without_autoresponder_gets_no_answer(connection, sandbox):
+def test_mailbox_without_autoresponder_gets_no_reply(connection, sandbox):
     assert responder.answer(connection, "nobody@example.org", "ben@example.net") is None
     assert sandbox.rows("SELECT * FROM resp_freq") == []
 
 
-def test_a_sender_gets_as_many_replies_a_day_as_were_allowed(connection, sandbox):
+def test_sender_gets_the_permitted_number_of_replies_a_day(connection, sandbox):
     moments = [0, 10, 20, 86399, 86400, 86401, 86402]
 
-    assert [answer(connection, sandbox, now=now) is not None for now in moments] == [
+    assert [reply(connection, sandbox, now=now) is not None for now in moments] == [
         True, True, False, False, True, True, False]
-    assert answer(connection, sandbox, sender="cy@example.net", now=20) is not None
+    assert reply(connection, sandbox, sender="cy@example.net", now=20) is not None
 
 
-@pytest.mark.parametrize("where, subject, body, answered", [
+@pytest.mark.parametrize("where, subject, body, replies", [
     ("subj", "the word", "", True), ("subj", "", "the word", False),
     ("body", "the word", "", False), ("body", "", "the word", True),
     ("no", "", "", True), ("anything", "", "", True),
 ])
-def test_the_key_is_looked_for_where_it_has_to_be(connection, sandbox, where, subject, body, answered):
+def test_key_is_searched_in_the_selected_part(connection, sandbox, where, subject, body, replies):
     sandbox.run("--set-resp", *ANNA, "--key-str", "word", "--key-where", where)
 
-    assert (answer(connection, sandbox, subject=subject, body=body) is not None) == answered
+    assert (reply(connection, sandbox, subject=subject, body=body) is not None) == replies
 
 
-def test_a_row_without_its_file_is_left_out(connection, sandbox):
-    sandbox.path(MAILNAMES + "/example.org/owner/@attachments/map.png").unlink()
+def test_row_without_a_file_is_left_out(connection, sandbox):
+    sandbox.path(MAIL_TREE + "/example.org/owner/@attachments/map.png").unlink()
 
-    assert answer(connection, sandbox)["attachments"] == []
+    assert reply(connection, sandbox)["attachments"] == []
 
 
-def test_bytes_that_are_no_text_do_no_harm(connection, sandbox):
+def test_bytes_that_are_no_text_are_replaced(connection, sandbox):
     sandbox.run("--set-resp", *ANNA, "--subj", b"\xff", stdin=b"\0\xfe")
 
-    assert answer(connection, sandbox)["body"] == "\0\ufffd"
+    assert reply(connection, sandbox)["body"] == "\0\ufffd"
 
 
-def test_the_example_creates_no_database(sandbox):
+def test_example_creates_no_database(sandbox):
     sandbox.path(DATABASE).parent.mkdir(parents=True)
 
     with pytest.raises(sqlite3.OperationalError, match="unable to open database file"):
         responder.connect(sandbox.path(DATABASE))
 
 
-def test_counting_waits_for_a_writer_and_leaves_no_lock(connection, sandbox):
+def test_counting_waits_for_a_writer_and_releases_its_lock(connection, sandbox):
     writer = sqlite3.connect(sandbox.path(DATABASE), isolation_level=None, check_same_thread=False)
     writer.execute("BEGIN IMMEDIATE")
     begun = threading.Event()
@@ -127,14 +120,14 @@ def test_counting_waits_for_a_writer_and_leaves_no_lock(connection, sandbox):
     committed = threading.Thread(target=lambda: (begun.wait(60), writer.execute("COMMIT"), writer.close()))
     committed.start()
 
-    assert answer(connection, sandbox) is not None
+    assert reply(connection, sandbox) is not None
 
     committed.join()
     assert not connection.in_transaction
     assert sandbox.run("--set-resp", *ANNA).status == 0
 
 
-def test_a_failure_leaves_no_lock(connection, sandbox):
+def test_failed_transaction_releases_its_lock(connection, sandbox):
     with pytest.raises(ZeroDivisionError):
         with responder.transaction(connection, "BEGIN IMMEDIATE"):
             connection.execute("DELETE FROM resp_freq")
@@ -147,43 +140,19 @@ def test_a_failure_leaves_no_lock(connection, sandbox):
 # -- the document
 
 
-def tables_of_document():
-    """{table: [(column, declaration)]} as the document tells them."""
-    found = {}
-    for title, text in re.findall(r"^### (\w+)\n(.*?)(?=^#)", DOCUMENT, re.DOTALL | re.MULTILINE):
-        found[title] = re.findall(r"^\| `(\w+)` \| ([A-Z][^|]*?) \|", text, re.MULTILINE)
-    return found
-
-
-def test_tables_and_columns_are_those_of_the_database(sandbox):
+def test_tables_columns_defaults_and_indexes_are_those_of_the_database(sandbox):
     sandbox.init_db()
-    tables = [name for (name,) in sandbox.rows("SELECT name FROM sqlite_master WHERE type = 'table'")]
-    expected = {}
-    for table in tables:
-        columns = sandbox.rows(f"PRAGMA table_info({table})")
-        expected[table] = sorted((column[1], column[2] + (" NOT NULL" if column[3] else "")) for column in columns)
+    columns, defaults, indexes = {}, {}, {}
+    for (table,) in sandbox.rows("SELECT name FROM sqlite_master WHERE type = 'table'"):
+        info = sandbox.rows(f"PRAGMA table_info({table})")
+        columns[table] = {name: kind + (" NOT NULL" if not_null else "") for _, name, kind, not_null, _, _ in info}
+        defaults.update({name: default.strip("'") for _, name, _, _, default, _ in info if default is not None})
+    for (index,) in sandbox.rows("SELECT name FROM sqlite_master WHERE type = 'index'"):
+        indexes[index] = ", ".join(column for _, _, column in sandbox.rows(f"PRAGMA index_info({index})"))
 
-    assert {table: sorted(columns) for table, columns in tables_of_document().items()} == expected
-
-
-def test_defaults_are_those_of_the_database(sandbox):
-    sandbox.init_db()
-    expected = {name: default.strip("'") for table in ("autoresponder", "resp_freq")
-                for _, name, _, _, default, _ in sandbox.rows(f"PRAGMA table_info({table})") if default is not None}
-
+    assert {title: dict(re.findall(r"^\| `(\w+)` \| ([A-Z][^|]*?) \|", text, re.MULTILINE)) for title, text in
+            re.findall(r"^### (\w+)\n(.*?)(?=^#)", DOCUMENT, re.DOTALL | re.MULTILINE)} == columns
     rows = re.findall(r"^\| `(\w+)` \| [A-Z][^|]*\| `?([^|`]*?)`? \|", DOCUMENT, re.MULTILINE)
-    told = {name: default for name, default in rows if name in expected}
-
-    assert told == expected
-
-
-def test_indexes_are_those_of_the_database(sandbox):
-    sandbox.init_db()
-    indexes = [name for (name,) in sandbox.rows("SELECT name FROM sqlite_master WHERE type = 'index'")]
-    expected = {index: ", ".join(column[2] for column in sandbox.rows(f"PRAGMA index_info({index})"))
-                for index in indexes}
-
-    told = {name: columns.replace("`", "") for name, columns in re.findall(
-        r"Unique\s+index\s+`(\w+)`\s+on\s+(`[^.]*`)\.", DOCUMENT)}
-
-    assert told == expected
+    assert {name: default for name, default in rows if name in defaults} == defaults
+    assert {name: text.replace("`", "") for name, text in re.findall(
+        r"Unique\s+index\s+`(\w+)`\s+on\s+(`[^.]*`)\.", DOCUMENT)} == indexes

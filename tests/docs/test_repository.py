@@ -1,4 +1,4 @@
-"""README.md and HACKING.md: what they say about commands, options, scripts, files and messages is so."""
+"""The documents of the tree: their commands, options, scripts, paths and links exist."""
 
 import re
 import shlex
@@ -10,13 +10,21 @@ from sources import REPOSITORY
 
 README = (REPOSITORY / "README.md").read_text()
 HACKING = (REPOSITORY / "HACKING.md").read_text()
-DOCUMENTS = [*REPOSITORY.glob("*.md"), *REPOSITORY.glob("docs/*.md")]
+FOLDERS = "cli|store|support|tests|scripts|docs?|completion|cmake|bench|fuzz|packaging"
+
+each_document = pytest.mark.parametrize("path", [*REPOSITORY.glob("*.md"), *REPOSITORY.glob("docs/*.md")],
+                                        ids=lambda path: path.name)
+
+
+@pytest.fixture
+def help_page(sandbox):
+    return sandbox.run("--help").stdout.decode()
 
 
 # -- README.md
 
 
-def test_the_example_of_the_readme_works(sandbox):
+def test_example_of_the_readme_works(sandbox):
     sandbox.path("/tmp/reply.html").write_text("<p>I am away.</p>\n")
     example = re.search(r"```sh\n(.*?)```", README, re.DOTALL)[1]
 
@@ -27,7 +35,7 @@ def test_the_example_of_the_readme_works(sandbox):
         ("anna@example.org", "Out of office", "text/html", "<p>I am away.</p>\n")]
 
 
-def test_the_first_screen_names_both_scripts_and_an_example():
+def test_first_screen_of_the_readme_has_both_scripts_and_an_example():
     screen = "\n".join(README.splitlines()[:24])
 
     assert "scripts/quickstart" in screen
@@ -35,13 +43,13 @@ def test_the_first_screen_names_both_scripts_and_an_example():
     assert "arspctl --set-resp" in screen
 
 
-def test_every_command_and_option_is_in_the_tables(sandbox):
-    names = set(re.findall(r"--[a-z-]+", sandbox.run("--help").stdout.decode()))
+def test_tables_of_the_readme_have_every_command_and_option(help_page):
+    names = set(re.findall(r"--[a-z-]+", help_page))
 
     assert set(re.findall(r"^\| `(--[a-z-]+)", README, re.MULTILINE)) == names
 
 
-def test_required_options_are_those_of_the_tool(sandbox):
+def test_required_options_in_the_readme_are_those_of_the_tool(sandbox):
     for command, needed in re.findall(r"^\| `(--[a-z-]+)` \| ([^|]*)\| ", README, re.MULTILINE):
         given = []
         for name in re.findall(r"--[a-z-]+", needed):
@@ -50,57 +58,50 @@ def test_required_options_are_those_of_the_tool(sandbox):
         assert not sandbox.run(command, *given).stdout.startswith(b"Error: ")
 
 
-def test_defaults_are_those_of_the_help_page(sandbox):
-    shown = dict(re.findall(r"(--[a-z-]+) arg \(=(.*?)\)(?= )", sandbox.run("--help").stdout.decode()))
+def test_defaults_in_the_readme_are_those_of_the_help_page(help_page):
+    defaults = dict(re.findall(r"(--[a-z-]+) arg \(=(.*?)\)(?= )", help_page))
 
-    told = dict(re.findall(r"^\| `(--[a-z-]+) [A-Z]+` \| `(.*?)` \|", README, re.MULTILINE))
-
-    assert told == shown
+    assert dict(re.findall(r"^\| `(--[a-z-]+) [A-Z]+` \| `(.*?)` \|", README, re.MULTILINE)) == defaults
 
 
 # -- HACKING.md
 
 
-def test_every_script_has_its_line():
+def test_table_of_scripts_is_complete():
     scripts = {f"scripts/{path.name}" for path in (REPOSITORY / "scripts").iterdir() if path.is_file()}
 
     assert set(re.findall(r"^\| `(scripts/[^` ]+)[^|]*\| \S", HACKING, re.MULTILINE)) == scripts
 
 
-@pytest.mark.parametrize("path", sorted(set(re.findall(
-    r"`((?:cli|store|support|tests|scripts|docs?|completion|cmake|bench|fuzz|packaging)/[\w./*-]*)`", HACKING))))
-def test_paths_lead_somewhere(path):
-    assert list(REPOSITORY.glob(path.rstrip("/"))), path
+def test_layout_has_every_source():
+    layout = re.findall(r"`((?:cli|store|support)/[\w.*/-]*)`", HACKING.split("## Layout")[1].split("\n## ")[0])
+    listed = {path for pattern in layout for path in REPOSITORY.glob(pattern + "*" * (pattern == "support/"))}
 
-
-def test_every_source_has_a_place_in_the_layout():
-    told = re.findall(r"`((?:cli|store|support)/[\w.*/-]*)`", HACKING.split("## Layout")[1].split("\n## ")[0])
-    known = {path for pattern in told if not pattern.endswith("/") for path in REPOSITORY.glob(pattern)}
-    folders = tuple(str(REPOSITORY / pattern) for pattern in told if pattern == "support/")
-    sources_of_product = [path for folder in sources.FOLDERS for path in (REPOSITORY / folder).glob("*.cpp")]
-
-    assert [path for path in sources_of_product if path not in known and not str(path).startswith(folders)] == []
+    assert {path for folder in sources.FOLDERS for path in (REPOSITORY / folder).glob("*.cpp")} <= listed
 
 
 # -- all documents
 
 
-@pytest.mark.parametrize("path", DOCUMENTS, ids=lambda path: path.name)
-def test_links_lead_somewhere(path):
-    for target in re.findall(r"\]\(([^)#:]+)\)", path.read_text()):
-        assert (path.parent / target).exists(), target
+@each_document
+def test_paths_and_links_exist(path):
+    text = path.read_text()
+    names = re.findall(rf"`((?:{FOLDERS})/[\w./*-]*)`", text)
+
+    assert [name for name in names if not list(REPOSITORY.glob(name.rstrip("/")))] == []
+    assert [target for target in re.findall(r"\]\(([^)#:]+)\)", text) if not (path.parent / target).exists()] == []
 
 
-@pytest.mark.parametrize("path", DOCUMENTS, ids=lambda path: path.name)
-def test_commands_in_documents_use_options_that_exist(sandbox, path):
-    names = set(re.findall(r"--[a-z-]+", sandbox.run("--help").stdout.decode()))
+@each_document
+def test_commands_in_documents_have_known_options(help_page, path):
+    names = set(re.findall(r"--[a-z-]+", help_page))
 
     for line in re.findall(r"^(?: {4}|)(?:scripts/sandbox .*)?arspctl (--.*)$", path.read_text(), re.MULTILINE):
         words = shlex.split(line.rstrip("\\"), comments=True)
         assert {word for word in words if word.startswith("--")} <= names, line
 
 
-def test_the_changelog_has_an_unreleased_section_for_this_version():
+def test_changelog_has_an_unreleased_section_and_this_version():
     changelog = (REPOSITORY / "CHANGELOG.md").read_text()
     version = re.search(r"project\(arsp VERSION ([\d.]+)", (REPOSITORY / "CMakeLists.txt").read_text())[1]
 
@@ -108,14 +109,14 @@ def test_the_changelog_has_an_unreleased_section_for_this_version():
     assert version in changelog
 
 
-def test_the_licence_is_the_apache_licence():
+def test_licence_is_the_apache_licence():
     text = (REPOSITORY / "LICENSE").read_text()
 
     assert "Apache License\n                           Version 2.0, January 2004" in text
     assert text.rstrip().endswith("limitations under the License.")
 
 
-def test_the_python_example_is_clean():
+def test_python_example_has_no_warnings():
     command = ["pyflakes3", REPOSITORY / "docs" / "examples"]
     result = subprocess.run(command, capture_output=True, text=True, check=False)
 
