@@ -1,49 +1,26 @@
-"""What fails alike in every command: the frame around its statements, the pause on a locked database, memory."""
+"""Failures that the commands handle alike: the database, its transaction, the pause on a lock, memory."""
 
 import contextlib
 
 import pytest
 from harness import Result, preload, sqlite_shim
-from harness.mailboxes import (add_attachment_rows, add_autoresponder, attachment_rows, autoresponder_rows, error_texts,
-                               make_directories, put_file)
-from harness.private_root import script
-from harness.sandbox import program_under_test
+from harness.faults import first_call_fails
+from harness.mailboxes import (ADD_NEW, DEL, DEL_RESP, DIRECTORY, DOMAIN, FILE, MAIL_TREE, SET_EXTRA_HEADERS, SET_RESP,
+                               add_attachment, add_mailbox, attachment_rows, autoresponder_rows, corrupt_page_of,
+                               make_directories, put_file, run_sql)
+from harness.outcomes import outcome
+from harness.sandbox import DATABASE, sanitized
 
-DIRECTORY = "/var/qmail/mailnames/example.org/user/@attachments"
-MAIL_TREE = "/var/qmail/mailnames"
-MAILBOX = ("--mailname", "user@example.org")
-COMMANDS = {
-    "set-resp": ("--set-resp", *MAILBOX, "--real-owner", "new@example.org"),
-    "del-resp": ("--del-resp", *MAILBOX),
-    "add-attach": ("--add-attach", *MAILBOX, "--filename", "new.pdf", "--source", "/tmp/source"),
-    "del-attach": ("--del-attach", *MAILBOX, "--filename", "report.pdf"),
-    "set-extra-headers": ("--set-extra-headers",),
-}
 HEADERS = b'{"X-New": "yes"}'
-HEADER_QUERY = "REPLACE INTO extra_headers VALUES (?, ?  );"
+TRANSACTIONS = [SET_RESP, DEL_RESP, ADD_NEW, DEL]
 
 # The pause by which the tool itself waits, after two tries of six pauses by SQLite.
 INTERRUPTED = ["clock_nanosleep:error=EINTR:when=13", "nanosleep:error=EINTR:when=13"]
-BUSY_FIRST = "clock_nanosleep,nanosleep"
-
-SANITIZED = script.is_sanitized(str(program_under_test()))
-
-each_command = pytest.mark.parametrize("command", COMMANDS)
-each_transaction = pytest.mark.parametrize("command", [name for name in COMMANDS if name != "set-extra-headers"])
 
 
 @pytest.fixture
-def mailbox(sandbox):
-    """A root with the autoresponder user@example.org, its attachment report.pdf and one extra header."""
-    sandbox.init_db()
-    add_autoresponder(sandbox, "user@example.org")
-    add_attachment_rows(sandbox, "user@example.org", "report.pdf")
-    make_directories(sandbox, DIRECTORY)
-    put_file(sandbox, DIRECTORY + "/report.pdf", b"the report")
-    put_file(sandbox, "/tmp/source", b"a new one")
-    with contextlib.closing(sandbox.db()) as connection:
-        connection.execute("INSERT INTO extra_headers VALUES ('X-Old', 'yes')")
-    return sandbox
+def box(mailbox_with_attachment):
+    return mailbox_with_attachment
 
 
 def headers(sandbox):
@@ -55,173 +32,214 @@ def assert_rows_are_as_before(sandbox):
     assert attachment_rows(sandbox) == [("user@example.org", "report.pdf")]
 
 
-def run(mailbox, command, **options):
-    return mailbox.run(*COMMANDS[command], stdin=HEADERS, **options)
+def files(sandbox):
+    return sorted(sandbox.tree(DIRECTORY))[1:]
 
 
-# -- the frame
+# -- a database that cannot be read
 
 
-@each_transaction
-def test_a_transaction_that_cannot_begin_changes_nothing(mailbox, command):
-    before = mailbox.tree(MAIL_TREE)
-
-    result = run(mailbox, command, env=sqlite_shim.environment(mailbox, "begun"))
-
-    assert (result.status, result.stdout) == (1, b"")
-    assert error_texts(result) == [
-        "Unable to begin sqlite transaction: cannot start a transaction within a transaction"]
-    assert_rows_are_as_before(mailbox)
-    assert mailbox.tree(MAIL_TREE) == before
+def replace_by_directory(sandbox):
+    sandbox.path(DATABASE).unlink()
+    sandbox.path(DATABASE).mkdir()
 
 
-@each_transaction
-def test_a_begin_that_cannot_be_prepared_changes_nothing(mailbox, command):
-    before = mailbox.tree(MAIL_TREE)
-
-    result = run(mailbox, command, env=sqlite_shim.environment(mailbox, "prepare BEGIN"))
-
-    assert (result.status, result.stdout) == (1, b"")
-    assert error_texts(result) == [
-        "Unable to prepare SQL statement for query 'BEGIN TRANSACTION;': string or blob too big"]
-    assert_rows_are_as_before(mailbox)
-    assert mailbox.tree(MAIL_TREE) == before
+def remove(sandbox):
+    sandbox.path(DATABASE).unlink()
 
 
-@each_transaction
-def test_an_end_that_cannot_be_prepared_keeps_the_rows(mailbox, command):
-    result = run(mailbox, command, env=sqlite_shim.environment(mailbox, "prepare END"))
-
-    assert (result.status, result.stdout) == (1, b"")
-    assert error_texts(result) == [
-        "Unable to prepare SQL statement for query 'END TRANSACTION;': string or blob too big"]
-    assert_rows_are_as_before(mailbox)
+def corrupt(sandbox):
+    corrupt_page_of(sandbox, "mn")
 
 
-# -- values
+ERROR_REMOVING = "Error removing attachments for mailname (user@example.org)"
+NO_TABLE = "Unable to prepare SQL statement for query '{}': no such table: {}"
+NOT_OPENED = "Unable to open database /var/lib/quarn/mail/autoresponder/responder.db: unable to open database file"
+NO_OWNERS = NO_TABLE.format("SELECT real_owner FROM autoresponder WHERE mn=?", "autoresponder")
+NOT_READ = ["Unable to read data from database: database disk image is malformed",
+            "Error selecting autoresponder for mailname (user@example.org)"]
 
 
-@pytest.mark.parametrize(("command", "first", "records"), [
-    ("set-resp", 1, ["Unable to bind parameter keystr: column index out of range"]),
-    ("del-resp", 1, ["Unable to bind parameter mailname: column index out of range",
-                     "Error removing attachments for mailname (user@example.org)"]),
-    ("add-attach", 1, ["Unable to bind parameter mailname: column index out of range"]),
-    ("add-attach", 2, ["Unable to bind parameter filename: column index out of range"]),
-    ("del-attach", 1, ["Unable to bind parameter mailname: column index out of range"]),
-    ("del-attach", 2, ["Unable to bind parameter filename: column index out of range"]),
-])
-def test_a_value_that_cannot_be_bound_keeps_the_rows(mailbox, command, first, records):
-    result = run(mailbox, command, env=sqlite_shim.environment(mailbox, f"bind {first}"))
+@pytest.mark.parametrize(("args", "damage", "texts"), [
+    *((args, replace_by_directory, [NOT_OPENED]) for args in (ADD_NEW, DEL, DEL_RESP)),
+    (ADD_NEW, remove, [NO_OWNERS]), (DEL, remove, [NO_OWNERS]),
+    (DEL_RESP, remove, [NO_TABLE.format("DELETE FROM attachments WHERE mn=?", "attachments"), ERROR_REMOVING]),
+    (ADD_NEW, corrupt, NOT_READ), (DEL, corrupt, NOT_READ)])
+def test_database_that_cannot_be_read_keeps_the_files(box, args, damage, texts):
+    before = box.tree(MAIL_TREE)
+    damage(box)
 
-    assert (result.status, result.stdout) == (1, b"")
-    assert error_texts(result) == records
-    assert_rows_are_as_before(mailbox)
+    assert outcome(box.run(*args)) == (1, *texts)
+
+    assert box.tree(MAIL_TREE) == before
 
 
-# -- the list of headers, which is empty by then
+@pytest.mark.parametrize("args", [ADD_NEW, DEL], ids=lambda args: args[0])
+def test_mail_name_without_an_autoresponder_keeps_rows_and_files(box, args):
+    run_sql(box, "DELETE FROM autoresponder")
+    before = box.tree(MAIL_TREE)
+
+    assert outcome(box.run(*args)) == (1, "No autoresponder found for mailname (user@example.org)")
+
+    assert box.tree(MAIL_TREE) == before
+    assert attachment_rows(box) == [("user@example.org", "report.pdf")]
 
 
-def assert_list_is_empty(mailbox, result, text):
-    assert (result.status, result.stdout) == (1, b"")
-    assert error_texts(result) == [text]
-    assert headers(mailbox) == []
+# -- a database that cannot be written
+
+FILES_LEFT = {ADD_NEW: ["new.pdf", "report.pdf"], DEL: ["report.pdf"], DEL_RESP: []}
+NOT_ADDED = "Unable to add autoresponder attachment (user@example.org:new.pdf): "
+NOT_DELETED = "Unable to delete autoresponder attachment (user@example.org:report.pdf): "
+NOT_ENDED = "Unable to end sqlite transaction: "
 
 
-def test_a_header_transaction_that_cannot_begin_leaves_the_list_empty(mailbox):
-    result = run(mailbox, "set-extra-headers", env=sqlite_shim.environment(mailbox, "prepare BEGIN"))
+@pytest.mark.parametrize("action", ["ABORT", "FAIL", "ROLLBACK"])
+@pytest.mark.parametrize(("args", "event", "text"), [
+    (ADD_NEW, "INSERT", NOT_ADDED + "refused"), (DEL, "DELETE", NOT_DELETED + "refused")])
+def test_refused_row_discards_the_transaction(box, args, event, text, action):
+    run_sql(box, f"CREATE TRIGGER refuse BEFORE {event} ON attachments "
+                 f"BEGIN DELETE FROM autoresponder; SELECT RAISE({action}, 'refused'); END")
 
-    assert_list_is_empty(mailbox, result,
-                         "Unable to prepare SQL statement for query 'BEGIN TRANSACTION;': string or blob too big")
+    assert outcome(box.run(*args)) == (1, text)
 
-
-def test_a_header_transaction_that_is_refused_keeps_the_list(mailbox):
-    result = run(mailbox, "set-extra-headers", env=sqlite_shim.environment(mailbox, "begun"))
-
-    assert (result.status, result.stdout) == (1, b"")
-    assert error_texts(result) == [
-        "Unable to begin sqlite transaction: cannot start a transaction within a transaction"]
-    assert headers(mailbox) == [("X-Old", "yes")]  # it was emptied in the transaction that is lost
+    assert_rows_are_as_before(box)
+    assert files(box) == FILES_LEFT[args]
 
 
-def test_a_header_statement_that_cannot_be_prepared_leaves_the_list_empty(mailbox):
-    result = run(mailbox, "set-extra-headers", env=sqlite_shim.environment(mailbox, "prepare REPLACE"))
+@pytest.mark.parametrize(("args", "query"), [
+    (ADD_NEW, "REPLACE INTO attachments VALUES (?, ?  );"),
+    (DEL, "DELETE FROM attachments WHERE mn=? AND filename=?")])
+def test_missing_attachments_table_keeps_the_files(box, args, query):
+    run_sql(box, "DROP TABLE attachments")
 
-    assert_list_is_empty(mailbox, result,
-                         f"Unable to prepare SQL statement for query '{HEADER_QUERY}': string or blob too big")
+    assert outcome(box.run(*args)) == (1, NO_TABLE.format(query, "attachments"))
 
-
-@pytest.mark.parametrize(("first", "name"), [(1, "name"), (2, "value")])
-def test_a_header_that_cannot_be_bound_leaves_the_list_empty(mailbox, first, name):
-    result = run(mailbox, "set-extra-headers", env=sqlite_shim.environment(mailbox, f"bind {first}"))
-
-    assert_list_is_empty(mailbox, result, f"Unable to bind parameter {name}: column index out of range")
+    assert files(box) == FILES_LEFT[args]
 
 
-def test_headers_that_cannot_be_committed_leave_the_list_empty(mailbox):
-    result = run(mailbox, "set-extra-headers", env=sqlite_shim.environment(mailbox, "prepare END"))
+@pytest.mark.parametrize(("args", "path", "texts"), [
+    (ADD_NEW, DATABASE + "-journal", [NOT_ADDED + "disk I/O error"]),
+    (DEL, DATABASE + "-journal", [NOT_DELETED + "disk I/O error"]),
+    (DEL_RESP, DATABASE + "-journal", [
+        "Unable to delete from attachments (user@example.org): disk I/O error", ERROR_REMOVING,
+        NOT_ENDED + "cannot commit - no transaction is active"]),
+    *((args, DATABASE, [NOT_ENDED + "disk I/O error"]) for args in (ADD_NEW, DEL, DEL_RESP))])
+def test_disk_error_keeps_the_rows(box, make_sandbox, needs_tracing, args, path, texts):
+    twin = make_sandbox()
+    add_mailbox(twin)
+    add_attachment(twin)
+    fault = first_call_fails(twin, args, "pwrite64", path, "EIO")
 
-    assert_list_is_empty(mailbox, result,
-                         "Unable to prepare SQL statement for query 'END TRANSACTION;': string or blob too big")
+    result, _ = box.trace(*args, inject=[fault])
+
+    assert outcome(result) == (1, *texts)
+    assert_rows_are_as_before(box)
+    assert files(box) == FILES_LEFT[args]
 
 
-def test_headers_that_cannot_be_read_keep_the_list(mailbox):
-    result = mailbox.run("--set-extra-headers", stdin=None)
+# -- transactions and values
 
-    assert (result.status, error_texts(result)) == (1, ["Unable to read standard input: Bad file descriptor"])
-    assert headers(mailbox) == [("X-Old", "yes")]
+
+BEGIN_REFUSED = "Unable to begin sqlite transaction: cannot start a transaction within a transaction"
+NOT_PREPARED = "Unable to prepare SQL statement for query '{}': string or blob too big"
+NOT_BOUND = "Unable to bind parameter {}: column index out of range"
+
+
+@pytest.mark.parametrize("args", TRANSACTIONS, ids=lambda args: args[0])
+@pytest.mark.parametrize(("fault", "text"), [
+    ("begun", BEGIN_REFUSED), ("prepare BEGIN", NOT_PREPARED.format("BEGIN TRANSACTION;"))])
+def test_transaction_that_cannot_begin_changes_nothing(box, args, fault, text):
+    before = box.tree(MAIL_TREE)
+
+    assert outcome(box.run(*args, env=sqlite_shim.environment(box, fault))) == (1, text)
+
+    assert_rows_are_as_before(box)
+    assert box.tree(MAIL_TREE) == before
+
+
+@pytest.mark.parametrize("args", TRANSACTIONS, ids=lambda args: args[0])
+def test_end_that_cannot_be_prepared_keeps_the_rows(box, args):
+    result = box.run(*args, env=sqlite_shim.environment(box, "prepare END"))
+
+    assert outcome(result) == (1, NOT_PREPARED.format("END TRANSACTION;"))
+    assert_rows_are_as_before(box)
+
+
+@pytest.mark.parametrize(("args", "first", "records"), [
+    (SET_RESP, 1, [NOT_BOUND.format("keystr")]),
+    (DEL_RESP, 1, [NOT_BOUND.format("mailname"), ERROR_REMOVING]),
+    (ADD_NEW, 1, [NOT_BOUND.format("mailname")]), (ADD_NEW, 2, [NOT_BOUND.format("filename")]),
+    (DEL, 1, [NOT_BOUND.format("mailname")]), (DEL, 2, [NOT_BOUND.format("filename")])])
+def test_value_that_cannot_be_bound_keeps_the_rows(box, args, first, records):
+    assert outcome(box.run(*args, env=sqlite_shim.environment(box, f"bind {first}"))) == (1, *records)
+
+    assert_rows_are_as_before(box)
+
+
+@pytest.mark.parametrize(("fault", "text", "left"), [
+    ("begun", BEGIN_REFUSED, [("X-Old", "yes")]),  # the list was emptied in the transaction that is lost
+    ("prepare BEGIN", NOT_PREPARED.format("BEGIN TRANSACTION;"), []),
+    ("prepare REPLACE", NOT_PREPARED.format("REPLACE INTO extra_headers VALUES (?, ?  );"), []),
+    ("bind 1", NOT_BOUND.format("name"), []), ("bind 2", NOT_BOUND.format("value"), []),
+    ("prepare END", NOT_PREPARED.format("END TRANSACTION;"), [])])
+def test_headers_that_cannot_be_written_leave_the_list_empty(box, fault, text, left):
+    result = box.run(*SET_EXTRA_HEADERS, stdin=HEADERS, env=sqlite_shim.environment(box, fault))
+
+    assert outcome(result) == (1, text)
+    assert headers(box) == left
 
 
 # -- the pause on a locked database
 
 
-@each_command
-def test_a_pause_that_fails_ends_the_command_in_silence(mailbox, needs_tracing, command):
-    before = mailbox.tree(MAIL_TREE)
-    with contextlib.closing(mailbox.db()) as other:
+@pytest.mark.parametrize("args", [*TRANSACTIONS, SET_EXTRA_HEADERS], ids=lambda args: args[0])
+def test_pause_that_fails_ends_the_command_without_a_record(box, needs_tracing, args):
+    before = box.tree(MAIL_TREE)
+    with contextlib.closing(box.db()) as other:
         other.execute("BEGIN EXCLUSIVE")
-        result, calls = mailbox.trace(*COMMANDS[command], stdin=HEADERS, calls=BUSY_FIRST, inject=INTERRUPTED)
+        result, calls = box.trace(*args, stdin=HEADERS, calls="clock_nanosleep,nanosleep", inject=INTERRUPTED)
 
     assert any(call.injected for call in calls)
     assert result == Result(1, b"", b"", [])
-    assert_rows_are_as_before(mailbox)
-    assert headers(mailbox) == [("X-Old", "yes")]
-    assert mailbox.tree(MAIL_TREE) == before
+    assert_rows_are_as_before(box)
+    assert headers(box) == [("X-Old", "yes")]
+    assert box.tree(MAIL_TREE) == before
 
 
 # -- directories
 
 
-def test_an_emptied_directory_that_cannot_be_removed_is_told_and_the_rows_go(mailbox, needs_tracing):
-    mailbox.path(DIRECTORY + "/report.pdf").unlink()
-    make_directories(mailbox, DIRECTORY + "/old")
+def test_emptied_directory_that_cannot_be_removed_is_logged_and_the_rows_go(box, needs_tracing):
+    box.path(FILE).unlink()
+    make_directories(box, DIRECTORY + "/old")
 
-    # the first call finds out that it is a directory
-    result, _ = mailbox.trace(*COMMANDS["del-resp"], calls="unlinkat", inject=["unlinkat:error=EBUSY:when=2"])
+    # The first call finds out that it is a directory.
+    result, _ = box.trace(*DEL_RESP, calls="unlinkat", inject=["unlinkat:error=EBUSY:when=2"])
 
-    assert (result.status, error_texts(result)) == (0, [
-        f"Unable to remove autoresponder attachments: cannot remove {DIRECTORY}/old: Device or resource busy"])
-    assert sorted(mailbox.tree(DIRECTORY)) == [".", "old"]
-    assert (autoresponder_rows(mailbox), attachment_rows(mailbox)) == ([], [])
+    assert outcome(result) == (
+        0, f"Unable to remove autoresponder attachments: cannot remove {DIRECTORY}/old: Device or resource busy")
+    assert sorted(box.tree(DIRECTORY)) == [".", "old"]
+    assert (autoresponder_rows(box), attachment_rows(box)) == ([], [])
 
 
 # -- memory
 
 
-def test_without_memory_for_the_path_adding_an_attachment_ends_before_the_copy(mailbox):
-    environment = preload.environment(mailbox, """
+def test_missing_memory_for_the_path_ends_add_attach_before_the_copy(box):
+    environment = preload.environment(box, """
 #include <cerrno>
 #include <cstdarg>
 extern "C" int vasprintf(char **, const char *, va_list) { errno = ENOMEM; return -1; }
 extern "C" int __vasprintf_chk(char **, int, const char *, va_list) { errno = ENOMEM; return -1; }
 """)
-    before = mailbox.tree(MAIL_TREE)
+    before = box.tree(MAIL_TREE)
 
-    result = run(mailbox, "add-attach", env=environment)
+    result = box.run(*ADD_NEW, env=environment)
 
     message = b"Cannot allocate memory: Cannot allocate memory\nSystem error 12: Cannot allocate memory\n"
     assert result == Result(1, message, message, [])
-    assert_rows_are_as_before(mailbox)
-    assert mailbox.tree(MAIL_TREE) == before
+    assert_rows_are_as_before(box)
+    assert box.tree(MAIL_TREE) == before
 
 
 CALLED_BY_THE_TOOL = """
@@ -236,10 +254,10 @@ static bool called_by_the_tool(void *place)
 }
 """
 
-if not SANITIZED:  # AddressSanitizer brings its own allocator, and nothing gets in front of that
+if not sanitized():  # AddressSanitizer replaces the allocator, which cannot be preloaded then
 
-    def test_without_memory_for_the_configuration_the_defaults_hold(mailbox):
-        environment = preload.environment(mailbox, CALLED_BY_THE_TOOL + """
+    def test_missing_memory_for_the_configuration_leaves_the_defaults(box):
+        environment = preload.environment(box, CALLED_BY_THE_TOOL + """
 extern "C" void *__libc_calloc(size_t, size_t);
 extern "C" void *calloc(size_t count, size_t size)
 {
@@ -249,14 +267,13 @@ extern "C" void *calloc(size_t count, size_t size)
     return nullptr;
 }
 """)
-        mailbox.conf("QUARN_MAILNAMES_D /srv/mail\n")
+        box.conf("QUARN_MAILNAMES_D /srv/mail\n")
 
-        result = run(mailbox, "del-resp", env=environment)
+        result = box.run(*DEL_RESP, env=environment)
 
-        assert (result.status, result.stdout) == (0, b"")  # nothing goes to the console: the log is set up first
-        assert set(error_texts(result)) == {
-            "Not enough memory to allocate Quarn runtime configuration structure"}
-        assert mailbox.tree(DIRECTORY) == {".": ("dir", 0o700, *mailbox.popuser, None)}
+        # Nothing goes to the console: the log is open already.
+        assert set(outcome(result)) == {0, "Not enough memory to allocate Quarn runtime configuration structure"}
+        assert box.tree(DIRECTORY) == {".": ("dir", 0o700, *box.popuser, None)}
 
     NO_MEMORY_FOR_THE_MESSAGE = CALLED_BY_THE_TOOL + """
 extern "C" void *__libc_malloc(size_t);
@@ -269,19 +286,19 @@ extern "C" void *malloc(size_t size)
 }
 """
 
-    def test_without_memory_for_the_message_a_run_that_ends_says_so(mailbox):
-        environment = preload.environment(mailbox, NO_MEMORY_FOR_THE_MESSAGE)
-        mailbox.path(MAIL_TREE + "/example.org").rename(mailbox.path("/tmp/moved"))
-        put_file(mailbox, MAIL_TREE + "/example.org")  # in the way of the directory
+    def test_run_that_ends_reports_missing_memory_for_its_message(box):
+        environment = preload.environment(box, NO_MEMORY_FOR_THE_MESSAGE)
+        box.path(DOMAIN).rename(box.path("/tmp/moved"))
+        put_file(box, DOMAIN)  # in the way of the directory
 
-        result = run(mailbox, "add-attach", env=environment)
+        result = box.run(*ADD_NEW, env=environment)
 
         message = b"Can't allocate memory for error message\n"
         assert result == Result(1, message, message, [])
-        assert_rows_are_as_before(mailbox)
+        assert_rows_are_as_before(box)
 
-    def test_without_memory_for_the_message_a_run_that_goes_on_says_so_and_goes_on(mailbox):
-        environment = preload.environment(mailbox, NO_MEMORY_FOR_THE_MESSAGE + """
+    def test_run_that_goes_on_reports_missing_memory_for_each_message(box):
+        environment = preload.environment(box, NO_MEMORY_FOR_THE_MESSAGE + """
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
@@ -299,11 +316,11 @@ extern "C" int fchown(int fd, uid_t uid, gid_t gid)
     return fchownat(fd, "", uid, gid, AT_EMPTY_PATH);
 }
 """)
-        mailbox.path(MAIL_TREE + "/example.org").rename(mailbox.path("/tmp/moved"))
+        box.path(DOMAIN).rename(box.path("/tmp/moved"))
 
-        result = run(mailbox, "add-attach", env=environment)
+        result = box.run(*ADD_NEW, env=environment)
 
         message = b"Can't allocate memory for error message\n" * 3  # example.org, user and @attachments
         assert result == Result(0, message, message, [])
-        assert attachment_rows(mailbox) == [("user@example.org", "new.pdf"), ("user@example.org", "report.pdf")]
-        assert mailbox.path(DIRECTORY + "/new.pdf").read_bytes() == b"a new one"
+        assert attachment_rows(box) == [("user@example.org", "new.pdf"), ("user@example.org", "report.pdf")]
+        assert box.path(DIRECTORY + "/new.pdf").read_bytes() == b"the report"
