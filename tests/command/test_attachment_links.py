@@ -1,297 +1,377 @@
-"""The mail tree belongs to the mail user, and the tool walks it as root: whose links does it follow?"""
+"""Links in the mail tree, in which the tool works as root: it follows no link of other users, and links of root's only
+where no other user can redirect them."""
 
 import pytest
-from harness import Result
-from harness.mailboxes import (add_attachment_rows, add_autoresponder, attachment_rows, autoresponder_rows, error_texts,
+from harness import DONE, Result
+from harness.mailboxes import (ADD, DEL, DEL_RESP, DIRECTORY, DOMAIN, FILE, LOOP, MAIL_TREE, MAILBOX, MAILNAME, POPUSER,
+                               ROOT, STRANGER, add_attachment_rows, attachment_rows, autoresponder_rows,
                                make_directories, put_file, put_link)
+from harness.outcomes import outcome
 
-DOMAIN = "/var/qmail/mailnames/example.org"
-MAILBOX = "/var/qmail/mailnames/example.org/user"
-DIRECTORY = "/var/qmail/mailnames/example.org/user/@attachments"
-FILE = "/var/qmail/mailnames/example.org/user/@attachments/report.pdf"
-DIRECTORIES = [DOMAIN, MAILBOX, DIRECTORY]
-POPUSER = (1110, 31)
-STRANGERS = [POPUSER, (4321, 0)]  # the group that owns a link does not matter
-ROOT = (0, 0)
-DONE = Result(0, b"", b"", [])
-ROW = ("user@example.org", "report.pdf")
+REFUSALS = {
+    ADD: (1, f"Unable to move attachment /tmp/source to {FILE}: {LOOP}"),
+    DEL: (1, f"Unable to delete attachment {FILE}: {LOOP}"),
+    DEL_RESP: (0, f"Unable to remove autoresponder attachments: cannot open directory {DIRECTORY}: {LOOP}"),
+}
 
-ADD = ("--add-attach", "--mailname", "user@example.org", "--filename", "report.pdf", "--source", "/tmp/source")
-DEL = ("--del-attach", "--mailname", "user@example.org", "--filename", "report.pdf")
-DEL_RESP = ("--del-resp", "--mailname", "user@example.org")
+each_command = pytest.mark.parametrize("args", REFUSALS, ids=lambda args: args[0])
+each_deletion = pytest.mark.parametrize("args", [DEL, DEL_RESP], ids=lambda args: args[0])
 
 
 @pytest.fixture
-def mailbox(sandbox):
-    """A root with the autoresponder user@example.org and the file /tmp/source; the mail tree is empty."""
-    sandbox.init_db()
-    add_autoresponder(sandbox, "user@example.org")
-    put_file(sandbox, "/tmp/source", b"the report", owner=ROOT, mode=0o644)
-    return sandbox
+def box(mailbox):
+    """The mailbox with an empty mail tree, and root's directory /srv."""
+    make_directories(mailbox, "/srv", owner=ROOT, mode=0o755)
+    return mailbox
 
 
-def lead_astray(sandbox, link, owner, target="/srv/target"):
-    """Puts a link of `owner` in the place of the directory `link`; what should be below it is below the link's target,
-    with the attachment report.pdf in it. Answers where that directory of attachments really is."""
-    make_directories(sandbox, link.rpartition("/")[0])
-    real = target + DIRECTORY.removeprefix(link)
-    make_directories(sandbox, real)
-    put_file(sandbox, real + "/report.pdf", b"precious", owner=(11, 12), mode=0o604)
-    put_link(sandbox, link, target, owner)
-    return real
+def make_target(box, link, target="/srv/target", owner=POPUSER):
+    """Makes the directories that are expected below `link` below `target` instead, and the attachment report.pdf in the
+    last of them. `target` belongs to `owner`."""
+    make_directories(box, target, owner=owner, mode=0o755)
+    make_directories(box, target + DIRECTORY.removeprefix(link))
+    put_file(box, target + FILE.removeprefix(link), b"precious", owner=ROOT, mode=0o604)
 
 
-def everything(sandbox):
-    return sandbox.tree("/srv"), sandbox.tree("/var/qmail/mailnames")
+def everything(box):
+    return box.tree("/srv"), box.tree(MAIL_TREE)
 
 
-# -- --add-attach
+def assert_followed(box, args):
+    """Checks that the command does its work on the only file report.pdf below /srv."""
+    (path,) = box.path("/srv").rglob("report.pdf")
+    before = box.tree(MAIL_TREE)
+
+    assert box.run(*args) == DONE
+
+    left = box.tree(path.parent.relative_to(box.directory).as_posix())
+    del left["."]
+    assert left == ({"report.pdf": ("file", 0o604, *POPUSER, b"the report")} if args == ADD else {})
+    assert box.tree(MAIL_TREE) == before
 
 
-@pytest.mark.parametrize("owner", STRANGERS)
-@pytest.mark.parametrize("link", DIRECTORIES)
-def test_add_attach_refuses_a_directory_link_before_anything_is_copied(mailbox, link, owner):
-    lead_astray(mailbox, link, owner)
-    before = everything(mailbox)
+def assert_refused(box, args, **options):
+    """Checks that the command changes no file; the deletions have deleted their rows by then."""
+    if args != ADD:
+        add_attachment_rows(box, "user@example.org", "report.pdf")
+    before = everything(box)
 
-    result = mailbox.run(*ADD)
+    assert outcome(box.run(*args, **options)) == REFUSALS[args]
 
-    assert (result.status, result.stdout) == (1, b"")
-    assert error_texts(result) == [
-        "Unable to move attachment /tmp/source to "
-        "/var/qmail/mailnames/example.org/user/@attachments/report.pdf: Too many levels of symbolic links"]
-    assert everything(mailbox) == before
-    assert attachment_rows(mailbox) == []
+    assert everything(box) == before
+    assert attachment_rows(box) == []
+    assert (autoresponder_rows(box) == []) == (args == DEL_RESP)
 
 
-@pytest.mark.parametrize("link", DIRECTORIES)
-def test_add_attach_refuses_a_directory_link_before_anything_is_created(mailbox, link):
-    make_directories(mailbox, link.rpartition("/")[0])
-    make_directories(mailbox, "/srv/target")
-    put_link(mailbox, link, "/srv/target", POPUSER)
-    before = everything(mailbox)
-
-    result = mailbox.run(*ADD)
-
-    assert result.status == 1
-    assert error_texts(result) == [
-        "Unable to move attachment /tmp/source to "
-        "/var/qmail/mailnames/example.org/user/@attachments/report.pdf: Too many levels of symbolic links"]
-    assert everything(mailbox) == before
+# -- links that root does not own
 
 
-@pytest.mark.parametrize("link", DIRECTORIES)
-def test_add_attach_refuses_a_link_to_nothing(mailbox, link):
-    make_directories(mailbox, link.rpartition("/")[0])
-    put_link(mailbox, link, "/srv/target", POPUSER)
-    before = everything(mailbox)
+@each_command
+@pytest.mark.parametrize(("target", "owner"), [
+    ("/srv/target", POPUSER), ("/srv/target", STRANGER), ("/srv/empty", POPUSER), ("/srv/nothing", POPUSER)])
+@pytest.mark.parametrize("link", [DOMAIN, MAILBOX, DIRECTORY])
+def test_link_of_other_users_in_the_place_of_a_directory_is_refused(box, args, link, target, owner):
+    make_target(box, link)
+    make_directories(box, "/srv/empty")
+    make_directories(box, link.rpartition("/")[0])
+    put_link(box, link, target, owner)
 
-    result = mailbox.run(*ADD)
-
-    assert result.status == 1
-    assert error_texts(result) == [
-        "Unable to move attachment /tmp/source to "
-        "/var/qmail/mailnames/example.org/user/@attachments/report.pdf: Too many levels of symbolic links"]
-    assert everything(mailbox) == before
+    assert_refused(box, args)
 
 
-@pytest.mark.parametrize("link", DIRECTORIES)
-def test_add_attach_follows_a_directory_link_of_roots(mailbox, link):
-    real = lead_astray(mailbox, link, ROOT)
-
-    assert mailbox.run(*ADD) == DONE
-
-    assert mailbox.tree(real) == {".": ("dir", 0o700, 1110, 31, None),
-                                  "report.pdf": ("file", 0o604, 1110, 31, b"the report")}
-    assert attachment_rows(mailbox) == [ROW]
-
-
-@pytest.mark.parametrize(("link", "owner"), [(DOMAIN, ROOT), (MAILBOX, POPUSER)])
-def test_add_attach_makes_directories_behind_a_link_of_roots(mailbox, link, owner):
-    make_directories(mailbox, link.rpartition("/")[0])
-    make_directories(mailbox, "/srv/target", owner=owner, mode=0o755)
-    put_link(mailbox, link, "/srv/target", ROOT)
-
-    assert mailbox.run(*ADD) == DONE
-
-    made = mailbox.tree("/srv/target" + DIRECTORY.removeprefix(link))
-    assert made == {".": ("dir", 0o700, 1110, 31, None), "report.pdf": ("file", 0o644, 1110, 31, b"the report")}
-
-
-@pytest.mark.parametrize("owner", STRANGERS)
+@pytest.mark.parametrize("owner", [POPUSER, STRANGER])
 @pytest.mark.parametrize("target", ["/srv/precious", "/srv/nothing", "/srv", "report.pdf"])
-def test_add_attach_refuses_a_link_in_the_place_of_the_file(mailbox, owner, target):
-    make_directories(mailbox, DIRECTORY)
-    make_directories(mailbox, "/srv", owner=ROOT, mode=0o755)
-    put_file(mailbox, "/srv/precious", b"precious", owner=ROOT)
-    put_link(mailbox, FILE, target, owner)
-    before = everything(mailbox)
+def test_link_of_other_users_in_the_place_of_the_file_is_refused_by_add_attach(box, owner, target):
+    make_directories(box, DIRECTORY)
+    put_file(box, "/srv/precious", b"precious", owner=ROOT)
+    put_link(box, FILE, target, owner)
 
-    result = mailbox.run(*ADD)
-
-    assert (result.status, result.stdout) == (1, b"")
-    assert error_texts(result) == [
-        "Unable to move attachment /tmp/source to "
-        "/var/qmail/mailnames/example.org/user/@attachments/report.pdf: Too many levels of symbolic links"]
-    assert everything(mailbox) == before
-    assert attachment_rows(mailbox) == []
+    assert_refused(box, ADD)
 
 
-def test_add_attach_follows_a_link_of_roots_in_the_place_of_the_file(mailbox):
-    make_directories(mailbox, DIRECTORY)
-    make_directories(mailbox, "/srv", owner=ROOT, mode=0o755)
-    put_file(mailbox, "/srv/shared", b"older", mode=0o640)
-    put_link(mailbox, FILE, "/srv/shared", ROOT)
+@pytest.mark.parametrize("owner", [POPUSER, ROOT])
+@pytest.mark.parametrize("target", ["/srv/precious", "/srv/nothing", "/srv"])
+def test_link_in_the_place_of_the_file_is_unlinked_by_del_attach(box, owner, target):
+    make_directories(box, DIRECTORY)
+    put_file(box, "/srv/precious", b"precious", owner=ROOT)
+    put_link(box, FILE, target, owner)
+    add_attachment_rows(box, "user@example.org", "report.pdf")
+    before = box.tree("/srv")
 
-    assert mailbox.run(*ADD) == DONE
+    assert box.run(*DEL) == DONE
 
-    assert mailbox.tree("/srv")["shared"] == ("file", 0o640, 1110, 31, b"the report")
-    assert mailbox.tree(DIRECTORY)["report.pdf"] == ("link", 0o777, 0, 0, "/srv/shared")
-    assert attachment_rows(mailbox) == [ROW]
+    assert sorted(box.tree(DIRECTORY)) == ["."]
+    assert box.tree("/srv") == before
+    assert attachment_rows(box) == []
 
 
-def test_add_attach_runs_no_copy_when_it_refuses(mailbox, needs_tracing):
-    lead_astray(mailbox, DIRECTORY, POPUSER)
+def test_add_attach_runs_no_copy_when_it_refuses(box, needs_tracing):
+    make_target(box, DIRECTORY)
+    make_directories(box, MAILBOX)
+    put_link(box, DIRECTORY, "/srv/target", POPUSER)
 
-    result, calls = mailbox.trace(*ADD, calls="execve,/mkdir,/chown,/clone,/fork")
+    result, calls = box.trace(*ADD, calls="execve,/mkdir,/chown,/clone,/fork")
 
     assert result.status == 1
     assert [call.strings[0] for call in calls] == ["/usr/sbin/arspctl"]
 
 
-def test_links_above_the_mail_tree_are_not_the_mail_users(mailbox):
-    make_directories(mailbox, "/srv/mail", owner=ROOT, mode=0o755)
-    mailbox.path("/var/qmail/mailnames").rmdir()
-    put_link(mailbox, "/var/qmail/mailnames", "/srv/mail", (4321, 4321))
+def test_link_of_any_user_above_the_mail_tree_is_followed(box):
+    make_directories(box, "/srv/mail", owner=ROOT, mode=0o755)
+    box.path(MAIL_TREE).rmdir()
+    put_link(box, MAIL_TREE, "/srv/mail", (4321, 4321))
 
-    assert mailbox.run(*ADD) == DONE
+    assert box.run(*ADD) == DONE
 
-    assert mailbox.tree("/srv/mail/example.org/user/@attachments")["report.pdf"] == (
-        "file", 0o644, 1110, 31, b"the report")
-
-
-# -- --del-attach
+    assert box.tree("/srv/mail/example.org/user/@attachments")["report.pdf"] == (
+        "file", 0o644, *POPUSER, b"the report")
 
 
-@pytest.mark.parametrize("owner", STRANGERS)
-@pytest.mark.parametrize("link", DIRECTORIES)
-def test_del_attach_refuses_a_directory_link_when_the_row_is_gone(mailbox, link, owner):
-    lead_astray(mailbox, link, owner)
-    add_attachment_rows(mailbox, "user@example.org", "report.pdf")
-    before = everything(mailbox)
+@pytest.mark.parametrize(("owner", "ending"), [
+    (POPUSER, (1, f"Unable to delete attachment {DIRECTORY}/sub/x: {LOOP}")), (ROOT, (0,))])
+def test_del_attach_of_a_name_with_slashes_follows_only_links_of_roots(box, owner, ending):
+    make_directories(box, DIRECTORY)
+    make_directories(box, "/srv/target")
+    put_file(box, "/srv/target/x", b"precious", owner=ROOT)
+    put_link(box, DIRECTORY + "/sub", "/srv/target", owner)
 
-    result = mailbox.run(*DEL)
+    assert outcome(box.run("--del-attach", *MAILNAME, "--filename", "sub/x")) == ending
 
-    assert (result.status, result.stdout) == (1, b"")
-    assert error_texts(result) == [
-        "Unable to delete attachment "
-        "/var/qmail/mailnames/example.org/user/@attachments/report.pdf: Too many levels of symbolic links"]
-    assert everything(mailbox) == before
-    assert attachment_rows(mailbox) == []
-
-
-@pytest.mark.parametrize("link", DIRECTORIES)
-def test_del_attach_follows_a_directory_link_of_roots(mailbox, link):
-    real = lead_astray(mailbox, link, ROOT)
-
-    assert mailbox.run(*DEL) == DONE
-
-    assert mailbox.tree(real) == {".": ("dir", 0o700, 1110, 31, None)}
-    assert mailbox.path(link).is_symlink()
+    assert box.path("/srv/target/x").exists() == (owner == POPUSER)
 
 
 @pytest.mark.parametrize("owner", [POPUSER, ROOT])
-@pytest.mark.parametrize("target", ["/srv/precious", "/srv/nothing", "/srv"])
-def test_del_attach_unlinks_a_link_in_the_place_of_the_file(mailbox, owner, target):
-    make_directories(mailbox, DIRECTORY)
-    make_directories(mailbox, "/srv", owner=ROOT, mode=0o755)
-    put_file(mailbox, "/srv/precious", b"precious", owner=ROOT)
-    put_link(mailbox, FILE, target, owner)
-    add_attachment_rows(mailbox, "user@example.org", "report.pdf")
-    before = mailbox.tree("/srv")
+def test_del_resp_removes_the_links_inside_and_leaves_their_targets(box, owner):
+    make_directories(box, DIRECTORY + "/sub")
+    make_directories(box, "/srv/below", owner=ROOT, mode=0o755)
+    for path in ("/srv/precious", "/srv/below/precious"):
+        put_file(box, path, b"precious", owner=ROOT)
+    for name, target in {"file": "/srv/precious", "directory": "/srv/below", "nothing": "/srv/nothing", "up": "..",
+                         "self": "self", "sub/directory": "/srv/below", "sub/file": "/srv/precious"}.items():
+        put_link(box, f"{DIRECTORY}/{name}", target, owner)
+    before = box.tree("/srv")
 
-    assert mailbox.run(*DEL) == DONE
+    assert box.run(*DEL_RESP) == DONE
 
-    assert sorted(mailbox.tree(DIRECTORY)) == ["."]
-    assert mailbox.tree("/srv") == before
-    assert attachment_rows(mailbox) == []
-
-
-@pytest.mark.parametrize(("owner", "status"), [(POPUSER, 1), (ROOT, 0)])
-def test_del_attach_of_a_name_with_slashes_follows_only_links_of_roots(mailbox, owner, status):
-    make_directories(mailbox, DIRECTORY)
-    make_directories(mailbox, "/srv")
-    put_file(mailbox, "/srv/x", b"precious", owner=ROOT)
-    put_link(mailbox, DIRECTORY + "/sub", "/srv", owner)
-
-    result = mailbox.run("--del-attach", "--mailname", "user@example.org", "--filename", "sub/x")
-
-    assert result.status == status
-    assert mailbox.path("/srv/x").exists() == (status == 1)
-    assert error_texts(result) == [
-        "Unable to delete attachment "
-        "/var/qmail/mailnames/example.org/user/@attachments/sub/x: Too many levels of symbolic links"][:status]
+    assert box.tree(DIRECTORY) == {".": ("dir", 0o700, *POPUSER, None)}
+    assert box.tree("/srv") == before
 
 
-# -- --del-resp
+def test_del_resp_does_not_enter_a_link_that_replaced_a_directory(box, needs_tracing):
+    make_target(box, DIRECTORY)
+    make_directories(box, DIRECTORY)
+    put_link(box, DIRECTORY + "/papers", "/srv/target", POPUSER)
+    before = everything(box)
+
+    result, _ = box.trace(*DEL_RESP, inject=["unlinkat:error=EISDIR:when=1"])
+
+    assert outcome(result) == (0, "Unable to remove autoresponder attachments: cannot open directory "
+                                  "/var/qmail/mailnames/example.org/user/@attachments/papers: Not a directory")
+    assert everything(box) == before
 
 
-@pytest.mark.parametrize("owner", STRANGERS)
-@pytest.mark.parametrize("link", DIRECTORIES)
-def test_del_resp_clears_nothing_behind_a_directory_link_and_goes_on(mailbox, link, owner):
-    lead_astray(mailbox, link, owner)
-    add_attachment_rows(mailbox, "user@example.org", "report.pdf")
-    before = everything(mailbox)
-
-    result = mailbox.run(*DEL_RESP)
-
-    assert (result.status, result.stdout) == (0, b"")
-    assert error_texts(result) == [
-        "Unable to remove autoresponder attachments: cannot open directory "
-        "/var/qmail/mailnames/example.org/user/@attachments: Too many levels of symbolic links"]
-    assert everything(mailbox) == before
-    assert attachment_rows(mailbox) == []
-    assert autoresponder_rows(mailbox) == []
+# -- links of root's, by the directory that they are in
 
 
-@pytest.mark.parametrize("link", DIRECTORIES)
-def test_del_resp_follows_a_directory_link_of_roots(mailbox, link):
-    real = lead_astray(mailbox, link, ROOT)
+@each_command
+@pytest.mark.parametrize(("link", "owner", "mode", "target_owner"), [
+    (DOMAIN, ROOT, 0o755, POPUSER), (MAILBOX, POPUSER, 0o700, POPUSER), (DIRECTORY, POPUSER, 0o700, POPUSER),
+    (MAILBOX, ROOT, 0o755, ROOT), (MAILBOX, ROOT, 0o700, STRANGER), (MAILBOX, (0, 31), 0o2755, ROOT)])
+def test_link_of_roots_leads_to_the_mail_users_directory_or_anywhere_if_only_root_can_move_it(
+        box, args, link, owner, mode, target_owner):
+    make_directories(box, link.rpartition("/")[0], owner=owner, mode=mode)
+    make_directories(box, "/srv/private", owner=ROOT, mode=0o700)
+    make_target(box, link, "/srv/private/mail", owner=target_owner)
+    put_link(box, link, "/srv/private/mail", ROOT)
 
-    assert mailbox.run(*DEL_RESP) == DONE
-
-    assert mailbox.tree(real) == {".": ("dir", 0o700, 1110, 31, None)}
-    assert mailbox.path(link).is_symlink()
-
-
-@pytest.mark.parametrize("owner", [POPUSER, ROOT])
-def test_del_resp_removes_the_links_inside_and_leaves_their_targets(mailbox, owner):
-    make_directories(mailbox, DIRECTORY + "/sub")
-    make_directories(mailbox, "/srv/below", owner=ROOT, mode=0o755)
-    put_file(mailbox, "/srv/precious", b"precious", owner=ROOT)
-    put_file(mailbox, "/srv/below/precious", b"precious", owner=ROOT)
-    for name, target in (("file", "/srv/precious"), ("directory", "/srv/below"), ("nothing", "/srv/nothing"),
-                         ("up", ".."), ("self", "self"), ("sub/directory", "/srv/below"), ("sub/file", "/srv/precious")):
-        put_link(mailbox, f"{DIRECTORY}/{name}", target, owner)
-    before = mailbox.tree("/srv")
-
-    assert mailbox.run(*DEL_RESP) == DONE
-
-    assert mailbox.tree(DIRECTORY) == {".": ("dir", 0o700, 1110, 31, None)}
-    assert mailbox.tree("/srv") == before
-    assert mailbox.path(DIRECTORY).exists()
+    assert_followed(box, args)
 
 
-def test_del_resp_does_not_enter_a_link_that_was_a_directory_a_moment_ago(mailbox, needs_tracing):
-    make_directories(mailbox, "/srv/target")
-    put_file(mailbox, "/srv/target/report.pdf", b"precious")
-    make_directories(mailbox, DIRECTORY)
-    put_link(mailbox, DIRECTORY + "/papers", "/srv/target", POPUSER)
-    before = everything(mailbox)
+@each_command
+@pytest.mark.parametrize(("link", "owner", "mode", "target_owner"), [
+    (MAILBOX, POPUSER, 0o700, ROOT), (MAILBOX, POPUSER, 0o700, STRANGER), (DIRECTORY, POPUSER, 0o700, ROOT),
+    (DIRECTORY, POPUSER, 0o700, STRANGER), (MAILBOX, ROOT, 0o775, ROOT), (MAILBOX, ROOT, 0o757, ROOT),
+    (MAILBOX, ROOT, 0o1777, ROOT), (MAILBOX, (0, 31), 0o770, ROOT), (MAILBOX, POPUSER, 0o500, ROOT),
+    (MAILBOX, STRANGER, 0o755, ROOT)])
+def test_link_of_roots_that_others_can_move_leads_to_no_directory_but_the_mail_users(
+        box, args, link, owner, mode, target_owner):
+    make_directories(box, link.rpartition("/")[0], owner=owner, mode=mode)
+    make_target(box, link, owner=target_owner)
+    put_link(box, link, "/srv/target", ROOT)
 
-    result, _ = mailbox.trace(*DEL_RESP, inject=["unlinkat:error=EISDIR:when=1"])
+    assert_refused(box, args)
 
-    assert result.status == 0
-    assert error_texts(result) == ["Unable to remove autoresponder attachments: cannot open directory "
-                                   "/var/qmail/mailnames/example.org/user/@attachments/papers: Not a directory"]
-    assert everything(mailbox) == before
+
+@each_deletion
+@pytest.mark.parametrize(("owner", "check"), [(ROOT, assert_followed), (POPUSER, assert_refused)])
+def test_without_the_mail_user_links_of_roots_are_followed_in_directories_of_roots_only(box, args, owner, check):
+    make_directories(box, DOMAIN, owner=owner, mode=0o755)
+    make_target(box, MAILBOX)
+    put_link(box, MAILBOX, "/srv/target", ROOT)
+    box.popuser_exists(False)
+
+    check(box, args)
+
+
+@pytest.mark.parametrize(("link", "owner"), [(DOMAIN, ROOT), (MAILBOX, POPUSER)])
+def test_add_attach_makes_directories_behind_a_link_of_roots(box, link, owner):
+    make_directories(box, link.rpartition("/")[0])
+    make_directories(box, "/srv/target", owner=owner, mode=0o755)
+    put_link(box, link, "/srv/target", ROOT)
+
+    assert box.run(*ADD) == DONE
+
+    assert box.tree("/srv/target" + DIRECTORY.removeprefix(link)) == {
+        ".": ("dir", 0o700, *POPUSER, None), "report.pdf": ("file", 0o644, *POPUSER, b"the report")}
+
+
+@pytest.mark.parametrize(("directory_owner", "file_owner", "refused"), [
+    (POPUSER, POPUSER, False), (POPUSER, ROOT, True), (POPUSER, STRANGER, True), (ROOT, ROOT, False),
+    (ROOT, POPUSER, False)])
+def test_link_of_roots_in_the_place_of_the_file_leads_to_the_mail_users_files_where_others_can_move_it(
+        box, directory_owner, file_owner, refused):
+    make_directories(box, MAILBOX)
+    make_directories(box, DIRECTORY, owner=directory_owner, mode=0o755)
+    put_file(box, "/srv/shared", b"older", owner=file_owner, mode=0o640)
+    put_link(box, FILE, "/srv/shared", ROOT)
+
+    if refused:
+        assert_refused(box, ADD)
+    else:
+        assert box.run(*ADD) == DONE
+        assert box.tree("/srv")["shared"] == ("file", 0o640, *POPUSER, b"the report")
+        assert box.tree(DIRECTORY)["report.pdf"] == ("link", 0o777, *ROOT, "/srv/shared")
+        assert attachment_rows(box) == [("user@example.org", "report.pdf")]
+
+
+@pytest.mark.parametrize("env", [{}, {"POSIXLY_CORRECT": "1"}])  # with it, cp makes the target of a link
+def test_link_of_roots_in_the_place_of_the_file_makes_no_file_where_others_can_move_it(box, env):
+    make_directories(box, DIRECTORY)
+    put_link(box, FILE, "/srv/nothing", ROOT)
+
+    assert_refused(box, ADD, env={"PATH": "/usr/bin", **env})
+
+
+# -- links and directories in the text of root's link
+
+
+@each_command
+@pytest.mark.parametrize(("text", "current", "www_owner", "link_owner"), [
+    ("/srv/www/current/mail", "/srv/releases", ROOT, STRANGER),
+    ("../../../srv/www/current/mail", "../releases", ROOT, POPUSER),
+    ("/srv//www/./current/mail/", "../../../srv/releases/", ROOT, STRANGER),
+    ("/srv/www/../www/current/mail/.", "./../www/../releases//", ROOT, ROOT),
+    ("/srv/www/current/mail", "/srv/releases", STRANGER, ROOT)])  # root's link to the mail user's directory
+def test_links_of_roots_and_links_in_a_directory_of_roots_are_followed_on_the_way(
+        box, args, text, current, www_owner, link_owner):
+    make_directories(box, "/srv/www", owner=www_owner, mode=0o755)
+    make_target(box, DOMAIN, "/srv/releases/mail")
+    put_link(box, "/srv/www/current", current, link_owner)
+    put_link(box, DOMAIN, text, ROOT)
+
+    assert_followed(box, args)
+
+
+@each_command
+@pytest.mark.parametrize(("text", "www_owner", "mode", "link_owner"), [
+    ("/srv/www/current/mail", ROOT, 0o775, STRANGER), ("/srv/www/current/mail", ROOT, 0o1777, POPUSER),
+    ("/srv/www/current/mail", POPUSER, 0o755, POPUSER), ("/srv/www/current/mail", STRANGER, 0o500, POPUSER),
+    ("../../../srv/www/current/mail", STRANGER, 0o755, STRANGER), ("/srv/www/current/mail", STRANGER, 0o755, ROOT)])
+def test_links_that_others_can_exchange_are_not_followed_on_the_way(box, args, text, www_owner, mode, link_owner):
+    make_directories(box, "/srv/www", owner=www_owner, mode=mode)
+    make_directories(box, "/srv/releases", owner=ROOT, mode=0o755)
+    make_target(box, DOMAIN, "/srv/releases/mail")
+    put_link(box, "/srv/www/current", "/srv/releases", link_owner)
+    put_link(box, DOMAIN, text, ROOT)
+
+    assert_refused(box, args)
+
+
+@each_command
+def test_directories_of_any_owner_are_passed_on_the_way(box, args):
+    make_directories(box, "/srv/www", owner=STRANGER, mode=0o777)
+    make_target(box, DOMAIN, "/srv/www/mail")
+    put_link(box, DOMAIN, "/srv/www/mail", ROOT)
+
+    assert_followed(box, args)
+
+
+@each_command
+def test_link_of_the_mail_users_behind_a_link_of_roots_is_refused(box, args):
+    make_target(box, MAILBOX, "/srv/foreign", owner=ROOT)
+    make_directories(box, "/srv/target", owner=ROOT, mode=0o755)
+    put_link(box, "/srv/target/user", "/srv/foreign", POPUSER)
+    put_link(box, DOMAIN, "/srv/target", ROOT)
+
+    assert_refused(box, args)
+
+
+def test_link_in_the_place_of_the_file_leads_through_no_link_that_others_can_exchange(box):
+    make_directories(box, DIRECTORY, owner=ROOT, mode=0o755)
+    make_directories(box, "/srv/www", owner=STRANGER, mode=0o755)
+    put_file(box, "/srv/shared", b"older", owner=POPUSER)
+    put_link(box, "/srv/www/current", "/srv", STRANGER)
+    put_link(box, FILE, "/srv/www/current/shared", ROOT)
+
+    assert_refused(box, ADD)
+
+
+# -- the limits of the system
+
+
+@each_command
+def test_text_as_long_as_a_link_can_hold_is_followed(box, args):
+    make_target(box, DOMAIN)
+    text = "/srv" + "/." * 2042 + "/target"
+    assert len(text) == 4095
+    put_link(box, DOMAIN, text, ROOT)
+
+    assert_followed(box, args)
+
+
+def put_chain(box, link, count, target):
+    """Makes `link` lead to `target` through `count` links of root's, itself included; the others are in /srv."""
+    links = [link, *(f"/srv/{link.rpartition('/')[2]}{number}" for number in range(1, count))]
+    for path, text in zip(links, [*links[1:], target]):
+        put_link(box, path, text, ROOT)
+
+
+@each_command
+def test_forty_links_are_followed(box, args):
+    make_target(box, DOMAIN)
+    put_chain(box, DOMAIN, 40, "/srv/target")
+
+    assert_followed(box, args)
+
+
+@each_command
+def test_forty_one_links_are_refused(box, args):
+    make_target(box, DOMAIN)
+    put_chain(box, DOMAIN, 41, "/srv/target")
+
+    if args == ADD:
+        printed = f"Cannot create directory {MAILBOX}: {LOOP}\nSystem error 40: {LOOP}\n".encode()
+        assert box.run(*ADD) == Result(1, printed, printed, [])
+    else:
+        assert_refused(box, args)
+
+
+@each_deletion
+def test_links_of_the_whole_path_add_up(box, args):
+    make_directories(box, "/srv/domain", owner=ROOT, mode=0o755)
+    make_target(box, MAILBOX)
+    put_chain(box, DOMAIN, 21, "/srv/domain")
+    put_chain(box, "/srv/domain/user", 20, "/srv/target")
+
+    assert_refused(box, args)
+
+
+@each_deletion
+def test_links_that_multiply_are_refused(box, args):
+    make_target(box, DOMAIN)
+    for number in range(30):
+        put_link(box, f"/srv/{number}", f"/srv/{number + 1}/../{number + 1}", ROOT)
+    put_link(box, "/srv/30", "/srv/target", ROOT)
+    put_link(box, DOMAIN, "/srv/0", ROOT)
+
+    assert_refused(box, args)
