@@ -1,15 +1,12 @@
 """What the mail user can do to the mail tree while a run is at work in it."""
 
 import ctypes
-import fcntl
 import itertools
 import os
-import signal
 import socket
 from pathlib import Path
 
 from . import preload
-from .waiting import until
 
 AT_FDCWD = -100
 RENAME_EXCHANGE = 2
@@ -45,19 +42,3 @@ def attacked_runs(sandbox, args, prepare, attack):
         if not held:
             assert number > 1, "no call was held"
             return
-
-
-class Lease:
-    """A lease on the file `path`, seen from outside: a program that opens the file to write to it is held."""
-
-    def __init__(self, path):
-        self._file = open(path, "rb")
-        fcntl.fcntl(self._file, fcntl.F_SETSIG, signal.SIGURG)  # the holder is sent this one, and ignores it
-        fcntl.fcntl(self._file, fcntl.F_SETLEASE, fcntl.F_RDLCK)
-
-    def wait_for_writer(self):
-        until(lambda: fcntl.fcntl(self._file, fcntl.F_GETLEASE) != fcntl.F_RDLCK, "a program opens the file to write")
-
-    def release(self):
-        """Lets the writer go on."""
-        self._file.close()
