@@ -5,7 +5,7 @@ import os
 import shutil
 
 import pytest
-from harness import DONE, Result, needs_tracing, preload
+from harness import DONE, Result, preload
 from harness.sandbox import DATABASE
 
 ADDRESS = ["--mailname", "user@example.org"]
@@ -373,9 +373,8 @@ def test_copy_with_broken_streams_reports_its_own_status(filled):
 # -- output in pieces
 
 
-@needs_tracing
 @pytest.mark.parametrize("fault", ["EINTR", "EAGAIN"])
-def test_interrupted_or_delayed_output_is_continued(sandbox, fault):
+def test_interrupted_or_delayed_output_is_continued(sandbox, needs_tracing, fault):
     result, calls = sandbox.trace("--help", calls="writev,poll", inject=[f"writev:error={fault}:when=1"])
 
     assert [call.name for call in calls][-3:] == ["writev", "poll", "writev"]
@@ -383,16 +382,14 @@ def test_interrupted_or_delayed_output_is_continued(sandbox, fault):
     assert (result.status, result.stdout) == (1, HELP)
 
 
-@needs_tracing
 @pytest.mark.parametrize("written", [1, 100, len(HELP) - 1])
-def test_output_continues_after_a_short_write(sandbox, written):
+def test_output_continues_after_a_short_write(sandbox, needs_tracing, written):
     result, _ = sandbox.trace("--help", inject=[f"writev:retval={written}:when=1"])
 
     assert (result.status, result.stdout) == (1, HELP[written:])
 
 
-@needs_tracing
-def test_error_is_one_write(sandbox):
+def test_error_is_one_write(sandbox, needs_tracing):
     result, calls = sandbox.trace("--no-such-option", calls="write,writev")
 
     assert result.stdout == b"Error: unrecognised option '--no-such-option'\n"

@@ -1,13 +1,10 @@
 """The other side of the database: an independent process, tests/outside/mail_side.py, which replies to mail."""
 
 import contextlib
-import json
-import subprocess
-import sys
 
 import pytest
 from harness import DONE
-from harness.private_root import REPOSITORY
+from harness.mail_side import MailSide
 from harness.sandbox import DATABASE
 from harness.waiting import until_it_retries
 
@@ -22,26 +19,8 @@ COMMANDS = {
 }
 
 
-class MailSide:
-    """The process, and the requests to it."""
-
-    def __init__(self, sandbox):
-        program = REPOSITORY / "tests" / "outside" / "mail_side.py"
-        uid, gid = sandbox.popuser
-        self._process = subprocess.Popen([sys.executable, program, sandbox.directory, str(uid), str(gid)],
-                                         stdin=subprocess.PIPE, stdout=subprocess.PIPE, text=True)
-        assert self.ask("sql", "SELECT 1") == [[1]]  # connected: from here on a test may replace the file
-
-    def begin(self, *request):
-        """Sends a request without waiting for its result."""
-        print(json.dumps(request), file=self._process.stdin, flush=True)
-
-    def result(self):
-        return json.loads(self._process.stdout.readline())
-
-    def ask(self, *request):
-        self.begin(*request)
-        return self.result()
+class Replies(MailSide):
+    """The mail side, with its most frequent requests."""
 
     def reply(self, mailbox=INFO, sender=SENDER):
         return self.ask("answer", mailbox, sender, NOW)
@@ -53,12 +32,6 @@ class MailSide:
         """The rows that commands change."""
         tables = ("autoresponder", "attachments", "extra_headers")
         return [self.ask("sql", f"SELECT * FROM {table}") for table in tables]
-
-    def leave(self):
-        self._process.stdin.close()
-        status = self._process.wait()
-        self._process.stdout.close()
-        assert status == 0
 
 
 @pytest.fixture
@@ -72,7 +45,7 @@ def box(sandbox):
 @pytest.fixture
 def mail_side(box):
     """The mail side at work in that root."""
-    side = MailSide(box)
+    side = Replies(box)
     yield side
     side.leave()
 
