@@ -4,12 +4,11 @@ import contextlib
 
 import pytest
 from harness import Result, preload, sqlite_shim
-from harness.faults import first_call_fails
-from harness.mailboxes import (ADD_NEW, DEL, DEL_RESP, DIRECTORY, DOMAIN, FILE, MAIL_TREE, SET_EXTRA_HEADERS, SET_RESP,
-                               add_attachment, add_mailbox, attachment_rows, autoresponder_rows, corrupt_page_of,
+from harness.mailboxes import (ADD_NEW, DEL, DEL_RESP, DIRECTORY, DOMAIN, FILE, MAIL_TREE, MAILBOX, SET_EXTRA_HEADERS,
+                               SET_RESP, attachment_rows, autoresponder_rows, corrupt_page_of,
                                make_directories, put_file, run_sql)
 from harness.outcomes import outcome
-from harness.sandbox import DATABASE, sanitized
+from harness.sandbox import DATABASE
 
 HEADERS = b'{"X-New": "yes"}'
 TRANSACTIONS = [SET_RESP, DEL_RESP, ADD_NEW, DEL]
@@ -124,13 +123,8 @@ def test_missing_attachments_table_keeps_the_files(box, args, query):
         "Unable to delete from attachments (user@example.org): disk I/O error", ERROR_REMOVING,
         NOT_ENDED + "cannot commit - no transaction is active"]),
     *((args, DATABASE, [NOT_ENDED + "disk I/O error"]) for args in (ADD_NEW, DEL, DEL_RESP))])
-def test_disk_error_keeps_the_rows(box, make_sandbox, needs_tracing, args, path, texts):
-    twin = make_sandbox()
-    add_mailbox(twin)
-    add_attachment(twin)
-    fault = first_call_fails(twin, args, "pwrite64", path, "EIO")
-
-    result, _ = box.trace(*args, inject=[fault])
+def test_disk_error_keeps_the_rows(box, needs_tracing, args, path, texts):
+    result, _ = box.trace(*args, inject=["pwrite64:error=EIO:when=1"], paths=[path])
 
     assert outcome(result) == (1, *texts)
     assert_rows_are_as_before(box)
@@ -226,15 +220,9 @@ def test_emptied_directory_that_cannot_be_removed_is_logged_and_the_rows_go(box,
 
 
 def test_missing_memory_for_the_path_ends_add_attach_before_the_copy(box):
-    environment = preload.environment(box, """
-#include <cerrno>
-#include <cstdarg>
-extern "C" int vasprintf(char **, const char *, va_list) { errno = ENOMEM; return -1; }
-extern "C" int __vasprintf_chk(char **, int, const char *, va_list) { errno = ENOMEM; return -1; }
-""")
     before = box.tree(MAIL_TREE)
 
-    result = box.run(*ADD_NEW, env=environment)
+    result = box.run(*ADD_NEW, env=preload.environment(box, ALLOCATION_FAILS="vasprintf"))
 
     message = b"Cannot allocate memory: Cannot allocate memory\nSystem error 12: Cannot allocate memory\n"
     assert result == Result(1, message, message, [])
@@ -242,85 +230,37 @@ extern "C" int __vasprintf_chk(char **, int, const char *, va_list) { errno = EN
     assert box.tree(MAIL_TREE) == before
 
 
-CALLED_BY_THE_TOOL = """
-#include <cerrno>
-#include <cstddef>
-#include <cstring>
-#include <dlfcn.h>
-static bool called_by_the_tool(void *place)
-{
-    Dl_info caller;
-    return dladdr(place, &caller) != 0 && std::strstr(caller.dli_fname, "arspctl") != nullptr;
-}
-"""
+@pytest.mark.unsanitized
+def test_missing_memory_for_the_configuration_leaves_the_defaults(box):
+    box.conf("QUARN_MAILNAMES_D /srv/mail\n")
 
-if not sanitized():  # AddressSanitizer replaces the allocator, which cannot be preloaded then
+    result = box.run(*DEL_RESP, env=preload.environment(box, ALLOCATION_FAILS="=32"))
 
-    def test_missing_memory_for_the_configuration_leaves_the_defaults(box):
-        environment = preload.environment(box, CALLED_BY_THE_TOOL + """
-extern "C" void *__libc_calloc(size_t, size_t);
-extern "C" void *calloc(size_t count, size_t size)
-{
-    if (count != 1 || size != 32 || !called_by_the_tool(__builtin_return_address(0)))
-        return __libc_calloc(count, size);
-    errno = ENOMEM;
-    return nullptr;
-}
-""")
-        box.conf("QUARN_MAILNAMES_D /srv/mail\n")
+    # Nothing goes to the console: the log is open already.
+    assert set(outcome(result)) == {0, "Not enough memory to allocate Quarn runtime configuration structure"}
+    assert box.tree(DIRECTORY) == {".": ("dir", 0o700, *box.popuser, None)}
 
-        result = box.run(*DEL_RESP, env=environment)
 
-        # Nothing goes to the console: the log is open already.
-        assert set(outcome(result)) == {0, "Not enough memory to allocate Quarn runtime configuration structure"}
-        assert box.tree(DIRECTORY) == {".": ("dir", 0o700, *box.popuser, None)}
+@pytest.mark.unsanitized
+def test_run_that_ends_reports_missing_memory_for_its_message(box):
+    box.path(DOMAIN).rename(box.path("/tmp/moved"))
+    put_file(box, DOMAIN)  # in the way of the directory
 
-    NO_MEMORY_FOR_THE_MESSAGE = CALLED_BY_THE_TOOL + """
-extern "C" void *__libc_malloc(size_t);
-extern "C" void *malloc(size_t size)
-{
-    if (size != 4096 || !called_by_the_tool(__builtin_return_address(0)))
-        return __libc_malloc(size);
-    errno = ENOMEM;
-    return nullptr;
-}
-"""
+    result = box.run(*ADD_NEW, env=preload.environment(box, ALLOCATION_FAILS="=4096"))
 
-    def test_run_that_ends_reports_missing_memory_for_its_message(box):
-        environment = preload.environment(box, NO_MEMORY_FOR_THE_MESSAGE)
-        box.path(DOMAIN).rename(box.path("/tmp/moved"))
-        put_file(box, DOMAIN)  # in the way of the directory
+    message = b"Can't allocate memory for error message\n"
+    assert result == Result(1, message, message, [])
+    assert_rows_are_as_before(box)
 
-        result = box.run(*ADD_NEW, env=environment)
 
-        message = b"Can't allocate memory for error message\n"
-        assert result == Result(1, message, message, [])
-        assert_rows_are_as_before(box)
+@pytest.mark.unsanitized
+def test_run_that_goes_on_reports_missing_memory_for_each_message(box, needs_tracing):
+    box.path(DOMAIN).rename(box.path("/tmp/moved"))
 
-    def test_run_that_goes_on_reports_missing_memory_for_each_message(box):
-        environment = preload.environment(box, NO_MEMORY_FOR_THE_MESSAGE + """
-#include <fcntl.h>
-#include <sys/stat.h>
-#include <sys/syscall.h>
-#include <unistd.h>
-extern "C" int fchownat(int directory, const char *path, uid_t uid, gid_t gid, int flags)
-{
-    struct stat status = {};
-    if (fstatat(directory, path, &status, flags) == 0 && !S_ISDIR(status.st_mode))
-        return static_cast<int>(syscall(SYS_fchownat, directory, path, uid, gid, flags));
-    errno = EROFS;
-    return -1;
-}
-extern "C" int fchown(int fd, uid_t uid, gid_t gid)
-{
-    return fchownat(fd, "", uid, gid, AT_EMPTY_PATH);
-}
-""")
-        box.path(DOMAIN).rename(box.path("/tmp/moved"))
+    result, _ = box.trace(*ADD_NEW, env=preload.environment(box, ALLOCATION_FAILS="=4096"),
+                          inject=["/^fchown(at)?$:error=EROFS"], paths=[DOMAIN, MAILBOX, DIRECTORY])
 
-        result = box.run(*ADD_NEW, env=environment)
-
-        message = b"Can't allocate memory for error message\n" * 3  # example.org, user and @attachments
-        assert result == Result(0, message, message, [])
-        assert attachment_rows(box) == [("user@example.org", "new.pdf"), ("user@example.org", "report.pdf")]
-        assert box.path(DIRECTORY + "/new.pdf").read_bytes() == b"the report"
+    message = b"Can't allocate memory for error message\n" * 3  # example.org, user and @attachments
+    assert result == Result(0, message, message, [])
+    assert attachment_rows(box) == [("user@example.org", "new.pdf"), ("user@example.org", "report.pdf")]
+    assert box.path(DIRECTORY + "/new.pdf").read_bytes() == b"the report"

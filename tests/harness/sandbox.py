@@ -13,13 +13,14 @@ from pathlib import Path
 
 from . import private_root, tracing
 from .log_records import LogCatcher, Record, parse_record
+from .preload_library import preload_library
 from .private_root import PROGRAM, REPOSITORY
 
 DATABASE = "/var/lib/quarn/mail/autoresponder/responder.db"
 BUILD_DIRECTORY = Path(os.environ.get("ARSP_BUILD_DIR") or REPOSITORY / "build" / "release").resolve()
 DELETED_CWD = object()  # as `cwd`: a working directory that is deleted
 DEFAULT_ENVIRONMENT = {"PATH": "/usr/sbin:/usr/bin:/sbin:/bin"}
-TRACE = "/.trace"
+TRACE, STRACE_LIBRARY = "/.trace", "/.strace.so"
 PIPE_ROOM = 65536  # bytes that a pipe takes without a reader
 SANITIZER_STATUS = 99  # the tool never exits with it
 SANITIZER_REPORTS = "/.sanitizer"
@@ -125,20 +126,19 @@ class Sandbox:
         if "argv0" in options or options.get("close_fds") or options.get("stdin", b"") is None:
             raise TypeError("strace passes neither a closed standard descriptor nor another name on to the tool")
         timeout = options.pop("timeout", 60)
+        given = options.pop("env", None)
+        settings = [f"{name}={value}" for name, value in (DEFAULT_ENVIRONMENT if given is None else given).items()]
         with contextlib.ExitStack() as ours:
-            settings = []
+            environment = {}
             if self._root.mode == "chroot":
                 proc = os.open("/proc", os.O_RDONLY | os.O_DIRECTORY)
                 ours.callback(os.close, proc)
-                self.path(tracing.PROC_LIBRARY).write_bytes(tracing.proc_library())
-                environment = dict(DEFAULT_ENVIRONMENT if options.get("env") is None else options["env"])
-                settings = ["STRACE_PROC", "LD_PRELOAD"]
-                if "LD_PRELOAD" in environment:
-                    settings[1] += "=" + environment["LD_PRELOAD"]
-                environment.update(LD_PRELOAD=tracing.PROC_LIBRARY, STRACE_PROC=str(proc))
-                options.update(env=environment, pass_fds=[proc])
-            words = tracing.strace_arguments(TRACE, calls, inject, paths, settings)
-            running = self.start_command("/usr/bin/strace", [*words, PROGRAM, *args], traced=True, **options)
+                self.path(STRACE_LIBRARY).write_bytes(preload_library())
+                environment = {"LD_PRELOAD": STRACE_LIBRARY, "STRACE_PROC": str(proc)}
+                options["pass_fds"] = [proc]
+            words = tracing.strace_arguments(TRACE, calls, inject, paths, [*environment, *settings])
+            running = self.start_command("/usr/bin/strace", [*words, PROGRAM, *args], traced=True, env=environment,
+                                         **options)
         result = running.wait(timeout)
         log = self.path(TRACE)
         found = tracing.parse_trace(log.read_text(errors="surrogateescape")) if log.exists() else []

@@ -7,11 +7,6 @@ import shutil
 import subprocess
 import tempfile
 from dataclasses import dataclass
-from pathlib import Path
-
-from .shared_library import compiled
-
-PROC_LIBRARY = "/.strace_proc.so"
 
 
 @functools.cache
@@ -60,12 +55,6 @@ class Call:
     def strings(self):
         """The quoted arguments, paths for instance, in order and with strace's escapes."""
         return re.findall(r'"((?:[^"\\]|\\.)*)"', self.args_text)
-
-
-def proc_library():
-    """What strace needs in a root without /proc, as the bytes of a shared library; see strace_proc.cpp."""
-    code = Path(__file__).with_name("strace_proc.cpp").read_text()
-    return compiled(code, "-static-libstdc++", "-static-libgcc")
 
 
 def strace_arguments(log, calls, inject, paths, environment=()):

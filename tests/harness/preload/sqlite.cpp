@@ -1,13 +1,13 @@
-/* Stands between the tool and SQLite, by LD_PRELOAD: notes the tool's calls, and brings SQLite into a state in which it
- * refuses one of them by itself. What the tool then sees and says is SQLite's own answer and text.
- *   SQLITE_SHIM_LOG    file to which each call of the tool is added as a line, and each pause that it makes
+/* Records the tool's calls to SQLite, and brings SQLite into a state in which it refuses one of them by itself. The
+ * errors that the tool sees are thus SQLite's own.
+ *   SQLITE_SHIM_LOG    the file that receives a line for each call, and for each pause of the tool
  *   SQLITE_SHIM_FAULT  one or more of these, separated by commas:
  *                      "open": no memory for a handle
- *                      "exec": no memory for the script, nor for the text that says so
- *                      "prepare WORD": a limit on the length of statements that begin so
- *                      "begun": a transaction is open already when the tool comes to begin its own
+ *                      "exec": no memory for the script, nor for its error message
+ *                      "prepare WORD": a limit on the length of statements that begin with WORD
+ *                      "begun": a transaction is open when the tool begins its own
  *                      "bind FIRST": no parameter from that index on
- *                      "close TIMES": a statement is alive, for so many tries to close
+ *                      "close TIMES": a statement is alive, for that many attempts to close
  *                      "pause": interrupted at once */
 
 #include <cerrno>
@@ -25,7 +25,7 @@
 
 namespace {
 
-int depth = 0; /* SQLite's functions call each other by the same names: only the outermost call is the tool's */
+int depth = 0; /* SQLite's functions call each other by the same names; only the outermost call is the tool's */
 
 struct Nested {
     Nested() { ++depth; }
@@ -34,8 +34,7 @@ struct Nested {
     ~Nested() { --depth; }
 };
 
-void note(const char *format, ...) __attribute__((format(printf, 1, 2)));
-void note(const char *format, ...)
+__attribute__((format(printf, 1, 2))) void note(const char *format, ...)
 {
     const char *path = std::getenv("SQLITE_SHIM_LOG");
     if (path == nullptr || depth != 1)
@@ -48,7 +47,7 @@ void note(const char *format, ...)
     va_end(args);
 }
 
-/* The rest after `name` when that fault was asked for, "" when there is none; null otherwise. */
+/* Returns what follows `name` in the requested faults, or null if that fault is not requested. */
 const char *fault(const char *name)
 {
     const size_t length = std::strlen(name);
@@ -68,7 +67,7 @@ Function *real(Function * /*shim*/, const char *name)
     return reinterpret_cast<Function *>(dlsym(RTLD_NEXT, name));
 }
 
-/* No more memory than SQLite has now, for as long as it lives. */
+/* SQLite gets no more memory than it has, as long as this object lives. */
 struct NoMemory {
     NoMemory() { sqlite3_hard_heap_limit64(sqlite3_memory_used() + 1); }
     NoMemory(const NoMemory &) = delete;
@@ -76,7 +75,7 @@ struct NoMemory {
     ~NoMemory() { sqlite3_hard_heap_limit64(0); }
 };
 
-/* After an interrupted pause the tool leaves everything to the end of the process: no leak. */
+/* After an interrupted pause the tool releases nothing; that is not a leak. */
 __attribute__((constructor)) void expect_leaks()
 {
     const char *wanted = std::getenv("SQLITE_SHIM_FAULT");
