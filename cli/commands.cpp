@@ -44,7 +44,7 @@ int run_init_db(const po::variables_map &)
 
 int run_set_resp(const po::variables_map &vm)
 {
-    return set_resp({
+    return arsp::set_resp({
         .keystr = text(vm, "key-str"),
         .key_where = text(vm, "key-where"),
         .subject = text(vm, "subj"),
@@ -62,17 +62,17 @@ int run_set_resp(const po::variables_map &vm)
 
 int run_del_resp(const po::variables_map &vm)
 {
-    return del_resp(mail_address(vm, "mailname"));
+    return arsp::del_resp(mail_address(vm, "mailname"));
 }
 
 int run_add_attach(const po::variables_map &vm)
 {
-    return add_attach(text(vm, "source"), text(vm, "filename"), mail_address(vm, "mailname"));
+    return arsp::add_attach(text(vm, "source"), text(vm, "filename"), mail_address(vm, "mailname"));
 }
 
 int run_del_attach(const po::variables_map &vm)
 {
-    return del_attach(mail_address(vm, "mailname"), text(vm, "filename"));
+    return arsp::del_attach(mail_address(vm, "mailname"), text(vm, "filename"));
 }
 
 int run_set_extra_headers(const po::variables_map &)

@@ -97,13 +97,13 @@ Outcome delete_attachment_row(ResponderDb &db, const std::string &mailname, cons
 
 } // namespace
 
-int add_attach(const std::string &source, const std::string &filename, const std::string &mailname)
+int arsp::add_attach(const std::string &source, const std::string &filename, const std::string &mailname)
 {
     const std::string name = base_name(filename);
     return in_own_transaction([&](ResponderDb &db) { return add_file_and_row(db, source, name, mailname); });
 }
 
-int del_attach(const std::string &mailname, const std::string &filename)
+int arsp::del_attach(const std::string &mailname, const std::string &filename)
 {
     std::optional<AttachmentDir> dir;
     const int result =

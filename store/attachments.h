@@ -5,6 +5,8 @@
 
 #include "store/responder_db.h"
 
+namespace arsp {
+
 /* The command --add-attach: copies the file `source` into the attachment directory of the mailbox that owns `mailname`,
  * under the base name of `filename`, gives the copy to the mail user and registers it for `mailname`. Directory, copy
  * and owner come before the row: after a later failure they stay. Returns 0, or -1. Logs at LOG_ERR what
@@ -19,6 +21,8 @@ int add_attach(const std::string &source, const std::string &filename, const std
  * (%s:%s): %s", "Unable to delete attachment %s: %s" (the row is gone then), and what ResponderDb and run_statement
  * log. */
 int del_attach(const std::string &mailname, const std::string &filename);
+
+} // namespace arsp
 
 /* Looks up the mailbox that owns `mailname` on an open connection, inside the caller's transaction. A row without an
  * owner counts as found and leaves `real_owner` as it is. Returns 0; -1, logged at LOG_ERR: "No autoresponder found for

@@ -58,7 +58,7 @@ Outcome delete_all(ResponderDb &db, const std::string &mailname)
 
 } // namespace
 
-int del_resp(const std::string &mailname)
+int arsp::del_resp(const std::string &mailname)
 {
     return in_own_transaction([&](ResponderDb &db) { return delete_all(db, mailname); });
 }

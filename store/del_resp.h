@@ -3,6 +3,8 @@
 
 #include <string>
 
+namespace arsp {
+
 /* The command --del-resp: removes the attachment rows of `mailname`, the files in its own attachment directory (not its
  * owner's), its autoresponder row and its answer counters, in one transaction. The files are gone once they were
  * reached, whatever the database does afterwards. Returns 0; SQLite's code when the attachment rows could not be
@@ -11,5 +13,7 @@
  * attachments: %s" (which is no failure of the command), "Unable to delete autoresponder (%s): %s", and what
  * ResponderDb and run_statement log. */
 int del_resp(const std::string &mailname);
+
+} // namespace arsp
 
 #endif

@@ -15,6 +15,8 @@
 
 #include "store/responder_db.h"
 
+namespace arsp {
+
 /* One autoresponder as callers keep it. All texts are NUL-terminated, not null, and outlive the call. */
 struct AutoresponderRecord {
     const void *caller_data[2]; /* the caller's own; never read here */
@@ -31,12 +33,14 @@ struct AutoresponderRecord {
     const char *owner_local_part; /* the real owner is this, "@" and the record's own domain */
 };
 
+} // namespace arsp
+
 /* Replaces the autoresponder's row whole. A step that fails logs "Unable to add/update autoresponder (%s): %s" and
  * leaves the transaction open and the connection as it is: the caller rolls back or closes. */
 int replace_autoresponder_record(ResponderDb &db, const char *local_part, const char *domain,
-                                 const AutoresponderRecord &record);
+                                 const arsp::AutoresponderRecord &record);
 int store_autoresponder_record(ResponderDb *db, const char *local_part, const char *domain,
-                               const AutoresponderRecord &record);
+                               const arsp::AutoresponderRecord &record);
 
 /* Adds a row for each of `count` file names; a count of 0 touches nothing. A row that fails logs "Unable to add
  * autoresponder attachment (%s): %s"; the others are written all the same, and the result is still 0. */

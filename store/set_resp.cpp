@@ -5,7 +5,7 @@
 
 using namespace arsp;
 
-int set_resp(AutoresponderRow row)
+int arsp::set_resp(AutoresponderRow row)
 {
     InputText body;
     if (read_standard_input(body) != 0) /* before the database is opened: a slow writer must not hold a lock */

@@ -4,6 +4,8 @@
 
 #include "tests/unit/store/responder_fixture.h"
 
+using namespace arsp;
+
 namespace {
 
 constexpr int SHORTER_THAN_THE_MAIL_NAME = 15;
