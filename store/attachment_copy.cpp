@@ -25,7 +25,7 @@ namespace {
 
 constexpr int READ_DIRECTORY = O_RDONLY | O_DIRECTORY | O_CLOEXEC;
 
-/* The last name of a path, as cp takes it: without the slashes after it. */
+/* The last name of a path as cp determines it: without the slashes at its end. */
 std::string last_component(const std::string &path)
 {
     const std::size_t end = path.find_last_not_of('/') + 1; /* npos + 1 is 0 */
@@ -38,22 +38,23 @@ bool is_shortage(int error)
     return error == EMFILE || error == ENFILE || error == ENOMEM;
 }
 
-bool is_directory(int place)
+bool is_directory(int fd)
 {
     struct stat status = {};
-    return fstat(place, &status) == 0 && S_ISDIR(status.st_mode);
+    return fstat(fd, &status) == 0 && S_ISDIR(status.st_mode);
 }
 
-/* Opens the file that a walk found once more, to read, and flushes it. What is no regular file has nothing to flush. */
+/* Opens `file` again, for reading, and flushes it. Only regular files have content to flush. Returns 0; or -1 with
+ * `errno` set, to ESTALE when another file has replaced it. */
 int flush_regular_file(const TreeEntry &file)
 {
     struct stat found = {};
     struct stat opened = {};
-    if (fstat(file.place.get(), &found) != 0)
+    if (fstat(file.fd.get(), &found) != 0)
         return -1;
     if (!S_ISREG(found.st_mode))
         return 0;
-    /* O_NONBLOCK: neither a pipe nor a lease that takes the place meanwhile may hold the run. */
+    /* O_NONBLOCK: a pipe that has replaced the file, or a lease on it, must not block the run. */
     const Descriptor fd(
         openat(file.directory.get(), file.name.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
     if (!fd || fstat(fd.get(), &opened) != 0)
@@ -65,7 +66,8 @@ int flush_regular_file(const TreeEntry &file)
     return flush(fd.get());
 }
 
-/* The file of one copy. The functions that return an int return 0; or -1 with `errno` set. They log nothing. */
+/* The steps of one copy around the run of cp. Functions that return an int return 0; or -1 with `errno` set. They log
+ * nothing. */
 class Copy {
 public:
     Copy(const std::string &source, const AttachmentDir &dir, const std::string &name)
@@ -73,63 +75,67 @@ public:
     {
     }
 
-    /* Whether cp would write through a link that must not be followed. What the kernel itself refuses is left to mkdir
-     * and cp, which report it. */
-    int checkLinks();
+    /* Fails when cp would write through a link that must not be followed. Succeeds when the kernel refuses the path or
+     * a part of it is missing: mkdir or cp reports that. */
+    int rejectUnsafeLinks();
 
+    /* Makes the attachment directory and the missing directories above it. */
     void makeDirectory(const passwd &user);
+
+    /* Gives the file or directory at the attachment's path to `user`. */
     int setOwner(const passwd &user);
 
-    /* Flushes the copy and the directories that got a new entry. */
+    /* Flushes the copy and the directories that got a new entry. To be called after setOwner. */
     int flushAll();
 
 private:
-    int checkName(int directory, const std::string &name, TreeEntry &found);
+    int findEntry(int directory, const std::string &name, TreeEntry &found);
 
     const AttachmentDir &dir_;
     const std::string name_;
-    const std::string source_name_; /* the copy's name when name_ is a directory */
-    MailTree check_;
-    bool existed_ = false;            /* before the copy */
+    const std::string source_name_;   /* the copy's name when name_ is a directory */
+    MailTree tree_;                   /* for the check before the copy */
+    bool existed_ = false;            /* whether the copy replaces a file */
     std::vector<Descriptor> changed_; /* directories that got a new directory */
-    TreeEntry target_;                /* what the attachment's path leads to, after the copy */
+    TreeEntry target_;                /* the attachment's path, resolved after the copy */
 };
 
-/* Looks at what cp would find as `name` in `directory`. */
-int Copy::checkName(int directory, const std::string &name, TreeEntry &found)
+/* Sets `found` to the entry `name` of `directory` as cp would resolve it, or to an empty entry when it is missing or
+ * the kernel refuses it. Fails at a link that must not be followed. */
+int Copy::findEntry(int directory, const std::string &name, TreeEntry &found)
 {
     struct stat status = {};
-    found = check_.findName(Descriptor(fcntl(directory, F_DUPFD_CLOEXEC, 0)), name);
-    if (found.place)
+    found = tree_.openEntry(Descriptor(fcntl(directory, F_DUPFD_CLOEXEC, 0)), name);
+    if (found.fd)
         return 0;
     const bool dangling = errno == ENOENT && fstatat(directory, name.c_str(), &status, AT_SYMLINK_NOFOLLOW) == 0;
     if (dangling)
-        errno = ELOOP; /* cp would make a file at a place that the link chose */
-    return dangling || check_.refused() || is_shortage(errno) ? -1 : 0;
+        errno = ELOOP; /* cp could create a file at a path that the link chose */
+    return dangling || tree_.refused() || is_shortage(errno) ? -1 : 0;
 }
 
-int Copy::checkLinks()
+int Copy::rejectUnsafeLinks()
 {
-    const TreeEntry directory = check_.find(dir_.path(), dir_.rootLength());
-    if (!directory.place)
-        return check_.refused() || is_shortage(errno) ? -1 : 0;
+    const TreeEntry directory = tree_.resolve(dir_.path(), dir_.rootLength());
+    if (!directory.fd)
+        return tree_.refused() || is_shortage(errno) ? -1 : 0;
     TreeEntry target;
-    if (checkName(directory.place.get(), name_.empty() ? "." : name_, target) != 0)
+    if (findEntry(directory.fd.get(), name_.empty() ? "." : name_, target) != 0)
         return -1;
-    if (target.place && is_directory(target.place.get())) { /* cp writes to an entry of it */
+    if (target.fd && is_directory(target.fd.get())) { /* cp copies into it */
         TreeEntry entry;
-        if (checkName(target.place.get(), source_name_, entry) != 0)
+        if (findEntry(target.fd.get(), source_name_, entry) != 0)
             return -1;
         target = std::move(entry);
     }
-    existed_ = static_cast<bool>(target.place);
+    existed_ = static_cast<bool>(target.fd);
     return 0;
 }
 
 void Copy::makeDirectory(const passwd &user)
 {
-    const auto open_existing = [walk = MailTree()](Descriptor parent, const char *name) mutable {
-        return walk.findName(std::move(parent), name).place;
+    const auto open_existing = [tree = MailTree()](Descriptor parent, const char *name) mutable {
+        return tree.openEntry(std::move(parent), name).fd;
     };
     make_dirs({.path = dir_.path().c_str(),
                .trusted_length = dir_.rootLength(),
@@ -142,15 +148,15 @@ void Copy::makeDirectory(const passwd &user)
 
 int Copy::setOwner(const passwd &user)
 {
-    target_ = MailTree().find(dir_.pathOf(name_), dir_.rootLength());
-    return target_.place ? fchownat(target_.place.get(), "", user.pw_uid, user.pw_gid, AT_EMPTY_PATH) : -1;
+    target_ = MailTree().resolve(dir_.pathOf(name_), dir_.rootLength());
+    return target_.fd ? fchownat(target_.fd.get(), "", user.pw_uid, user.pw_gid, AT_EMPTY_PATH) : -1;
 }
 
 int Copy::flushAll()
 {
-    if (is_directory(target_.place.get())) /* the copy is an entry of it */
-        target_ = MailTree().findName(std::move(target_.place), source_name_);
-    if (!target_.place || flush_regular_file(target_) != 0)
+    if (is_directory(target_.fd.get())) /* cp copied into it */
+        target_ = MailTree().openEntry(std::move(target_.fd), source_name_);
+    if (!target_.fd || flush_regular_file(target_) != 0)
         return -1;
     if (!existed_)
         changed_.emplace_back(openat(target_.directory.get(), ".", READ_DIRECTORY));
@@ -161,15 +167,15 @@ int Copy::flushAll()
     return 0;
 }
 
-/* Whether `owner` holds a shell character that works between double quotes, or its directory a component "..". No
- * address that --set-resp stores does. */
+/* Whether `owner` has a character that the shell interprets between double quotes, or its directory a component "..".
+ * --set-resp stores no such address. */
 bool is_harmful(const std::string &owner, const AttachmentDir &dir)
 {
     return owner.find_first_of("\"$`\\") != std::string::npos ||
            dir.path().find("/../", dir.rootLength()) != std::string::npos;
 }
 
-/* Runs cp. Only its exit code counts: a shell that a signal ended counts as success. Returns 0; or -1, logged. */
+/* Runs cp. Only its exit code counts: a shell that a signal ended counts as success. Returns 0; or -1 after logging. */
 int run_cp(const std::string &source, const std::string &path)
 {
     const std::string command = "/bin/cp \"" + source + "\" \"" + path + "\""; /* not escaped: SECURITY.md */
@@ -209,7 +215,7 @@ int copy_attachment(const std::string &source, const std::string &real_owner, co
         return cannot_move();
     }
     Copy copy(source, dir, name);
-    if (copy.checkLinks() != 0)
+    if (copy.rejectUnsafeLinks() != 0)
         return cannot_move();
     copy.makeDirectory(*user);
     if (run_cp(source, path) != 0)

@@ -17,15 +17,16 @@ namespace arsp {
 
 namespace {
 
-/* Opens the directory of the file `path` and unlinks the file, whose name is what follows `name` in it. */
-Descriptor unlink_in_tree(const std::string &path, std::size_t name, std::size_t root_length)
+/* Unlinks the file `path`, whose last name begins at `name_start`. Returns its directory, open for reading; or an empty
+ * descriptor with `errno` set. */
+Descriptor unlink_in_tree(const std::string &path, std::size_t name_start, std::size_t root_length)
 {
-    if (path.size() >= PATH_MAX) { /* the walk by names would not notice, unlike unlink() */
+    if (path.size() >= PATH_MAX) { /* refused here as by unlink(), since MailTree passes the kernel single names */
         errno = ENAMETOOLONG;
         return Descriptor();
     }
-    Descriptor directory = open_mail_directory(path.substr(0, name), root_length);
-    if (directory && unlinkat(directory.get(), path.c_str() + name, 0) != 0)
+    Descriptor directory = open_mail_directory(path.substr(0, name_start), root_length);
+    if (directory && unlinkat(directory.get(), path.c_str() + name_start, 0) != 0)
         return Descriptor();
     return directory;
 }
@@ -44,9 +45,9 @@ AttachmentDir::AttachmentDir(const std::string &address)
 int AttachmentDir::unlinkFile(const std::string &name) const
 {
     const std::string path = pathOf(name);
-    /* The last name keeps its trailing slashes: they make the kernel refuse what is no directory. */
-    const std::size_t last_name = path.rfind('/', path.find_last_not_of('/')) + 1;
-    const Descriptor directory = unlink_in_tree(path, last_name, root_length_);
+    /* The last name keeps its trailing slashes: with them the kernel refuses to unlink a file. */
+    const std::size_t name_start = path.rfind('/', path.find_last_not_of('/')) + 1;
+    const Descriptor directory = unlink_in_tree(path, name_start, root_length_);
     if (!directory) {
         if (errno == ENOENT)
             return 0;
@@ -54,7 +55,7 @@ int AttachmentDir::unlinkFile(const std::string &name) const
         return -1;
     }
     if (flush(directory.get()) != 0) {
-        log_flush_failure(path.substr(0, last_name - 1).c_str());
+        log_flush_failure(path.substr(0, name_start - 1).c_str());
         return -1;
     }
     return 0;
