@@ -8,7 +8,8 @@
 
 namespace arsp {
 
-/* Registers the attachment `filename` for the mail name `mn`, inside the caller's transaction; see run_statement. */
+/* Registers the attachment `filename` for the mail name `mn`, inside the caller's transaction. Logs, returns and
+ * restarts as run_statement does. */
 StepResult replace_attachment_row(ResponderDb &db, std::string_view mn, std::string_view filename,
                                   const std::function<int()> &restart = nullptr);
 

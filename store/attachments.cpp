@@ -47,19 +47,19 @@ int selectRealOwner(ResponderDb &db, const std::string &mailname, std::string &r
 
 namespace {
 
-/* Begins the transaction anew, for a write that another writer keeps out. Our look-up's read lock, which lasts until
- * END, is what that writer's END waits for, while our write waits for its lock: neither would ever go on. Nothing has
- * been written yet, so ending loses nothing. A changed owner is ignored: the file already lies with the former one. */
+/* Returns a function that ends the transaction and begins it again, to resolve a deadlock: the END of another writer
+ * waits for the read lock that selectRealOwner took, while this process waits for that writer's lock. Nothing has been
+ * written yet, so nothing is lost. A changed owner is ignored: the file is already in the former owner's directory. */
 auto let_other_writer_finish(ResponderDb &db, const std::string &mailname)
 {
     return [&db, &mailname] {
-        std::string owner;
+        std::string owner; /* ignored */
         const bool restarted = db.end() == 0 && db.begin() == 0 && selectRealOwner(db, mailname, owner) == 0;
         return restarted ? 0 : -1;
     };
 }
 
-/* The part after the last "/", by the GNU rule. */
+/* The part after the last "/"; empty after a slash at the end. */
 std::string base_name(const std::string &filename)
 {
     return filename.substr(filename.rfind('/') + 1); /* npos + 1 is 0 */
@@ -78,7 +78,7 @@ Outcome add_file_and_row(ResponderDb &db, const std::string &source, const std::
     return result == StepResult::done ? COMMITTED : GIVEN_UP;
 }
 
-/* Emplaces in `dir` the directory of the mail name itself, where the file lies that goes after the commit. */
+/* Sets `dir` to the directory of the mail name itself, whose file is unlinked after the commit. */
 Outcome delete_attachment_row(ResponderDb &db, const std::string &mailname, const std::string &filename,
                               std::optional<AttachmentDir> &dir)
 {

@@ -18,7 +18,7 @@ std::vector<Param> row_params(const AutoresponderRow &row)
             {"forward_to", row.forward_to}, {"content_type", row.content_type},
             {"charset", row.charset},       {"body", row.body},
             {"ans_freq", row.ans_freq},     {"ans_limit", row.ans_limit},
-            {"real_owner", row.real_owner}, {"mailname", row.mn}}; /* the column is mn, the message says mailname */
+            {"real_owner", row.real_owner}, {"mailname", row.mn}}; /* the column mn; messages say mailname */
 }
 
 } // namespace

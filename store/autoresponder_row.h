@@ -8,7 +8,7 @@
 
 namespace arsp {
 
-/* One row of the table autoresponder, borrowed: the texts outlive the call that it is given to. */
+/* One row of the table autoresponder. The texts are not copied and must outlive the call. */
 struct AutoresponderRow {
     std::string_view keystr;
     std::string_view key_where;
@@ -21,11 +21,11 @@ struct AutoresponderRow {
     int ans_freq = 0;  /* answers per sender address and day */
     int ans_limit = 0; /* deprecated, still stored */
     std::string_view real_owner;
-    std::string_view mn; /* mail name, the key; NUL-terminated, since messages show it */
+    std::string_view mn; /* mail name, the key; NUL-terminated, for the messages */
 };
 
-/* Replaces the row of `row.mn` whole, inside the caller's transaction. Returns {commit, 0}; {give_up, -1} when the
- * statement can't be prepared or bound; {`when_refused`, -1} when its step fails. Logs at LOG_ERR what run_statement
+/* Replaces the whole row of `row.mn`, inside the caller's transaction. Returns {commit, 0}; {give_up, -1} when the
+ * statement cannot be prepared or bound; {`when_refused`, -1} when its step fails. Logs at LOG_ERR what run_statement
  * logs and "Unable to add/update autoresponder (%s): %s". */
 Outcome replace_autoresponder_row(ResponderDb &db, const AutoresponderRow &row, Ending when_refused);
 

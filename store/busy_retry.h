@@ -12,7 +12,7 @@ public:
      * pauses once more after its last attempt. Returns false if the pause was interrupted; see interrupted(). */
     [[nodiscard]] bool again(int rc);
 
-    /* True after an interrupted pause. The command then fails in silence: nothing is logged, finalized or closed, and
+    /* True after an interrupted pause. The command then fails in silence: it logs, finalizes and closes nothing, and
      * the end of the process releases the locks. */
     [[nodiscard]] bool interrupted() const { return interrupted_; }
 

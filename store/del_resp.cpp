@@ -16,11 +16,11 @@ Outcome delete_row_and_counters(ResponderDb &db, const std::string &mailname)
     const StepResult row = run_statement(db, "DELETE FROM autoresponder WHERE mn=?", {{"mailname", mailname}});
     if (gave_up(row))
         return GIVEN_UP;
-    /* A refused deletion of the counters is ignored: the mail side makes them anew. */
+    /* A refused deletion of the counters is ignored: the mail side writes them again. */
     if (gave_up(run_statement(db, "DELETE FROM resp_freq WHERE mn=?", {{"mailname", mailname}})))
         return GIVEN_UP;
     if (row == StepResult::refused) {
-        /* Logged only now: the error text is that of this moment, after the counters. */
+        /* Logged after the counters, with the error text of this moment: the message is an interface. */
         log_message(LOG_ERR, "Unable to delete autoresponder (%s): %s", mailname.c_str(), db.errorText());
         return {Ending::commit, -1};
     }
@@ -38,7 +38,7 @@ Outcome delete_all(ResponderDb &db, const std::string &mailname)
     if (rows == StepResult::interrupted)
         return GIVEN_UP;
     if (rows == StepResult::failed) {
-        db.close(); /* before the record */
+        db.close(); /* before the log record */
         log_attachments_failure(mailname);
         return GIVEN_UP;
     }

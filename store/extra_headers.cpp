@@ -5,7 +5,7 @@
 #include <stdexcept>
 #include <vector>
 
-#define BOOST_BIND_GLOBAL_PLACEHOLDERS /* the JSON reader uses them; without this each build prints a note */
+#define BOOST_BIND_GLOBAL_PLACEHOLDERS /* the JSON reader uses them; otherwise each build prints a note */
 #include <boost/property_tree/json_parser.hpp>
 #include <boost/property_tree/ptree.hpp>
 #include <sys/syslog.h>
@@ -19,9 +19,9 @@ using namespace arsp;
 
 namespace {
 
-constexpr int DEEPEST_JSON = 2000; /* levels; the reader calls itself for each, and the stack is finite */
+constexpr int DEEPEST_JSON = 2000; /* levels; the JSON reader uses stack for each */
 
-/* Throws when `text` is nested deeper than the reader can follow. Brackets inside strings don't count. */
+/* Throws when `text` is nested deeper than that. Brackets inside strings do not count. */
 void check_json_depth(std::string_view text)
 {
     int depth = 0;

@@ -21,13 +21,14 @@ CString mail_name(const char *local_part, const char *domain)
     return name;
 }
 
-/* Deletes the rows of `mn` with `sql`. A step that fails is logged as `refused`, and what there is gets committed. */
-int delete_rows(ResponderDb &db, const char *sql, const char *mn, const char *refused)
+/* Deletes the rows of `mn` with `sql`. A step that fails is logged with the words `failure`; the transaction is still
+ * committed. */
+int delete_rows(ResponderDb &db, const char *sql, const char *mn, const char *failure)
 {
     return in_transaction(db, [&] {
         const StepResult result = run_statement(db, sql, {{"mailname", mn}});
         if (result == StepResult::refused)
-            log_message(LOG_ERR, "%s (%s): %s", refused, mn, db.errorText());
+            log_message(LOG_ERR, "%s (%s): %s", failure, mn, db.errorText());
         return gave_up(result) ? GIVEN_UP : COMMITTED;
     });
 }

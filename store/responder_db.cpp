@@ -17,7 +17,7 @@ namespace {
 
 constexpr int BUSY_TIMEOUT = 50; /* ms that SQLite itself waits inside each call */
 
-/* Returns 0, or -1 after an interrupted pause. Any result but busy counts as closed. */
+/* Returns 0, also when SQLite refuses for another reason than SQLITE_BUSY; or -1 after an interrupted pause. */
 int close_handle(sqlite3 *handle)
 {
     BusyRetry retry;
@@ -28,13 +28,20 @@ int close_handle(sqlite3 *handle)
     return retry.interrupted() ? -1 : 0;
 }
 
-/* Runs a statement that opens or ends a transaction; `refused` words a step that does not get done. */
-int run_transaction_statement(ResponderDb &db, const char *sql, const char *refused)
+/* Runs BEGIN or END. `failure` is the message for a step that does not return SQLITE_DONE. */
+int run_transaction_statement(ResponderDb &db, const char *sql, const char *failure)
 {
     const StepResult result = run_statement(db, sql, {});
     if (result == StepResult::refused)
-        log_message(LOG_ERR, "%s: %s", refused, db.errorText());
+        log_message(LOG_ERR, "%s: %s", failure, db.errorText());
     return result == StepResult::done ? 0 : -1;
+}
+
+/* Empties `owner` without closing or finalizing what it owns. */
+template <typename Owner>
+void give_up(Owner &owner)
+{
+    static_cast<void>(owner.release());
 }
 
 } // namespace
@@ -44,7 +51,7 @@ ResponderDb::~ResponderDb() = default;
 
 void ResponderDb::Close::operator()(sqlite3 *db) const
 {
-    close_handle(db); /* ignored: a destructor has no result */
+    close_handle(db); /* ignored: a destructor returns nothing */
 }
 
 int ResponderDb::open(const char *path)
@@ -74,7 +81,7 @@ int ResponderDb::close()
 {
     if (close_handle(handle_.get()) != 0)
         return abandon();
-    static_cast<void>(handle_.release()); /* closed above */
+    give_up(handle_); /* closed above */
     vfs_.reset();
     return 0;
 }
@@ -97,7 +104,7 @@ int ResponderDb::flushDirectory()
 int ResponderDb::execOnce(const char *sql, SqliteText &message)
 {
     char *text = nullptr;
-    message.reset(); /* every failed attempt makes a text of its own */
+    message.reset(); /* the text of the attempt before */
     const int rc = sqlite3_exec(handle_.get(), sql, nullptr, nullptr, &text);
     message.reset(text);
     return rc;
@@ -105,8 +112,8 @@ int ResponderDb::execOnce(const char *sql, SqliteText &message)
 
 int ResponderDb::abandon()
 {
-    static_cast<void>(handle_.release());
-    static_cast<void>(vfs_.release());
+    give_up(handle_);
+    give_up(vfs_);
     interrupted_ = true;
     return -1;
 }
@@ -126,8 +133,8 @@ int ResponderDb::execScript(const char *path, const char *script, SqliteText &me
     BusyRetry retry;
     int rc = execOnce(script, message);
     while (retry.again(rc)) {
-        const bool begun = sqlite3_get_autocommit(handle_.get()) == 0;
-        if (begun && (close() != 0 || open(path) != 0))
+        const bool in_transaction = sqlite3_get_autocommit(handle_.get()) == 0;
+        if (in_transaction && (close() != 0 || open(path) != 0))
             return -1;
         rc = execOnce(script, message);
     }
@@ -189,7 +196,7 @@ int ResponderStatement::step()
 
 int ResponderStatement::abandon()
 {
-    static_cast<void>(stmt_.release());
+    give_up(stmt_);
     return db_->abandon();
 }
 

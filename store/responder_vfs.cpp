@@ -14,13 +14,13 @@ namespace arsp {
 
 namespace {
 
-/* Copies a text of less than `size` bytes, and returns whether it fits. */
+/* Copies `text` with its NUL and returns whether it fits into `size` bytes. */
 bool copy_text(char *to, std::size_t size, const char *text)
 {
     return static_cast<std::size_t>(std::snprintf(to, size, "%s", text)) < size;
 }
 
-/* Replaces the path of a link by its target, which is relative to the link's directory. Returns whether it fits. */
+/* Replaces the path of a link by its target, which may be relative to the link's directory. Returns whether it fits. */
 bool replace_by_target(char (&path)[PATH_MAX], const char *target)
 {
     char *slash = *target == '/' ? nullptr : std::strrchr(path, '/');
@@ -28,17 +28,18 @@ bool replace_by_target(char (&path)[PATH_MAX], const char *target)
     return copy_text(name, sizeof path - static_cast<std::size_t>(name - path), target);
 }
 
-/* Follows the links that `path` names as long as root owns them. Returns false at any other link, and where the links
- * do not end. A missing file is no error: SQLite makes it. Any other failure is left to SQLite's own open. */
+/* Replaces `path` by what it leads to, while it is a link of root's. Returns false at a link of another owner and after
+ * MOST_LINKS links. Returns true when the file is missing, since SQLite creates it, and when it cannot be examined,
+ * since SQLite's own open then fails. */
 bool follow_links_of_root(char (&path)[PATH_MAX])
 {
     for (int links = 0; links <= MOST_LINKS; ++links) {
-        const Descriptor place(open(path, O_PATH | O_NOFOLLOW | O_CLOEXEC));
+        const Descriptor fd(open(path, O_PATH | O_NOFOLLOW | O_CLOEXEC));
         struct stat status = {};
-        if (!place || fstat(place.get(), &status) != 0 || !S_ISLNK(status.st_mode))
+        if (!fd || fstat(fd.get(), &status) != 0 || !S_ISLNK(status.st_mode))
             return true;
         char target[PATH_MAX];
-        if (status.st_uid != 0 || read_link_target(place.get(), target) != 0 || !replace_by_target(path, target))
+        if (status.st_uid != 0 || read_link_target(fd.get(), target) != 0 || !replace_by_target(path, target))
             return false;
     }
     return false;
@@ -64,7 +65,7 @@ ResponderVfs::~ResponderVfs()
         sqlite3_vfs_unregister(this);
 }
 
-/* SQLite opens the result with O_NOFOLLOW, so a link that takes the file's place later is not followed either. */
+/* SQLite opens the result with O_NOFOLLOW, so a link that replaces the file later is not followed either. */
 int ResponderVfs::fullPathname(sqlite3_vfs *vfs, const char *path, int size, char *resolved)
 {
     auto *self = static_cast<ResponderVfs *>(vfs);
@@ -75,13 +76,13 @@ int ResponderVfs::fullPathname(sqlite3_vfs *vfs, const char *path, int size, cha
     char *slash = std::strrchr(file, '/');
     const char *name = slash == nullptr ? file : slash + 1;
     char *directory = self->directory_;
-    directory[0] = '\0'; /* of a file in the root directory */
+    directory[0] = '\0'; /* for a file in the root directory */
     if (slash != file) {
         if (slash != nullptr)
             *slash = '\0';
         const int rc = self->default_vfs_->xFullPathname(self->default_vfs_, slash == nullptr ? "." : file,
                                                          sizeof self->directory_, directory);
-        if ((rc & 0xff) != SQLITE_OK) /* a resolved link has a code of its own */
+        if ((rc & 0xff) != SQLITE_OK) /* SQLITE_OK_SYMLINK is a success, too */
             return rc;
     }
     const int length = std::snprintf(resolved, static_cast<std::size_t>(size), "%s/%s", directory, name);

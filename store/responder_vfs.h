@@ -7,15 +7,15 @@
 
 namespace arsp {
 
-/* SQLite's default VFS with two rules added, for one connection. The directory of the database belongs to the mail
- * user, and what lies in it must not choose the files that root opens or deletes:
+/* SQLite's default VFS with two more rules, for one connection. The directory of the database belongs to the mail user,
+ * and its content must not decide which files root opens or deletes:
  *
- * - A symbolic link in the place of the database is followed only if root owns it; otherwise opening fails with
+ * - A symbolic link at the database's own path is followed only if root owns it; otherwise opening fails with
  *   SQLITE_CANTOPEN. Links above it are followed: their directories belong to root.
- * - Only the rollback journal and the WAL file of this database are ever deleted. Deleting any other name, such as one
- *   read from a planted journal, does nothing and succeeds.
+ * - Only the rollback journal and the WAL file of this database are deleted. Deleting any other name, such as one read
+ *   from a planted journal, does nothing and succeeds.
  *
- * The object stays at its address and outlives the connection that is opened with its name(). */
+ * The object must outlive the connection that is opened with its name(). */
 class ResponderVfs : private sqlite3_vfs {
 public:
     ResponderVfs();
@@ -23,10 +23,10 @@ public:
     ResponderVfs &operator=(const ResponderVfs &) = delete;
     ~ResponderVfs();
 
-    /* The name for sqlite3_open_v2; null when SQLite has no memory to register it. */
+    /* The name for sqlite3_open_v2; null when SQLite had no memory to register the VFS. */
     const char *name() const { return registered_ ? zName : nullptr; }
 
-    /* The directory that holds the database and its journal, all links resolved; "" before the database was opened. */
+    /* The directory of the database and its journal, with all links resolved; "" before the database is opened. */
     const char *directory() const { return directory_; }
 
 private:
@@ -36,7 +36,7 @@ private:
     sqlite3_vfs *default_vfs_;
     bool registered_ = false;
     char name_[32] = "";
-    char database_[PATH_MAX] = ""; /* the path that SQLite works with */
+    char database_[PATH_MAX] = ""; /* the path that SQLite uses */
     char directory_[PATH_MAX] = "";
 };
 

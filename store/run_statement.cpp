@@ -56,7 +56,7 @@ StepResult run_statement(ResponderDb &db, const char *sql, const std::vector<Par
         if (retry.interrupted())
             stmt.abandon();
     }
-    stmt.finalize(); /* before the caller judges the step: its message shows the error text of this moment */
+    stmt.finalize(); /* before the caller logs: its message shows the error text of this moment */
     if (db.interrupted())
         return StepResult::interrupted;
     switch (rc) {

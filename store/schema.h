@@ -1,18 +1,20 @@
 #ifndef ARSP_STORE_SCHEMA_H
 #define ARSP_STORE_SCHEMA_H
 
-#ifdef __cplusplus /* bench/bare.c includes this header as C */
+/* Constants of the database. The header is also valid C: bench/bare.c includes it. */
+
+#ifdef __cplusplus
 namespace arsp {
 #endif
 
-/* The one database file; nothing on the command line or in the configuration moves it. */
+/* The only database file. Neither the command line nor the configuration changes the path. */
 constexpr char RESPONDER_DB_PATH[] = "/var/lib/quarn/mail/autoresponder/responder.db";
 
-/* The user of the mail system, to whom everything belongs that this tool makes. */
+/* The user of the mail system, who owns every file and directory that the tool makes. */
 constexpr char MAIL_USER[] = "popuser";
 
-/* The whole database as one script on one line, which brings its own transaction. The mail side reads these tables by
- * column position as well as by name: their order is part of the interface. */
+/* The script that makes the database, with its own transaction. The mail side reads these tables by column position as
+ * well as by name: the order of the columns is part of the interface. */
 constexpr char RESPONDER_DB_SCHEMA[] =
     "BEGIN TRANSACTION;"
     "CREATE TABLE attachments (mn VARCHAR(255) NOT NULL,filename VARCHAR(255) NOT NULL);"
@@ -29,7 +31,7 @@ constexpr char RESPONDER_DB_SCHEMA[] =
     "COMMIT;";
 
 static_assert(sizeof RESPONDER_DB_SCHEMA - 1 == 846,
-              "SQLite keeps the text of each CREATE: a changed blank would show");
+              "SQLite stores the text of each CREATE: a changed blank would be visible");
 
 #ifdef __cplusplus
 } // namespace arsp

@@ -5,10 +5,9 @@
 
 namespace arsp {
 
-/* The command --set-resp: reads the body from standard input, whatever `row.body` holds, and replaces the row of
- * `row.mn` in a transaction of its own; every other table stays as it is. Returns 0; or -1, logged at LOG_ERR (in
- * silence after an interrupted pause), with the former row intact. Throws std::bad_alloc when the body does not fit
- * into memory. */
+/* The command --set-resp: reads the body from standard input, ignores `row.body`, and replaces the row of `row.mn` in a
+ * transaction of its own. Returns 0; or -1 after logging at LOG_ERR (in silence after an interrupted pause), with the
+ * former row unchanged. Throws std::bad_alloc. */
 int set_resp(AutoresponderRow row);
 
 } // namespace arsp

@@ -5,24 +5,24 @@
 
 namespace arsp {
 
-/* How the work inside a transaction wants it to end. */
+/* How a transaction ends; its work decides. */
 enum class Ending {
-    commit,    /* END, be it with a failure as the result */
+    commit,    /* END, also when the result is a failure */
     give_up,   /* close the connection, which discards the transaction */
-    leave_open /* neither: the connection's owner decides */
+    leave_open /* neither: the owner of the connection decides */
 };
 
 struct Outcome {
     Ending ending;
-    int result; /* of the whole, 0 for success */
+    int result; /* 0 for success */
 };
 
 constexpr Outcome COMMITTED = {Ending::commit, 0};
 constexpr Outcome GIVEN_UP = {Ending::give_up, -1};
 
-/* Calls `work` with `borrowed`, which stays open, or, when that is null, with a connection of its own that is opened
- * before and closed after it; what such work has committed is flushed. Returns the result of `work`; or -1 when opening
- * or flushing failed (logged; the rows are written then), or when a pause in closing was interrupted. */
+/* Calls `work` with `borrowed`, which stays open; or, if `borrowed` is null, opens a connection, calls `work` with it,
+ * flushes its commits after a success, and closes it. Returns the result of `work`; or -1 when opening or flushing
+ * failed, which is logged (a failure to flush leaves the rows written), or when a pause in closing was interrupted. */
 template <typename Work>
 int with_connection(ResponderDb *borrowed, Work work)
 {
@@ -37,8 +37,8 @@ int with_connection(ResponderDb *borrowed, Work work)
     return own.close() == 0 ? result : -1;
 }
 
-/* Runs `work`, which returns an Outcome, between BEGIN and END. Returns the outcome's result, or -1 when BEGIN or END
- * failed (logged). A transaction that is not ended closes the connection, unless its outcome says to leave it open. */
+/* Runs `work`, which returns an Outcome, between BEGIN and END. Returns the outcome's result; or -1 when BEGIN or END
+ * failed, which is logged and closes the connection. */
 template <typename Work>
 int in_transaction(ResponderDb &db, Work work)
 {
@@ -52,8 +52,8 @@ int in_transaction(ResponderDb &db, Work work)
     return outcome.result;
 }
 
-/* The frame of a command: `work`, which takes the connection and returns an Outcome, in a transaction on a connection
- * of its own. Returns what with_connection and in_transaction return. */
+/* The frame of a command: runs `work`, which takes the connection and returns an Outcome, in a transaction on a new
+ * connection. Returns what with_connection and in_transaction return. */
 template <typename Work>
 int in_own_transaction(Work work)
 {
