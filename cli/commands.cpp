@@ -84,7 +84,7 @@ constexpr int MOST_REQUIRED = 3;
 
 struct Command {
     const char *flag;
-    const char *required[MOST_REQUIRED]; /* checked in this order; filled up with nullptr */
+    const char *required[MOST_REQUIRED]; /* checked in this order; unused elements are null */
     int (*run)(const po::variables_map &);
 };
 

@@ -14,12 +14,12 @@ struct ContentType {
     std::string text;
 };
 
-/* Writes the text; the help page shows the option's default with it. */
+/* Writes the text. The help page uses it for the default. */
 std::ostream &operator<<(std::ostream &stream, const ContentType &content_type);
 
-/* Called by the option library for each occurrence of the option; puts a ContentType into `value`. Accepts the two
- * types and their short forms "plain" and "html", in these very bytes. Throws the library's errors for an option given
- * twice, not exactly one token, or any other text (invalid_option_value). */
+/* The option library calls this for each occurrence of the option. Sets `value` to a ContentType. Accepts the two types
+ * and their short forms "plain" and "html", in lower case only. Throws the library's errors for a second occurrence,
+ * for any number of tokens but one, and for any other text (invalid_option_value). */
 void validate(boost::any &value, const std::vector<std::string> &tokens, ContentType *, int);
 
 } // namespace arsp

@@ -13,7 +13,7 @@ namespace po = boost::program_options;
 
 namespace {
 
-/* How an option takes its value; the group that the row is added to owns it. */
+/* The type and default of an option's value. The group that the option is added to becomes its owner. */
 using OptionValue = const po::value_semantic *;
 
 constexpr OptionValue FLAG = nullptr;
@@ -88,7 +88,7 @@ po::options_description all_options()
         group("Add and Update autoresponder command options",
               {
                   {"key-str", text_or(""), "Key string to look for to trigger response"},
-                  /* "Wehere" is kept misspelt: the page is matched letter for letter */
+                  /* "Wehere" stays misspelt: the help page is an interface */
                   {"key-where", text_or("no"), "Wehere to look for key string (no, subj, body)"},
                   {"subj", text_or("Re: <request_subject>"), "Response message subject"},
                   {"reply-to", text_or(""), "Response message 'Reply To:' header value"},

@@ -3,7 +3,7 @@
 
 #include <boost/program_options/options_description.hpp>
 
-/* Every command flag and option, in the order of the help page: five groups under one description without a caption. */
+/* Every command flag and option, in the order of the help page: five groups in one description without a caption. */
 boost::program_options::options_description all_options();
 
 #endif

@@ -8,7 +8,7 @@
 
 namespace arsp {
 
-/* An option that the chosen command needs was not given; what() is the whole message. */
+/* A required option is missing; what() is the whole message. */
 class MissingOptionException : public std::runtime_error {
 public:
     using std::runtime_error::runtime_error;
@@ -16,8 +16,8 @@ public:
 
 } // namespace arsp
 
-/* Returns when `vm` holds `name`, otherwise throws arsp::MissingOptionException "Missing option: <name>". Options with
- * a default are always held. */
+/* Throws arsp::MissingOptionException "Missing option: <name>" unless `vm` holds `name`. It always holds options with a
+ * default. */
 void require_option(const boost::program_options::variables_map &vm, const std::string &name);
 
 #endif
