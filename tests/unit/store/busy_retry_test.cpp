@@ -1,30 +1,25 @@
 #include "store/busy_retry.h"
 
 #include <string>
-#include <vector>
 
 #include <gtest/gtest.h>
 #include <sqlite3.h>
 
-#include "tests/unit/store/pause_capture.h"
+#include "tests/unit/store/database_fixture.h"
 
 using namespace arsp;
 
 namespace {
 
-using Pauses = std::vector<long long>;
-
-class BusyRetryTest : public testing::Test {
+class BusyRetryTest : public StoreTest {
 protected:
-    void SetUp() override { pause_capture = {}; }
-    void TearDown() override { pause_capture = {}; }
-
     /* Retries a call that is busy `times` times and then returns `last`. Returns the last result, or -2 after an
      * interrupted pause. */
     int busy(int times, int last = SQLITE_OK)
     {
         BusyRetry retry;
         int rc = SQLITE_OK;
+        calls_ = 0;
         do {
             order_ += 'c';
             rc = calls_++ < times ? SQLITE_BUSY : last;
@@ -36,42 +31,23 @@ protected:
     int calls_ = 0;
 };
 
-TEST_F(BusyRetryTest, ResultOtherThanBusyEndsTheLoopWithoutAPause)
-{
-    EXPECT_EQ(busy(0), SQLITE_OK);
-    EXPECT_EQ(calls_, 1);
-    EXPECT_EQ(pause_capture.pauses, Pauses{});
-}
-
-TEST_F(BusyRetryTest, PausesGrowByTenMicrosecondsAndOneFollowsTheLastAttempt)
-{
-    EXPECT_EQ(busy(4, SQLITE_DONE), SQLITE_DONE);
-    EXPECT_EQ(calls_, 5);
-    EXPECT_EQ(pause_capture.pauses, (Pauses{10'000, 20'000, 30'000, 40'000}));
-}
-
-TEST_F(BusyRetryTest, FirstRetryFollowsAtOnceAndEachPauseComesAfterItsTry)
+TEST_F(BusyRetryTest, PausesGrowByTenMicrosecondsFromZeroInEachLoopAndOneFollowsTheLastAttempt)
 {
     pause_capture.on_pause = [this] {
         order_ += 'p';
         return 0;
     };
-    busy(3);
-    EXPECT_EQ(order_, "ccpcpcp");
-}
-
-TEST_F(BusyRetryTest, EveryLoopStartsAtZero)
-{
-    busy(2);
-    calls_ = 0;
-    busy(1);
-    EXPECT_EQ(pause_capture.pauses, (Pauses{10'000, 20'000, 10'000}));
+    EXPECT_EQ(busy(4, SQLITE_DONE), SQLITE_DONE);
+    EXPECT_EQ(order_, "ccpcpcpcp");
+    EXPECT_EQ(busy(1), SQLITE_OK);
+    EXPECT_EQ(order_, "ccpcpcpcpccp");
+    EXPECT_EQ(pause_capture.pauses, (Pauses{10'000, 20'000, 30'000, 40'000, 10'000}));
 }
 
 TEST_F(BusyRetryTest, OnlyBusyIsRetried)
 {
-    for (const int rc : {SQLITE_LOCKED, SQLITE_ERROR, SQLITE_ROW, SQLITE_DONE, SQLITE_IOERR, SQLITE_FULL, -1}) {
-        calls_ = 0;
+    for (const int rc :
+         {SQLITE_OK, SQLITE_LOCKED, SQLITE_ERROR, SQLITE_ROW, SQLITE_DONE, SQLITE_IOERR, SQLITE_FULL, -1}) {
         EXPECT_EQ(busy(0, rc), rc);
         EXPECT_EQ(calls_, 1) << rc;
     }
@@ -87,16 +63,11 @@ TEST_F(BusyRetryTest, AttemptsHaveNoLimitAndPausesNoCap)
         ASSERT_EQ(pause_capture.pauses[i], 10'000LL * static_cast<long long>(i + 1));
 }
 
-TEST_F(BusyRetryTest, FailedPauseEndsTheLoop)
+TEST_F(BusyRetryTest, InterruptedPauseEndsTheLoopAndReplacesTheResult)
 {
     pause_capture.on_pause = interrupted;
     EXPECT_EQ(busy(100), -2);
     EXPECT_EQ(calls_, 2);
-}
-
-TEST_F(BusyRetryTest, FailedPauseAfterTheLastAttemptReplacesItsResult)
-{
-    pause_capture.on_pause = interrupted;
     EXPECT_EQ(busy(1, SQLITE_DONE), -2);
 }
 

@@ -1,19 +1,23 @@
 #ifndef ARSP_TESTS_UNIT_STORE_DATABASE_FIXTURE_H
 #define ARSP_TESTS_UNIT_STORE_DATABASE_FIXTURE_H
 
+#include <cstdio>
 #include <stdexcept>
 #include <string>
 #include <vector>
+
+#include <unistd.h>
 
 #include <gtest/gtest.h>
 #include <sqlite3.h>
 
 #include "store/responder_db.h"
 #include "tests/unit/store/pause_capture.h"
+#include "tests/unit/support/child_process.h"
 #include "tests/unit/support/scratch_dir.h"
 #include "tests/unit/support/syslog_capture.h"
 
-/* Another connection to a database, of somebody who never waits. */
+/* A connection of another program to a database. It does not wait for locks. */
 class Other {
 public:
     explicit Other(const std::string &path)
@@ -25,10 +29,10 @@ public:
     Other &operator=(const Other &) = delete;
     ~Other() { sqlite3_close(handle_); }
 
-    /* Executes `sql` and answers SQLite's result code. */
-    int exec(const char *sql) { return sqlite3_exec(handle_, sql, nullptr, nullptr, nullptr); }
+    /* Executes `sql` and returns SQLite's result code. */
+    int exec(const std::string &sql) { return sqlite3_exec(handle_, sql.c_str(), nullptr, nullptr, nullptr); }
 
-    /* Every value that `sql` answers, separated by "|"; of what fails, its error text. */
+    /* Returns every value that `sql` selects, separated by "|"; after a failure SQLite's error text. */
     std::string values(const char *sql)
     {
         std::string text;
@@ -49,22 +53,60 @@ private:
     sqlite3 *handle_ = nullptr;
 };
 
-/* A database `path_` with the empty table t (x), a connection `db_` to it, and `other_`, that of somebody else. */
-class DatabaseTest : public testing::Test {
+/* Captures log records and pauses. */
+class StoreTest : public testing::Test {
 protected:
-    using Records = std::vector<SyslogRecord>;
+    using Texts = std::vector<std::string>;
     using Pauses = std::vector<long long>;
 
     void SetUp() override
     {
         capture_syslog();
         pause_capture = {};
-        ASSERT_EQ(other_.exec("CREATE TABLE t (x)"), SQLITE_OK);
-        ASSERT_EQ(db_.open(path_.c_str()), 0);
     }
     void TearDown() override { pause_capture = {}; }
 
-    /* Lets `other_` execute `sql` in the pause of that number, from 1. */
+    /* The texts of the records at LOG_ERR. */
+    static Texts errors()
+    {
+        Texts texts;
+        for (const SyslogRecord &record : syslog_capture.records) {
+            if (record.priority == LOG_ERR)
+                texts.push_back(record.text);
+        }
+        return texts;
+    }
+
+    /* Runs `call` in a child process in which every pause is interrupted. Returns its result, the error text of `db`
+     * after it, and the number of records. Abandoned connections leak: the child ends without a leak check. */
+    template <typename Call>
+    static std::string with_failing_pauses(const ResponderDb &db, Call call)
+    {
+        const auto body = [&] {
+            pause_capture.on_pause = interrupted;
+            const int result = static_cast<int>(call());
+            std::printf("%d, %s, %zu records", result, db.errorText(), syslog_capture.records.size());
+            std::fflush(nullptr);
+            _exit(0);
+        };
+        return run_in_child(body).out;
+    }
+};
+
+/* A database `path_` with the empty table t (x), the connection `db_` to it, and `other_`, that of another program. */
+class DatabaseTest : public StoreTest {
+protected:
+    void SetUp() override
+    {
+        StoreTest::SetUp();
+        ASSERT_EQ(other_.exec("CREATE TABLE t (x)"), SQLITE_OK);
+        ASSERT_EQ(db_.open(path_.c_str()), 0);
+    }
+
+    /* Executes `sql`, which must succeed, on `db_`. */
+    void run(const char *sql) { ASSERT_EQ(db_.exec(sql, message_), SQLITE_OK) << message_.get(); }
+
+    /* Executes `sql` on `other_` in the pause of that number, counted from 1. */
     void in_pause(size_t number, const char *sql)
     {
         pause_capture.on_pause = [this, number, sql] {
@@ -79,6 +121,7 @@ protected:
     const std::string path_ = dir_ / "test.db";
     Other other_{path_};
     ResponderDb db_;
+    arsp::SqliteText message_;
 };
 
 #endif

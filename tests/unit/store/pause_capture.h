@@ -10,19 +10,19 @@
 
 #include <unistd.h>
 
-/* A program that includes this header never sleeps: how long it would have is kept here instead. */
+/* A program that includes this header never sleeps: the requested lengths are recorded instead. */
 
 struct PauseCapture {
-    std::vector<long long> pauses;           /* ns, as nanosleep was asked for: the store's own */
-    std::vector<long> waits;                 /* us, as usleep was asked for: SQLite's busy timeout */
-    std::function<int()> on_pause = nullptr; /* called in each of the store's own, and its answer is nanosleep's */
+    std::vector<long long> pauses;           /* of nanosleep, in ns: the store's own */
+    std::vector<long> waits;                 /* of usleep, in us: SQLite's busy timeout */
+    std::function<int()> on_pause = nullptr; /* called in each nanosleep, which returns its result */
 };
 
 inline PauseCapture pause_capture;
 
 constexpr size_t MOST_PAUSES = 1'000'000;
 
-/* The linker takes these for the C library's functions of the names in the asm labels. */
+/* The linker resolves nanosleep and usleep to these. */
 inline int captured_nanosleep(const timespec *length, timespec *rest) __asm__("nanosleep") __attribute__((used));
 inline int captured_nanosleep(const timespec *length, timespec * /*rest*/)
 {
@@ -31,8 +31,8 @@ inline int captured_nanosleep(const timespec *length, timespec * /*rest*/)
         return -1;
     }
     if (pause_capture.pauses.size() == MOST_PAUSES) {
-        std::fprintf(stderr, "%zu pauses: what is waited for does not come\n", MOST_PAUSES);
-        std::abort(); /* without sleeping, an endless loop would soon have used up the memory */
+        std::fprintf(stderr, "%zu pauses: the loop does not end\n", MOST_PAUSES);
+        std::abort(); /* before the records fill the memory */
     }
     pause_capture.pauses.push_back(length->tv_sec * 1'000'000'000LL + length->tv_nsec);
     return pause_capture.on_pause ? pause_capture.on_pause() : 0;
@@ -45,7 +45,7 @@ inline int captured_usleep(useconds_t length)
     return 0;
 }
 
-/* What a signal does to a pause. */
+/* For on_pause: fails like a pause that a signal interrupts. */
 inline int interrupted()
 {
     errno = EINTR;

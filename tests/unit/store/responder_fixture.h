@@ -5,51 +5,32 @@
 #include <fstream>
 #include <functional>
 #include <string>
-#include <vector>
-
-#include <sys/syslog.h>
-
-#include <gtest/gtest.h>
-#include <sqlite3.h>
 
 #include "store/init_db.h"
-#include "store/responder_db.h"
-#include "tests/unit/support/syslog_capture.h"
+#include "tests/unit/store/database_fixture.h"
 
-/* What happens to the connections that the code under test opens by itself; SQLite then refuses by itself. */
-struct SqliteHooks {
-    std::function<void(sqlite3 *)> on_open = nullptr;
-    /* Asked while a statement is prepared, as sqlite3_set_authorizer tells: SQLITE_TRANSACTION with "BEGIN" or
-     * "COMMIT", SQLITE_DELETE with a table, ... Anything but SQLITE_OK makes the preparing fail. */
-    std::function<int(sqlite3 *, int action, const std::string &what)> on_prepare = nullptr;
-};
+/* Called while a statement is prepared on a connection that the code under test opens, with the arguments of
+ * sqlite3_set_authorizer: SQLITE_TRANSACTION with "COMMIT", SQLITE_DELETE with a table, ... Any result but SQLITE_OK
+ * makes preparing fail. */
+inline std::function<int(sqlite3 *, int action, const std::string &what)> on_prepare;
 
-inline SqliteHooks sqlite_hooks;
-
-inline int ask_hook(void *db, int action, const char *what, const char *, const char *, const char *)
+inline int call_on_prepare(void *db, int action, const char *what, const char *, const char *, const char *)
 {
-    return sqlite_hooks.on_prepare(static_cast<sqlite3 *>(db), action, what != nullptr ? what : "");
+    return on_prepare(static_cast<sqlite3 *>(db), action, what != nullptr ? what : "");
 }
 
-inline int install_hooks(sqlite3 *db, const char **, const sqlite3_api_routines *)
+inline int install_on_prepare(sqlite3 *db, const char **, const sqlite3_api_routines *)
 {
-    if (sqlite_hooks.on_prepare)
-        sqlite3_set_authorizer(db, ask_hook, db);
-    if (sqlite_hooks.on_open)
-        sqlite_hooks.on_open(db);
-    return SQLITE_OK;
+    return on_prepare ? sqlite3_set_authorizer(db, call_on_prepare, db) : SQLITE_OK;
 }
 
-/* The responder database of the private root, with all that the mailbox user@example.org can have: an autoresponder, a
- * counter, and the attachment old.pdf with its file. sales@example.org has an autoresponder that user@example.org owns.
- */
-class ResponderTest : public testing::Test {
+/* The responder database of the private root. user@example.org has an autoresponder, a counter, and the attachment
+ * old.pdf with its file; sales@example.org has an autoresponder that user@example.org owns. */
+class ResponderTest : public StoreTest {
 protected:
-    using Texts = std::vector<std::string>;
-
     void SetUp() override
     {
-        capture_syslog();
+        StoreTest::SetUp();
         ASSERT_EQ(init_responder_db(), 0);
         ASSERT_EQ(db_.open(), 0);
         run("INSERT INTO autoresponder (mn, real_owner) VALUES ('user@example.org', 'user@example.org'), "
@@ -58,16 +39,16 @@ protected:
             "INSERT INTO resp_freq VALUES ('user@example.org', 'x@example.net', 1, 7)");
         std::filesystem::create_directories(DIRECTORY);
         std::ofstream(DIRECTORY + "/old.pdf") << "content";
-        syslog_capture.records.clear();
-        sqlite3_auto_extension(reinterpret_cast<void (*)()>(install_hooks));
+        sqlite3_auto_extension(reinterpret_cast<void (*)()>(install_on_prepare));
     }
     void TearDown() override
     {
         sqlite3_reset_auto_extension();
-        sqlite_hooks = {};
+        on_prepare = nullptr;
         db_.close();
         std::filesystem::remove(arsp::RESPONDER_DB_PATH);
         std::filesystem::remove_all("/var/qmail/mailnames/example.org");
+        StoreTest::TearDown();
     }
 
     void run(const std::string &script)
@@ -76,49 +57,21 @@ protected:
         ASSERT_EQ(db_.exec(script.c_str(), message), SQLITE_OK) << message.get();
     }
 
-    /* How many rows the tables autoresponder, attachments and resp_freq have: "2 1 1" at first. */
-    std::string row_counts()
+    /* The numbers of rows in autoresponder, attachments and resp_freq, initially "2|1|1". */
+    static std::string row_counts()
     {
-        ResponderStatement stmt;
-        stmt.prepare(db_, "SELECT (SELECT count(*) FROM autoresponder) || ' ' || (SELECT count(*) FROM attachments) || "
-                          "' ' || (SELECT count(*) FROM resp_freq)");
-        stmt.step();
-        return stmt.columnText(0);
+        return Other(arsp::RESPONDER_DB_PATH)
+            .values("SELECT (SELECT count(*) FROM autoresponder), (SELECT count(*) FROM attachments), "
+                    "(SELECT count(*) FROM resp_freq)");
     }
 
-    static bool old_file_is_there() { return std::filesystem::exists(DIRECTORY + "/old.pdf"); }
+    static bool old_file_exists() { return std::filesystem::exists(DIRECTORY + "/old.pdf"); }
 
-    /* The records at LOG_ERR; the priorities of the others are those that the tool drops. */
-    static Texts errors()
-    {
-        Texts texts;
-        for (const SyslogRecord &record : syslog_capture.records) {
-            if (record.priority == LOG_ERR)
-                texts.push_back(record.text);
-        }
-        return texts;
-    }
-
-    /* From now on a transaction is open already when somebody comes to begin his own. */
-    static void begin_beforehand()
-    {
-        sqlite_hooks.on_open = [](sqlite3 *db) { sqlite3_exec(db, "BEGIN", nullptr, nullptr, nullptr); };
-    }
-
-    /* From now on no statement can be prepared that does `action` to `what`. */
-    static void refuse_preparing(int action, const std::string &what)
-    {
-        sqlite_hooks.on_prepare = [=](sqlite3 *, int asked, const std::string &of) {
-            return asked == action && of == what ? SQLITE_DENY : SQLITE_OK;
-        };
-    }
-
-    /* From now on texts longer than `longest` bytes are refused, once a statement that does `action` to `what` is
-     * prepared. */
+    /* From now on a statement that does `action` to `what` refuses to bind texts longer than `longest` bytes. */
     static void limit_texts(int longest, int action, const std::string &what)
     {
-        sqlite_hooks.on_prepare = [=](sqlite3 *db, int asked, const std::string &of) {
-            if (asked == action && of == what)
+        on_prepare = [=](sqlite3 *db, int prepared_action, const std::string &of) {
+            if (prepared_action == action && of == what)
                 sqlite3_limit(db, SQLITE_LIMIT_LENGTH, longest);
             return SQLITE_OK;
         };

@@ -1,6 +1,5 @@
 #include "store/transaction.h"
 
-#include <cstdio>
 #include <filesystem>
 #include <string>
 
@@ -8,7 +7,6 @@
 
 #include "store/run_statement.h"
 #include "tests/unit/store/database_fixture.h"
-#include "tests/unit/support/child_process.h"
 
 using namespace arsp;
 
@@ -16,16 +14,12 @@ namespace {
 
 class TransactionTest : public DatabaseTest {
 protected:
-    int insert(ResponderDb &db)
-    {
-        EXPECT_EQ(run_statement(db, "INSERT INTO t VALUES (1)", {}), StepResult::done);
-        return 0;
-    }
-    /* Runs a transaction that inserts a row and ends as `outcome` says. */
-    int insert_and(Outcome outcome)
+    /* Runs a transaction that inserts a row, executes `sql` and ends as `outcome` requests. */
+    int insert_and(Outcome outcome, const char *sql = "")
     {
         return in_transaction(db_, [&] {
-            insert(db_);
+            run("INSERT INTO t VALUES (1)");
+            run(sql);
             return outcome;
         });
     }
@@ -33,19 +27,13 @@ protected:
     bool is_open() const { return std::string(db_.errorText()) != "general DB errror"; }
 };
 
-TEST_F(TransactionTest, CommitKeepsTheWorkAndTheConnection)
+TEST_F(TransactionTest, CommitKeepsWorkResultAndConnection)
 {
     EXPECT_EQ(insert_and(COMMITTED), 0);
-    EXPECT_EQ(rows(), "1");
-    EXPECT_TRUE(is_open());
-    EXPECT_EQ(syslog_capture.records, Records{});
-}
-
-TEST_F(TransactionTest, CommitWithAFailureKeepsTheWorkAndTheFailure)
-{
     EXPECT_EQ(insert_and({Ending::commit, -1}), -1);
-    EXPECT_EQ(rows(), "1");
+    EXPECT_EQ(rows(), "2");
     EXPECT_TRUE(is_open());
+    EXPECT_EQ(errors(), Texts{});
 }
 
 TEST_F(TransactionTest, GivingUpClosesAndDiscardsTheWork)
@@ -53,10 +41,10 @@ TEST_F(TransactionTest, GivingUpClosesAndDiscardsTheWork)
     EXPECT_EQ(insert_and(GIVEN_UP), -1);
     EXPECT_EQ(rows(), "0");
     EXPECT_FALSE(is_open());
-    EXPECT_EQ(syslog_capture.records, Records{});
+    EXPECT_EQ(errors(), Texts{});
 }
 
-TEST_F(TransactionTest, LeavingOpenDoesNeither)
+TEST_F(TransactionTest, LeavingOpenNeitherCommitsNorCloses)
 {
     EXPECT_EQ(insert_and({Ending::leave_open, -1}), -1);
     EXPECT_EQ(rows(), "0");
@@ -67,42 +55,24 @@ TEST_F(TransactionTest, LeavingOpenDoesNeither)
 
 TEST_F(TransactionTest, FailedBeginClosesAndCallsNoWork)
 {
-    db_.begin();
-    EXPECT_EQ(in_transaction(db_,
-                             [] {
-                                 ADD_FAILURE() << "work without a transaction";
-                                 return COMMITTED;
-                             }),
-              -1);
+    ASSERT_EQ(db_.begin(), 0);
+    EXPECT_EQ(insert_and(COMMITTED), -1);
     EXPECT_FALSE(is_open());
-    EXPECT_EQ(syslog_capture.records, (Records{{3, "Unable to begin sqlite transaction: "
-                                                   "cannot start a transaction within a transaction"}}));
+    EXPECT_EQ(rows(), "0");
+    EXPECT_EQ(errors(), Texts{"Unable to begin sqlite transaction: cannot start a transaction within a transaction"});
 }
 
 TEST_F(TransactionTest, FailedEndClosesAndFails)
 {
-    const int result = in_transaction(db_, [&] {
-        insert(db_);
-        EXPECT_EQ(run_statement(db_, "ROLLBACK", {}), StepResult::done); /* as a trigger may */
-        return COMMITTED;
-    });
-    EXPECT_EQ(result, -1);
+    EXPECT_EQ(insert_and(COMMITTED, "ROLLBACK"), -1); /* as a trigger may do */
     EXPECT_FALSE(is_open());
-    EXPECT_EQ(syslog_capture.records,
-              (Records{{3, "Unable to end sqlite transaction: cannot commit - no transaction is active"}}));
+    EXPECT_EQ(errors(), Texts{"Unable to end sqlite transaction: cannot commit - no transaction is active"});
 }
 
-TEST_F(TransactionTest, FailedPauseAtTheEndIsSilentAndKeepsNothing)
+TEST_F(TransactionTest, InterruptedPauseAtTheEndIsSilentAndKeepsNothing)
 {
-    const ChildResult child = run_in_child([this] {
-        other_.exec("BEGIN; SELECT * FROM t");
-        pause_capture.on_pause = interrupted;
-        const int result = insert_and(COMMITTED);
-        std::printf("%d %d %zu", result, is_open(), syslog_capture.records.size());
-        std::fflush(nullptr);
-        _exit(0);
-    });
-    EXPECT_EQ(child.out, "-1 0 0");
+    other_.exec("BEGIN; SELECT * FROM t");
+    EXPECT_EQ(with_failing_pauses(db_, [this] { return insert_and(COMMITTED); }), "-1, general DB errror, 0 records");
     EXPECT_EQ(rows(), "0");
 }
 
@@ -110,44 +80,38 @@ TEST_F(TransactionTest, BorrowedConnectionStaysOpen)
 {
     const int result = with_connection(&db_, [&](ResponderDb &db) {
         EXPECT_EQ(&db, &db_);
-        return insert(db) + 7;
+        return 7;
     });
     EXPECT_EQ(result, 7);
     EXPECT_TRUE(is_open());
-    EXPECT_EQ(rows(), "1");
 }
 
-/* A connection of its own is one to the real path, which must be that of a private root. */
+/* with_connection(nullptr, ...) opens the real path, which must be that of a private root. */
 class OwnConnectionTest : public TransactionTest {
 protected:
     void SetUp() override
     {
-        ASSERT_TRUE(std::filesystem::exists("/.private-root")) << "to be run by scripts/sandbox";
+        ASSERT_TRUE(std::filesystem::exists("/.private-root")) << "must be run by scripts/sandbox";
         TransactionTest::SetUp();
         std::filesystem::create_directories("/var/lib/quarn/mail/autoresponder");
         std::filesystem::copy_file(path_, RESPONDER_DB_PATH);
     }
-    void TearDown() override { std::filesystem::remove_all(DIRECTORY); }
-
-    static std::string rows() { return Other(RESPONDER_DB_PATH).values("SELECT count(*) FROM t"); }
+    void TearDown() override
+    {
+        std::filesystem::remove_all(DIRECTORY);
+        TransactionTest::TearDown();
+    }
 
     static constexpr char DIRECTORY[] = "/var/lib/quarn/mail";
 };
 
-TEST_F(OwnConnectionTest, IsOpenedForTheWorkAndClosedAfterIt)
+TEST_F(OwnConnectionTest, ClosesAfterTheWorkAndReturnsItsResult)
 {
-    ResponderDb *seen = nullptr;
     const int result = with_connection(nullptr, [&](ResponderDb &db) {
-        seen = &db;
-        EXPECT_EQ(run_statement(db, "BEGIN IMMEDIATE", {}), StepResult::done);
-        EXPECT_EQ(run_statement(db, "INSERT INTO t VALUES (1)", {}), StepResult::done);
-        EXPECT_EQ(run_statement(db, "COMMIT", {}), StepResult::done);
-        EXPECT_EQ(run_statement(db, "BEGIN IMMEDIATE", {}), StepResult::done);
+        EXPECT_EQ(db.exec("BEGIN IMMEDIATE", message_), SQLITE_OK);
         return 7;
     });
     EXPECT_EQ(result, 7);
-    EXPECT_NE(seen, nullptr);
-    EXPECT_EQ(rows(), "1");
     EXPECT_EQ(Other(RESPONDER_DB_PATH).exec("BEGIN IMMEDIATE"), SQLITE_OK);
 }
 
@@ -156,31 +120,24 @@ TEST_F(OwnConnectionTest, MayBeClosedByTheWork)
     EXPECT_EQ(with_connection(nullptr, [](ResponderDb &db) { return db.close() - 1; }), -1);
 }
 
-TEST_F(OwnConnectionTest, ThatCannotBeOpenedIsAFailureWithoutWork)
+TEST_F(OwnConnectionTest, FailureToOpenCallsNoWork)
 {
     std::filesystem::remove_all(DIRECTORY);
-    EXPECT_EQ(with_connection(nullptr,
-                              [](ResponderDb &) {
-                                  ADD_FAILURE() << "work without a connection";
-                                  return 0;
-                              }),
-              -1);
-    EXPECT_EQ(syslog_capture.records,
-              (Records{{3, "Unable to open database /var/lib/quarn/mail/autoresponder/responder.db: "
-                           "unable to open database file"}}));
+    const auto unexpected_work = [](ResponderDb &) {
+        ADD_FAILURE();
+        return 0;
+    };
+    EXPECT_EQ(with_connection(nullptr, unexpected_work), -1);
+    EXPECT_EQ(errors(), Texts{"Unable to open database /var/lib/quarn/mail/autoresponder/responder.db: "
+                              "unable to open database file"});
 }
 
-TEST_F(OwnConnectionTest, ThatCannotBeClosedForAFailedPauseIsASilentFailure)
+TEST_F(OwnConnectionTest, InterruptedPauseInClosingIsASilentFailure)
 {
-    const ChildResult child = run_in_child([] {
-        ResponderStatement alive;
-        pause_capture.on_pause = interrupted;
-        const int result = with_connection(nullptr, [&](ResponderDb &db) { return alive.prepare(db, "SELECT 1"); });
-        std::printf("%d %zu", result, syslog_capture.records.size());
-        std::fflush(nullptr);
-        _exit(0);
-    });
-    EXPECT_EQ(child.out, "-1 0");
+    ResponderStatement alive;
+    const auto keep_a_statement = [&](ResponderDb &db) { return alive.prepare(db, "SELECT 1"); };
+    EXPECT_EQ(with_failing_pauses(db_, [&] { return with_connection(nullptr, keep_a_statement); }),
+              "-1, not an error, 0 records");
 }
 
 } // namespace
