@@ -101,17 +101,19 @@ private:
 };
 
 /* Sets `found` to the entry `name` of `directory` as cp would resolve it, or to an empty entry when it is missing or
- * the kernel refuses it. Fails at a link that must not be followed. */
+ * the kernel refuses it. Fails at a link that must not be followed, and at a dangling link whose target another
+ * user than root can have chosen. */
 int Copy::findEntry(int directory, const std::string &name, TreeEntry &found)
 {
     struct stat status = {};
     found = tree_.openEntry(Descriptor(fcntl(directory, F_DUPFD_CLOEXEC, 0)), name);
     if (found.fd)
         return 0;
-    const bool dangling = errno == ENOENT && fstatat(directory, name.c_str(), &status, AT_SYMLINK_NOFOLLOW) == 0;
-    if (dangling)
-        errno = ELOOP; /* cp could create a file at a path that the link chose */
-    return dangling || tree_.refused() || is_shortage(errno) ? -1 : 0;
+    const bool unsafe_target = errno == ENOENT && !tree_.followedOnlyRootsChoice() &&
+                               fstatat(directory, name.c_str(), &status, AT_SYMLINK_NOFOLLOW) == 0;
+    if (unsafe_target)
+        errno = ELOOP; /* cp could create the target of the link */
+    return unsafe_target || tree_.refused() || is_shortage(errno) ? -1 : 0;
 }
 
 int Copy::rejectUnsafeLinks()

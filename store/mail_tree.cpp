@@ -60,6 +60,8 @@ TreeEntry MailTree::resolveBelow(Descriptor start, std::string_view path)
 
 TreeEntry MailTree::openEntry(Descriptor directory, std::string name)
 {
+    if (in_link_ && !only_root_may_write(directory.get()))
+        only_root_chose_ = false;
     Descriptor fd(openat(directory.get(), name.c_str(), DIRECTORY | O_NOFOLLOW));
     if (fd)
         return {std::move(directory), std::move(name), std::move(fd)};
@@ -80,6 +82,8 @@ TreeEntry MailTree::followLink(Descriptor directory, int link, const struct stat
     const bool of_root = status.st_uid == 0;
     if (!of_root && !(in_link_ && in_protected_directory))
         return refuse();
+    if (!of_root || !in_protected_directory)
+        only_root_chose_ = false;
     char target[PATH_MAX];
     if (read_link_target(link, target) != 0)
         return {};

@@ -46,12 +46,17 @@ public:
      * refuses the path to every process. */
     bool refused() const { return refused_; }
 
+    /* True after links were followed whose targets only root can have chosen and can change: root owns the links, and
+     * only root may write the directories that hold them and the names on their targets' paths. */
+    bool followedOnlyRootsChoice() const { return links_ > 0 && only_root_chose_; }
+
 private:
     TreeEntry followLink(Descriptor directory, int link, const struct stat &status);
     TreeEntry refuse();
 
-    int links_ = 0;        /* followed so far */
-    bool in_link_ = false; /* whether the path being resolved is the target of a link */
+    int links_ = 0;               /* followed so far */
+    bool in_link_ = false;        /* whether the path being resolved is the target of a link */
+    bool only_root_chose_ = true; /* the targets of all links so far */
     bool refused_ = false;
 };
 
