@@ -25,10 +25,9 @@ int set_extra_headers_command();
  */
 int delete_extra_headers(ResponderDb *db);
 
-/* Stores a row for each top-level member of the JSON document `text`, in the document's order. Returns what
+/* Stores a row for each top-level member of the JSON document `text`, in its order. Returns what
  * store_extra_headers returns; or -1, with nothing written, after logging "Unable to parse auto-reply headers json:
- * %s".
- */
+ * %s". */
 int import_extra_headers_json(ResponderDb *db, const std::string &text);
 
 /* Add `count` rows of NUL-terminated `names` and `values`, in one transaction; a count of 0 touches nothing. A row that

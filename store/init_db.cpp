@@ -112,6 +112,7 @@ int fix_permissions(const char *path, HeldFile &file, bool flush_too)
 int init_responder_db()
 {
     constexpr char LABEL[] = "autoresponders";
+    /* A directory is not an old file: opening it with O_EXCL fails. */
     const bool old_file_remains = unlink(RESPONDER_DB_PATH) != 0 && errno != ENOENT && errno != EISDIR;
     if (db_make_parent_dir(RESPONDER_DB_PATH, LABEL) != 0) {
         log_message(LOG_CRIT, "Unable to create directory for autoresponders database for(%s): %s", RESPONDER_DB_PATH,

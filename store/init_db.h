@@ -8,8 +8,7 @@
  * - Single-threaded: a database is opened with the umask of the process changed, and the log has one state per process.
  * - Nothing throws.
  * - No pointer may be null.
- * - No command calls fix_responder_db_permissions and set_owner_and_mode: they are for other programs. --init-db does
- * the same to the file that it holds open. */
+ * - No command calls fix_responder_db_permissions and set_owner_and_mode. */
 
 /* The command --init-db: deletes the database with all its content, makes an empty one, gives it to the mail user and
  * flushes it. Takes no lock: a process that has the old file open keeps using the deleted file. If the old file cannot

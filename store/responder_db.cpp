@@ -37,9 +37,9 @@ int run_transaction_statement(ResponderDb &db, const char *sql, const char *fail
     return result == StepResult::done ? 0 : -1;
 }
 
-/* Empties `owner` without closing or finalizing what it owns. */
+/* Empties `owner` and closes or finalizes nothing. */
 template <typename Owner>
-void give_up(Owner &owner)
+void release_unclosed(Owner &owner)
 {
     static_cast<void>(owner.release());
 }
@@ -81,7 +81,7 @@ int ResponderDb::close()
 {
     if (close_handle(handle_.get()) != 0)
         return abandon();
-    give_up(handle_); /* closed above */
+    release_unclosed(handle_); /* closed above */
     vfs_.reset();
     return 0;
 }
@@ -112,8 +112,8 @@ int ResponderDb::execOnce(const char *sql, SqliteText &message)
 
 int ResponderDb::abandon()
 {
-    give_up(handle_);
-    give_up(vfs_);
+    release_unclosed(handle_);
+    release_unclosed(vfs_);
     interrupted_ = true;
     return -1;
 }
@@ -196,7 +196,7 @@ int ResponderStatement::step()
 
 int ResponderStatement::abandon()
 {
-    give_up(stmt_);
+    release_unclosed(stmt_);
     return db_->abandon();
 }
 

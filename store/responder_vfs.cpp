@@ -65,7 +65,8 @@ ResponderVfs::~ResponderVfs()
         sqlite3_vfs_unregister(this);
 }
 
-/* SQLite opens the result with O_NOFOLLOW, so a link that replaces the file later is not followed either. */
+/* Resolves links at the file itself by the rule above, then those in its directory's path like the default VFS. SQLite
+ * opens the result with O_NOFOLLOW, so a link that replaces the file later is not followed either. */
 int ResponderVfs::fullPathname(sqlite3_vfs *vfs, const char *path, int size, char *resolved)
 {
     auto *self = static_cast<ResponderVfs *>(vfs);
