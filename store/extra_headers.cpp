@@ -78,7 +78,7 @@ int delete_extra_headers(ResponderDb *db)
     return with_connection(db, [](ResponderDb &open_db) {
         SqliteText message;
         const int result = open_db.exec("DELETE FROM extra_headers", message);
-        message.reset();
+        message.reset(); /* not used: the record has the text of the connection */
         if (result > 0)
             log_message(LOG_ERR, "Unable to remove autoresponder extra headers: %s", open_db.errorText());
         return result;

@@ -8,8 +8,8 @@
 /* The list of extra header lines that every automatic reply carries; one list for all mailboxes.
  *
  * `db` may be null: the function then opens a connection of its own, closes it before it returns, and returns -1 after
- * logging "Unable to open database %s: %s" when opening fails. No other pointer may be null, nor any of `names` and
- * `values`. All failures are logged at LOG_ERR.
+ * logging "Unable to open database %s: %s" when opening fails. No other pointer may be null unless `count` is 0, nor
+ * any of `names` and `values`. All failures are logged at LOG_ERR.
  *
  * - Single-threaded, as responder_db.h states.
  * - std::bad_alloc leaves these functions. A borrowed connection then stays open, with its transaction.

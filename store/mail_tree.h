@@ -24,7 +24,7 @@ namespace arsp {
 
 /* A resolved path: `fd` was opened with O_PATH and is no link; the file is called `name` in `directory`. After a
  * failure `fd` is empty and `errno` has the reason; `directory` and `name` are then not set. */
-struct TreeEntry {
+struct [[nodiscard]] TreeEntry {
     Descriptor directory;
     std::string name;
     Descriptor fd;

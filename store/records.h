@@ -18,7 +18,7 @@
  * - std::bad_alloc leaves these functions. A borrowed connection then stays open, with its transaction. Without memory
  *   for a mail name the process ends (xasprintf).
  * - Closing waits for ever while a ResponderStatement of the caller's is alive on a borrowed connection.
- * - Except `db` of the wrappers, no pointer may be null, nor any of `file_names`. */
+ * - No pointer may be null, except `db` of the wrappers and, with a count of 0, `file_names`. */
 
 #include "store/responder_db.h"
 

@@ -12,7 +12,7 @@ enum class Ending {
     leave_open /* neither: the owner of the connection decides */
 };
 
-struct Outcome {
+struct [[nodiscard]] Outcome {
     Ending ending;
     int result; /* 0 for success */
 };
@@ -24,7 +24,7 @@ constexpr Outcome GIVEN_UP = {Ending::give_up, -1};
  * flushes its commits after a success, and closes it. Returns the result of `work`; or -1 when opening or flushing
  * failed, which is logged (a failure to flush leaves the rows written), or when a pause in closing was interrupted. */
 template <typename Work>
-int with_connection(ResponderDb *borrowed, Work work)
+[[nodiscard]] int with_connection(ResponderDb *borrowed, Work work)
 {
     if (borrowed != nullptr)
         return work(*borrowed);
@@ -40,7 +40,7 @@ int with_connection(ResponderDb *borrowed, Work work)
 /* Runs `work`, which returns an Outcome, between BEGIN and END. Returns the outcome's result; or -1 when BEGIN or END
  * failed, which is logged and closes the connection. */
 template <typename Work>
-int in_transaction(ResponderDb &db, Work work)
+[[nodiscard]] int in_transaction(ResponderDb &db, Work work)
 {
     Outcome outcome = GIVEN_UP;
     if (db.begin() == 0)
@@ -55,7 +55,7 @@ int in_transaction(ResponderDb &db, Work work)
 /* The frame of a command: runs `work`, which takes the connection and returns an Outcome, in a transaction on a new
  * connection. Returns what with_connection and in_transaction return. */
 template <typename Work>
-int in_own_transaction(Work work)
+[[nodiscard]] int in_own_transaction(Work work)
 {
     return with_connection(nullptr, [&](ResponderDb &db) { return in_transaction(db, [&] { return work(db); }); });
 }
