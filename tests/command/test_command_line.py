@@ -5,7 +5,7 @@ import os
 import shutil
 
 import pytest
-from harness import DONE, Result, preload
+from harness import DONE, Result
 from harness.sandbox import DATABASE
 
 ADDRESS = ["--mailname", "user@example.org"]
@@ -299,51 +299,21 @@ def test_closed_streams_affect_neither_status_nor_files_nor_log(sandbox, no_leak
     assert result.status == 1
 
 
-ROOT_DOES_NOT_OPEN = """
-#include <cerrno>
-#include <cstring>
-#include <fcntl.h>
-extern "C" int open(const char *path, int flags, ...)
-{
-    if (std::strcmp(path, "/") != 0)
-        return openat(AT_FDCWD, path, flags, 0666);
-    errno = EMFILE;
-    return -1;
-}
-"""
-
-ROOT_OPENS_ELSEWHERE = """
-#include <cstring>
-#include <fcntl.h>
-#include <sys/stat.h>
-#include <sys/syscall.h>
-#include <unistd.h>
-extern "C" int open(const char *path, int flags, ...)
-{
-    const int fd = openat(AT_FDCWD, path, flags, 0666);
-    return std::strcmp(path, "/") == 0 ? dup2(fd, 9) : fd;
-}
-extern "C" int close(int fd)
-{
-    if (fd == 9)
-        mkdir("/tmp/closed", 0755);
-    return static_cast<int>(syscall(SYS_close, fd));
-}
-"""
-
-
 @each_set_of_closed_streams
-def test_closed_stream_that_cannot_be_replaced_ends_the_run_silently(sandbox, closed):
-    environment = preload.environment(sandbox, ROOT_DOES_NOT_OPEN)
+def test_closed_stream_that_cannot_be_replaced_ends_the_run_silently(sandbox, needs_tracing, closed):
+    result, _ = sandbox.trace("--help", redirect=" ".join(f"{fd}>&-" for fd in closed), paths=["/"],
+                              inject=["openat:error=EMFILE"])
 
-    assert sandbox.run("--help", env=environment, close_fds=closed) == SILENT_FAILURE
+    assert result == SILENT_FAILURE
 
 
-def test_closed_stream_whose_number_is_taken_by_another_thread_ends_the_run_silently(sandbox):
-    environment = preload.environment(sandbox, ROOT_OPENS_ELSEWHERE)
+def test_closed_stream_whose_number_is_taken_by_another_thread_ends_the_run_silently(sandbox, needs_tracing):
+    # The shell's open of /var is the first one.
+    result, calls = sandbox.trace("--help", redirect="0<&- 9</var", calls="openat,close", paths=["/", "/var"],
+                                  inject=["openat:retval=9:when=2"])
 
-    assert sandbox.run("--help", env=environment, close_fds=(0,)) == SILENT_FAILURE
-    assert sandbox.path("/tmp/closed").exists()
+    assert result == SILENT_FAILURE
+    assert [(call.name, call.args_text) for call in calls][-1] == ("close", "9")
 
 
 @pytest.mark.parametrize("argument", ["--help", "--no-such-option"])

@@ -7,12 +7,12 @@ import select
 import shutil
 
 import pytest
+from harness.attackers import attacked_runs, exchange
 from harness.mailboxes import (ADD, DEL, DEL_RESP, DIRECTORY, DOMAIN, FILE, MAIL_TREE, MAILBOX, POPUSER, ROOT, STRANGER,
                                attachment_rows, copying_from_pipe, error_texts, make_directories, put_file, put_link,
                                run_sql)
 from harness.outcomes import outcome
 from harness.sandbox import PIPE_ROOM
-from harness.tree_attackers import attacked_runs, exchange
 from harness.waiting import until
 
 each_command = pytest.mark.parametrize("args", [ADD, DEL, DEL_RESP], ids=lambda args: args[0])
@@ -71,7 +71,8 @@ def assert_leads_nowhere_else(mailbox, args, prepare, attack):
 
 @each_command
 @pytest.mark.parametrize(("link", "other_owner"), [(DOMAIN, POPUSER), (MAILBOX, ROOT), (DIRECTORY, POPUSER)])
-def test_link_of_roots_exchanged_for_another_at_any_moment_leads_nowhere_else(mailbox, args, link, other_owner):
+def test_link_of_roots_exchanged_for_another_at_any_moment_leads_nowhere_else(mailbox, needs_tracing, args, link,
+                                                                                 other_owner):
     def prepare():
         make_directories(mailbox, "/srv/mail" + DIRECTORY.removeprefix(link))
         make_directories(mailbox, link.rpartition("/")[0])
@@ -82,7 +83,7 @@ def test_link_of_roots_exchanged_for_another_at_any_moment_leads_nowhere_else(ma
 
 
 @each_command
-def test_link_exchanged_at_any_moment_in_the_path_of_another_leads_nowhere_else(mailbox, args):
+def test_link_exchanged_at_any_moment_in_the_path_of_another_leads_nowhere_else(mailbox, needs_tracing, args):
     def prepare():
         make_directories(mailbox, "/srv/mail" + DIRECTORY.removeprefix(DOMAIN))
         make_directories(mailbox, "/srv/www", owner=STRANGER, mode=0o755)
@@ -95,7 +96,7 @@ def test_link_exchanged_at_any_moment_in_the_path_of_another_leads_nowhere_else(
 
 @each_command
 @pytest.mark.parametrize("directory", [MAILBOX, DIRECTORY])
-def test_directory_exchanged_for_a_link_at_any_moment_leads_nowhere_else(mailbox, args, directory):
+def test_directory_exchanged_for_a_link_at_any_moment_leads_nowhere_else(mailbox, needs_tracing, args, directory):
     def prepare():
         make_directories(mailbox, DIRECTORY)
         put_file(mailbox, FILE, b"older")
@@ -107,7 +108,7 @@ def test_directory_exchanged_for_a_link_at_any_moment_leads_nowhere_else(mailbox
 @pytest.mark.parametrize(("directory", "target"), [
     (DOMAIN, "/srv/foreign/example.org"), (MAILBOX, "/srv/foreign/empty"), (DIRECTORY, "/srv/foreign/@attachments"),
     (DIRECTORY, "/srv/foreign/empty")])
-def test_new_directory_exchanged_for_a_link_at_any_moment_gives_nothing_away(mailbox, directory, target):
+def test_new_directory_exchanged_for_a_link_at_any_moment_gives_nothing_away(mailbox, needs_tracing, directory, target):
     """The attacker waits for the directory, and puts a link in its place before the tool changes its owner."""
 
     def prepare():
@@ -124,7 +125,7 @@ def test_new_directory_exchanged_for_a_link_at_any_moment_gives_nothing_away(mai
 
 
 @pytest.mark.parametrize("directory", [DOMAIN, MAILBOX, DIRECTORY])
-def test_new_directory_exchanged_for_one_of_roots_at_any_moment_gives_nothing_away(mailbox, directory):
+def test_new_directory_exchanged_for_one_of_roots_at_any_moment_gives_nothing_away(mailbox, needs_tracing, directory):
     """The mail user can rename a directory of root's in its own directory, but cannot read it."""
 
     def prepare():
@@ -207,7 +208,7 @@ def test_name_swapped_while_a_named_pipe_holds_the_copy_gives_nothing_away(repla
 # -- a directory that is moved away while its contents are removed
 
 
-def test_directory_moved_out_of_the_tree_at_any_moment_leads_del_resp_nowhere_else(mailbox):
+def test_directory_moved_out_of_the_tree_at_any_moment_leads_del_resp_nowhere_else(mailbox, needs_tracing):
     def prepare():
         begin(mailbox)
         make_directories(mailbox, DIRECTORY + "/one/two/three")

@@ -106,8 +106,8 @@ def put_link(sandbox, path, target, owner):
 
 @contextlib.contextmanager
 def copying_from_pipe(sandbox, path, content=b"", **run):
-    """A run of --add-attach with the options `run` whose source is a new pipe `path`. The block begins when the copy has
-    begun: the run has looked up, and not written. It receives the run; at its end the pipe receives `content`."""
+    """A run of --add-attach with the options `run` whose source is a new pipe `path`. The block begins when the copy
+    has begun: the run has looked up, and not written. It receives the run; at its end the pipe receives `content`."""
     os.mkfifo(sandbox.path(path), 0o644)
     running = sandbox.start("--add-attach", "--source", path, *(f"--{name}={value}" for name, value in run.items()))
     opened = []

@@ -112,12 +112,13 @@ class Sandbox:
         self._root.provide(os.fsdecode(words[0]))
         return self.start_command(words[0], words, **options).wait(timeout)
 
-    def trace(self, *args, calls=None, inject=None, paths=(), **options):
+    def trace(self, *args, calls=None, inject=None, paths=(), redirect="", **options):
         """Like run() under strace; returns (Result, [Call, ...]).
 
-        calls   the system calls to list, as for strace -e trace=; all by default
-        inject  strace -e inject= expressions, such as "unlink:error=EACCES:when=1"
-        paths   list and count only calls with these paths or on descriptors of them (strace -P)
+        calls     the system calls to list, as for strace -e trace=; all by default
+        inject    strace -e inject= expressions, such as "unlink:error=EACCES:when=1"
+        paths     list and count only calls with these paths or on descriptors of them (strace -P)
+        redirect  redirections of a shell that becomes the tool, such as "0<&-"
 
         The execve of the tool comes first, and counts for inject. The list includes the calls of the dynamic loader.
         """
@@ -127,6 +128,7 @@ class Sandbox:
             raise TypeError("strace passes neither a closed standard descriptor nor another name on to the tool")
         timeout = options.pop("timeout", 60)
         given = options.pop("env", None)
+        command = ["/bin/sh", "-c", f'exec "$0" "$@" {redirect}', PROGRAM] if redirect else [PROGRAM]
         settings = [f"{name}={value}" for name, value in (DEFAULT_ENVIRONMENT if given is None else given).items()]
         with contextlib.ExitStack() as ours:
             environment = {}
@@ -137,7 +139,7 @@ class Sandbox:
                 environment = {"LD_PRELOAD": STRACE_LIBRARY, "STRACE_PROC": str(proc)}
                 options["pass_fds"] = [proc]
             words = tracing.strace_arguments(TRACE, calls, inject, paths, [*environment, *settings])
-            running = self.start_command("/usr/bin/strace", [*words, PROGRAM, *args], traced=True, env=environment,
+            running = self.start_command("/usr/bin/strace", [*words, *command, *args], traced=True, env=environment,
                                          **options)
         result = running.wait(timeout)
         log = self.path(TRACE)

@@ -100,8 +100,8 @@ def parse_trace(text):
 def with_paths(calls):
     """[(call, path), ...]: each call with the path of the file that it is on.
 
-    `calls` includes "openat", and "fcntl" where descriptors are duplicated. A descriptor stands for the path that opened
-    it, and a name below a descriptor for both paths joined.
+    `calls` includes "openat", and "fcntl" where descriptors are duplicated. A descriptor stands for the path that
+    opened it, and a name below a descriptor for both paths joined.
     """
     opened, found = {}, []
     for call in calls:
