@@ -8,12 +8,12 @@ from pathlib import Path
 
 import pytest
 from harness import DONE, Result
-from harness.faults import fault_at, places_on
 from harness.mailboxes import (ADD, DEL, DEL_RESP, DIRECTORY, DOMAIN, FILE, MAIL_TREE, MAILBOX, POPUSER, ROOT,
                                add_autoresponder, attachment_rows, autoresponder_rows, copying_from_pipe,
                                make_directories, put_file, run_sql)
 from harness.outcomes import not_moved, outcome
 from harness.sandbox import DATABASE
+from harness.tracing import on_files
 from harness.waiting import until
 
 ROW = ("user@example.org", "report.pdf")
@@ -460,10 +460,9 @@ def test_mail_user_is_looked_up_in_every_run(mailbox):
 
 @pytest.mark.parametrize(("error", "text"), [("EIO", "database disk image is malformed"), ("ESTALE", "disk I/O error")])
 def test_failed_read_of_the_owner_is_two_records(mailbox, needs_tracing, error, text):
-    _, calls = mailbox.trace(*options(mailname="none@example.org"), calls="openat,close,pread64")
-    last_read = [place for place in places_on(calls, DATABASE) if calls[place].name == "pread64"][-1]
+    _, reads = mailbox.trace(*options(mailname="none@example.org"), calls="pread64", paths=[DATABASE])
 
-    result, _ = mailbox.trace(*ADD, inject=[fault_at(calls, last_read, error)])
+    result, _ = mailbox.trace(*ADD, inject=[f"pread64:error={error}:when={len(reads)}"], paths=[DATABASE])
 
     assert outcome(result) == (1, f"Unable to read data from database: {text}",
                                "Error selecting autoresponder for mailname (user@example.org)")
@@ -474,6 +473,6 @@ def test_database_is_closed_before_the_run_ends(mailbox, needs_tracing):
     for args in (ADD, options(mailname="none@example.org"), options(source="/tmp/none")):
         _, calls = mailbox.trace(*args, calls="openat,close")
 
-        names = [calls[place].name for place in places_on(calls, DATABASE)]
+        names = [call.name for call, path in on_files(calls) if path == DATABASE]
         assert names[-1] == "close"
         assert names.count("openat") == names.count("close")

@@ -2,12 +2,12 @@
 
 import pytest
 from harness import DONE
-from harness.faults import places_on
 from harness.mailboxes import (ADD, DEL, DIRECTORY, DOMAIN, FILE, MAIL_TREE, MAILNAME, add_attachment_rows,
                                add_autoresponder, attachment_rows, autoresponder_rows, make_directories, put_file,
                                run_sql)
 from harness.outcomes import outcome
 from harness.sandbox import DATABASE
+from harness.tracing import on_files
 
 ROW = ("user@example.org", "report.pdf")
 OTHER_ROW = ("user@example.org", "other.pdf")
@@ -160,10 +160,9 @@ def test_row_is_committed_and_the_database_closed_before_the_file_is_unlinked(bo
     result, calls = box.trace(*DEL, calls="openat,close,unlink,unlinkat")
 
     assert result == DONE
-    commit, close = places_on(calls, DATABASE + "-journal")[-1], places_on(calls, DATABASE)[-1]
-    unlink = next(place for place, call in enumerate(calls) if call.name == "unlinkat")
-    assert (calls[commit].name, calls[close].name, calls[unlink].strings) == ("unlink", "close", ["report.pdf"])
-    assert commit < close < unlink
+    last = {path: (place, call.name) for place, (call, path) in enumerate(on_files(calls))}
+    assert [last[path][1] for path in (DATABASE + "-journal", DATABASE, FILE)] == ["unlink", "close", "unlinkat"]
+    assert last[DATABASE + "-journal"] < last[DATABASE] < last[FILE]
 
 
 @pytest.mark.parametrize(("error", "text"), [("EACCES", "Permission denied"), ("EROFS", "Read-only file system")])

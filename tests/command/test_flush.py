@@ -3,13 +3,13 @@ remains after a flush that fails."""
 
 import pytest
 from harness import DONE
-from harness.descriptors import on_files
 from harness.mailboxes import ADD as ADD_AGAIN
 from harness.mailboxes import DEL as DEL_ATTACH
 from harness.mailboxes import (ADD_NEW, DEL_RESP, DIRECTORY, DOMAIN, FILE, MAIL_TREE, MAILBOX, SET_EXTRA_HEADERS,
                                SET_RESP, attachment_rows, autoresponder_rows, make_directories, put_link, run_sql)
 from harness.outcomes import outcome, owner_and_mode
 from harness.sandbox import DATABASE
+from harness.tracing import on_files
 
 pytestmark = pytest.mark.usefixtures("needs_tracing")
 

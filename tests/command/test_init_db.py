@@ -1,14 +1,13 @@
 """--init-db: the new database, its directory, and the owners and modes of both."""
 
 import contextlib
-import re
 import shutil
 
 import pytest
 from harness import DONE, sqlite_shim
-from harness.descriptors import number_of_call, on_files
 from harness.outcomes import outcome, owner_and_mode
 from harness.sandbox import DATABASE
+from harness.tracing import on_files
 
 DIRECTORY = "/var/lib/quarn/mail/autoresponder"
 
@@ -262,12 +261,7 @@ def test_database_that_could_not_be_unlinked_is_kept(sandbox, needs_tracing):
                                                ("pwrite64", "EIO", "disk I/O error"),
                                                ("f(data)?sync", "EIO", "disk I/O error")])
 def test_disk_error_fails_the_script_and_leaves_the_file_to_root(sandbox, needs_tracing, name, error, text, umask):
-    _, calls = sandbox.trace("--init-db", calls="openat,/^" + name)
-    call = next(call.name for call in calls if re.fullmatch(name, call.name))
-    number = number_of_call(calls, call, DATABASE)
-    shutil.rmtree(sandbox.path("/var/lib/quarn/mail"))
-
-    result, _ = sandbox.trace("--init-db", calls=call, inject=[f"{call}:error={error}:when={number}+"], umask=umask)
+    result, _ = sandbox.trace("--init-db", inject=[f"/^{name}$:error={error}"], paths=[DATABASE], umask=umask)
 
     assert outcome(result) == (1, "Unable to re-create autoresponders database: " + text)
     assert owner_and_mode(sandbox, DIRECTORY) == ROOTS_DIRECTORY
@@ -304,25 +298,17 @@ MODE_OF_FILE = "Unable to change permissions of '/var/lib/quarn/mail/autorespond
 
 
 @pytest.mark.parametrize("inject, file, expected", [
-    (["fchown:error=EPERM:when={directory}"], POPUSERS_FILE, [OF_DIRECTORY + "Operation not permitted (1)"]),
-    (["fchown:error=EPERM:when={file}"], ROOTS_FILE, [OF_FILE + "Operation not permitted (1)"]),
-    (["fchmod:error=EROFS:when={directory}"], POPUSERS_FILE, [MODE_OF_DIRECTORY + "Read-only file system (30)"]),
-    (["fchmod:error=EROFS:when={file}"], POPUSERS_FILE, [MODE_OF_FILE + "Read-only file system (30)"]),
-    (["fchown:error=EIO:when={directory}+", "fchmod:error=EPERM:when={directory}+"], ROOTS_FILE,
+    (["fchown:error=EPERM:when=1"], POPUSERS_FILE, [OF_DIRECTORY + "Operation not permitted (1)"]),
+    (["fchown:error=EPERM:when=2"], ROOTS_FILE, [OF_FILE + "Operation not permitted (1)"]),
+    (["fchmod:error=EROFS:when=1"], POPUSERS_FILE, [MODE_OF_DIRECTORY + "Read-only file system (30)"]),
+    (["fchmod:error=EROFS:when=2"], POPUSERS_FILE, [MODE_OF_FILE + "Read-only file system (30)"]),
+    (["fchown:error=EIO:when=1+", "fchmod:error=EPERM:when=1+"], ROOTS_FILE,
      [OF_DIRECTORY + "Input/output error (5)", MODE_OF_DIRECTORY + "Operation not permitted (1)",
       OF_FILE + "Input/output error (5)", MODE_OF_FILE + "Operation not permitted (1)"]),
 ])
 def test_each_failed_chown_or_chmod_is_logged_and_the_others_still_made(sandbox, needs_tracing, inject, file, expected):
-    _, calls = sandbox.trace("--init-db", calls="openat,fchown,fchmod")
-    shutil.rmtree(sandbox.path("/var/lib/quarn/mail"))
-
-    def numbered(fault):
-        name = fault.partition(":")[0]
-        return fault.format(directory=number_of_call(calls, name, DIRECTORY),
-                            file=number_of_call(calls, name, DATABASE))
-
-    result, calls = sandbox.trace("--init-db", calls="openat,fchown,fchmod", umask=0,
-                                  inject=[numbered(fault) for fault in inject])
+    result, calls = sandbox.trace("--init-db", calls="openat,fchown,fchmod", umask=0, inject=inject,
+                                  paths=[DIRECTORY, DATABASE])  # in this order
 
     assert outcome(result) == (1, *expected)
     changes = [(call, path) for call, path in on_files(calls)
