@@ -1,23 +1,23 @@
-"""Line coverage has to be complete but for the lines in exclusions.txt: check.py COUNTS, a report of gcovr in JSON."""
+"""check.py COUNTS: fails unless all lines ran but those in exclusions.txt. COUNTS is a report of gcovr in JSON."""
 
 import json
 import sys
 from pathlib import Path
 
 FOLDERS = ("cli", "store", "support")
-WHOLE_FILE = "all lines"  # of a source that is no part of the counted programs
+WHOLE_FILE = "all lines"  # of a source outside the counted programs
 REPOSITORY = Path(__file__).resolve().parents[2]
 
 
 def exclusions():
-    """(file, text of the line, reason) of every line that is left out."""
+    """(file, text of the line, reason) of every excluded line."""
     text = Path(__file__).with_name("exclusions.txt").read_text(encoding="utf-8")
     paragraphs = [paragraph.splitlines() for paragraph in text.strip().split("\n\n")]
     return [(lines[0], lines[1], " ".join(lines[2:])) for lines in paragraphs if not lines[0].startswith("#")]
 
 
 def places(file, line):
-    """The numbers that the line has in the file."""
+    """The numbers of the lines with this text."""
     path = REPOSITORY / file
     if line == WHOLE_FILE:
         return [WHOLE_FILE] if path.exists() else []
@@ -40,10 +40,10 @@ def main():
     for file, line, _ in exclusions():
         left_out = {(file, number) for number in places(file, line)} & missed
         if len(left_out) != 1:
-            problems.append(f"exclusions.txt names {len(left_out)} places that did not run, instead of one: {file}: {line}")
+            problems.append(f"exclusions.txt must name one line that did not run, not {len(left_out)}: {file}: {line}")
         missed -= left_out
-    problems += [f"{file}:{number} did not run, and is not in exclusions.txt" for file, number in sorted(missed, key=str)]
-    print("\n".join(problems) if problems else f"All ran but the {len(exclusions())} places that exclusions.txt tells of")
+    problems += [f"{file}:{number} did not run" for file, number in sorted(missed, key=str)]
+    print("\n".join(problems) or f"All lines ran but the {len(exclusions())} in exclusions.txt")
     sys.exit(1 if problems else 0)
 
 

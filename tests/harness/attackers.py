@@ -38,9 +38,9 @@ def stopped_after(sandbox, call, path, *args, when=1):
 
 
 def attacked_runs(sandbox, args, prepare, attack):
-    """Runs the tool with `args` again and again and yields each Result. `prepare()` comes before each run. The first run
-    is stopped before its first system call on a path of the mail tree or of /srv, the next one after that call, and so
-    on; `attack()` is called then. The last run is not attacked. For tests that need tracing."""
+    """Runs the tool with `args` again and again and yields each Result. `prepare()` comes before each run. The first
+    run is stopped before its first system call on a path of the mail tree or of /srv, the next one after that call, and
+    so on; `attack()` is called then. The last run is not attacked. For tests that need tracing."""
     prepare()
     _, calls = sandbox.trace(*args, calls="%file,fchown")
     counts, moments, former = Counter(), [], None

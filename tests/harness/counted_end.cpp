@@ -1,4 +1,5 @@
-/* Linked into the programs of the preset "coverage": lets them leave their counts at ends that would lose them. */
+/* Linked into the programs of the preset "coverage": writes the counts where they would be lost, at _exit and without a
+ * free descriptor. */
 
 #include <cstdlib>
 
@@ -12,13 +13,13 @@ namespace {
 [[gnu::destructor]] void before_the_counts_are_written()
 {
     const int spare = dup(STDIN_FILENO);
-    close(spare >= 0 ? spare : STDIN_FILENO);  /* so that there is a descriptor, whatever the limit is */
-    setenv("GCOV_ERROR_FILE", "/dev/null", 1); /* not standard error, which tests look at */
+    close(spare >= 0 ? spare : STDIN_FILENO);  /* one descriptor is free, whatever the limit */
+    setenv("GCOV_ERROR_FILE", "/dev/null", 1); /* tests check standard error */
 }
 
 } // namespace
 
-/* The linker takes this for _exit. */
+/* Replaces _exit. */
 extern "C" [[noreturn]] void counted_end(int status) __asm__("_exit");
 extern "C" void counted_end(int status)
 {
