@@ -8,47 +8,34 @@ using namespace arsp;
 
 namespace {
 
-TEST(KeepErrnoTest, PutsErrnoBackAtTheEndOfItsScope)
+TEST(KeepErrnoTest, RestoresErrnoAtTheEndOfItsScope)
 {
     errno = ENOENT;
     {
         const KeepErrno keep;
         errno = EIO;
+        EXPECT_EQ(keep.saved(), ENOENT);
     }
     EXPECT_EQ(errno, ENOENT);
 }
 
-TEST(KeepErrnoTest, TellsTheErrnoThatItPutsBack)
-{
-    errno = ENOENT;
-    const KeepErrno keep;
-    errno = EIO;
-    EXPECT_EQ(keep.saved(), ENOENT);
-}
-
-TEST(FilePtrTest, ClosingKeepsErrno)
+TEST(OwnersTest, FailureToCloseKeepsErrno)
 {
     FilePtr file(std::fopen("/dev/full", "w"));
-    std::fputs("a buffer that can't be written when it is closed", file.get());
+    std::fputs("buffered until the file is closed", file.get());
+    DirPtr dir(opendir("/"));
+    close(dirfd(dir.get()));
     errno = ENOENT;
     file.reset();
-    EXPECT_EQ(errno, ENOENT);
-}
-
-TEST(DirPtrTest, ClosingKeepsErrno)
-{
-    DirPtr dir(opendir("/"));
-    close(dirfd(dir.get())); /* so that closedir fails */
-    errno = ENOENT;
     dir.reset();
     EXPECT_EQ(errno, ENOENT);
 }
 
-TEST(LineBufferTest, FreesWhatGetdelimPutThere)
+TEST(LineBufferTest, FreesTheBufferOfGetdelim) /* found by the leak check of a sanitizer build */
 {
     LineBuffer line;
     const FilePtr file(std::fopen("/etc/passwd", "r"));
-    EXPECT_GT(getdelim(&line.text, &line.size, '\n', file.get()), 0); /* the leak check of a sanitizer build judges */
+    EXPECT_GT(getdelim(&line.text, &line.size, '\n', file.get()), 0);
 }
 
 } // namespace

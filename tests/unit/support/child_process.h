@@ -9,9 +9,9 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-/* What a child process left behind. */
+/* The result of a child process. */
 struct ChildResult {
-    int exit_status; /* -1 when a signal ended it */
+    int exit_status; /* -1 if a signal ended it */
     std::string out; /* its standard output */
     std::string err; /* its standard error */
 };
@@ -25,11 +25,11 @@ inline std::string whole_file(int fd)
     return text;
 }
 
-/* Runs `body`, which may end its process, in a child; a body that returns makes the exit status 0. */
+/* Runs `body`, which may end its process, in a child. If it returns, the exit status is 0. */
 template <typename Body>
 ChildResult run_in_child(Body body)
 {
-    std::fflush(nullptr); /* else the child would write it too */
+    std::fflush(nullptr); /* otherwise the child would write the same text */
     const int out = memfd_create("out", MFD_CLOEXEC);
     const int err = memfd_create("err", MFD_CLOEXEC);
     const pid_t child = fork();
@@ -48,7 +48,7 @@ ChildResult run_in_child(Body body)
     return result;
 }
 
-/* The user and group `nobody`: root in a test, having become this one, is refused what it could do before. */
+/* The user and group `nobody`, for calls that must fail without the rights of root. */
 constexpr uid_t NOBODY = 65534;
 
 inline void become_nobody()

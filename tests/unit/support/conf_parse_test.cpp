@@ -18,235 +18,117 @@ namespace {
 
 using Records = std::vector<SyslogRecord>;
 
+ConfStorePtr new_store()
+{
+    return ConfStorePtr(static_cast<ConfStore *>(calloc(1, sizeof(ConfStore))));
+}
+
 class ConfParseTest : public testing::Test {
 protected:
     void SetUp() override { capture_syslog(); }
 
     int parse(std::string_view text) { return conf_parse_file(dir_.file("kel.conf", text).c_str(), store_.get()); }
-    std::string find(const char *name)
+
+    /* Returns "NAME=VALUE;" of each pair in a file of this text, in the order of the store. */
+    std::string pairs(std::string_view text)
     {
-        const char *value = conf_store_find(name, store_.get());
-        return value == nullptr ? "(none)" : value;
-    }
-    /* The value of NAME in a file of just this text. */
-    std::string value(std::string_view text)
-    {
-        store_.reset(static_cast<ConfStore *>(calloc(1, sizeof(ConfStore))));
+        store_ = new_store();
         EXPECT_EQ(parse(text), 0);
-        EXPECT_EQ(syslog_capture.records, Records{});
-        return find("NAME");
-    }
-    /* What is logged about a file of just this text, which defines nothing. */
-    Records complaints(std::string_view text)
-    {
-        EXPECT_EQ(parse(text), 0);
-        EXPECT_EQ(store_->count, 0U);
-        return syslog_capture.records;
+        EXPECT_EQ(store_->sorted, 1);
+        std::string pairs;
+        for (uint64_t i = 0; i < store_->count; ++i)
+            pairs.append(store_->entries[i].name).append("=").append(store_->entries[i].value).append(";");
+        return pairs;
     }
 
     ScratchDir dir_;
-    ConfStorePtr store_ = ConfStorePtr(static_cast<ConfStore *>(calloc(1, sizeof(ConfStore))));
+    ConfStorePtr store_ = new_store();
 };
 
-TEST_F(ConfParseTest, LineGivesANameItsValue)
+struct Line {
+    std::string text;
+    std::string pairs;
+};
+
+class ConfLineTest : public ConfParseTest, public testing::WithParamInterface<Line> {};
+
+TEST_P(ConfLineTest, IsParsedWithoutAWarning)
 {
-    EXPECT_EQ(parse("QUARN_MAILNAMES_D /srv/mail\n"), 0);
-    EXPECT_EQ(find("QUARN_MAILNAMES_D"), "/srv/mail");
+    EXPECT_EQ(pairs(GetParam().text), GetParam().pairs);
+    EXPECT_EQ(syslog_capture.records, Records{});
 }
 
-TEST_F(ConfParseTest, TabSeparatesAndCommentEndsTheValue)
-{
-    EXPECT_EQ(parse("QUARN_MAILNAMES_D\t/srv/mail # mailboxes\n"), 0);
-    EXPECT_EQ(find("QUARN_MAILNAMES_D"), "/srv/mail");
-}
+INSTANTIATE_TEST_SUITE_P(NameAndSpace, ConfLineTest,
+                         testing::Values(Line{"N /srv\n", "N=/srv;"}, Line{"N\t/srv # mail\n", "N=/srv;"},
+                                         Line{"N \t\v\f\r /srv\n", "N=/srv;"}, Line{" \t\v\f\rN /srv\n", "N=/srv;"},
+                                         Line{"9x 1\n_y 2\nzZ_09 3\n", "9x=1;_y=2;zZ_09=3;"},
+                                         Line{"\n \t\v\f\r\n# N v\n  # N v\n#\n", ""}, Line{"", ""},
+                                         Line{"\0N 1\n"s, ""}, Line{"C 3\nA 1\nB 2\n", "A=1;B=2;C=3;"}, /* sorted */
+                                         Line{"N one\nO x\nN two\n", "N=two;O=x;"},
+                                         Line{"A 1\0junk\nB 2\n"s, "A=1;B=2;"}));
 
-TEST_F(ConfParseTest, AnyWhiteSpaceSeparates)
-{
-    EXPECT_EQ(value("NAME \t\v\f\r /srv\n"), "/srv");
-}
+INSTANTIATE_TEST_SUITE_P(Value, ConfLineTest,
+                         testing::Values(Line{"N /srv", "N=/srv;"}, Line{"N x\n", "N=x;"}, Line{"N x#\n", "N=x;"},
+                                         Line{"N x", "N=x;"}, Line{"N a \t b  c\n", "N=a \t b  c;"},
+                                         Line{"N a#b\n", "N=a;"}, Line{"N a b#c # d\n", "N=a b;"},
+                                         Line{"N \xff\xa0\x85\n", "N=\xff\xa0\x85;"}));
 
-TEST_F(ConfParseTest, WhiteSpaceBeforeANameIsSkipped)
-{
-    EXPECT_EQ(value(" \t\v\f\rNAME /srv\n"), "/srv");
-}
+INSTANTIATE_TEST_SUITE_P(OneTrailingSpaceIsCut, ConfLineTest,
+                         testing::Values(Line{"N /a\n", "N=/a;"}, Line{"N /a #\n", "N=/a;"}, Line{"N /a\t", "N=/a;"},
+                                         Line{"N a b\n", "N=a b;"}, Line{"N a b #\n", "N=a b;"}));
 
-TEST_F(ConfParseTest, NameMayBeginWithADigitOrUnderscoreAndBeUnknown)
-{
-    EXPECT_EQ(parse("9x one\n_y two\nzZ_09 three\n"), 0);
-    EXPECT_EQ(find("9x"), "one");
-    EXPECT_EQ(find("_y"), "two");
-    EXPECT_EQ(find("zZ_09"), "three");
-}
+INSTANTIATE_TEST_SUITE_P(EvenTrailingSpaceIsKept, ConfLineTest,
+                         testing::Values(Line{"N /a \n", "N=/a \n;"}, Line{"N /a  #\n", "N=/a  ;"},
+                                         Line{"N /a \t \n", "N=/a \t \n;"}, Line{"N /a\r\n", "N=/a\r\n;"},
+                                         Line{"N a b \n", "N=a b \n;"}));
 
-TEST_F(ConfParseTest, BlankLinesAndCommentsDefineNothing)
-{
-    EXPECT_EQ(complaints("\n \t\v\f\r\n# NAME value\n  # NAME value\n#\n"), Records{});
-}
-
-TEST_F(ConfParseTest, EmptyFileIsNoFailure)
-{
-    EXPECT_EQ(complaints(""), Records{});
-    EXPECT_EQ(store_->sorted, 1);
-}
-
-TEST_F(ConfParseTest, ValueMayEndTheFile)
-{
-    EXPECT_EQ(value("NAME /srv"), "/srv");
-    EXPECT_EQ(value("NAME /"), "/");
-}
-
-TEST_F(ConfParseTest, ValueKeepsInnerWhiteSpace)
-{
-    EXPECT_EQ(value("NAME a \t b  c\n"), "a \t b  c");
-}
-
-TEST_F(ConfParseTest, ValueOfOneCharacterIsThatCharacter)
-{
-    EXPECT_EQ(value("NAME x\n"), "x");
-    EXPECT_EQ(value("NAME x#\n"), "x");
-    EXPECT_EQ(value("NAME x"), "x");
-}
-
-TEST_F(ConfParseTest, SingleTrailingWhiteSpaceIsCut)
-{
-    EXPECT_EQ(value("NAME /a\n"), "/a");
-    EXPECT_EQ(value("NAME /a #\n"), "/a");
-    EXPECT_EQ(value("NAME /a\t"), "/a");
-}
-
-TEST_F(ConfParseTest, EvenRunOfTrailingWhiteSpaceIsKeptWhole)
-{
-    EXPECT_EQ(value("NAME /a \n"), "/a \n");
-    EXPECT_EQ(value("NAME /a  #\n"), "/a  ");
-    EXPECT_EQ(value("NAME /a \t \n"), "/a \t \n");
-    EXPECT_EQ(value("NAME /a\r\n"), "/a\r\n");
-}
-
-TEST_F(ConfParseTest, OddRunOfTrailingWhiteSpaceLosesItsLastCharacter)
-{
-    EXPECT_EQ(value("NAME /srv/mail  \n"), "/srv/mail  ");
-    EXPECT_EQ(value("NAME /a   #\n"), "/a  ");
-    EXPECT_EQ(value("NAME /a \t \t\n"), "/a \t \t");
-}
-
-TEST_F(ConfParseTest, InnerWhiteSpaceDoesNotCountForTheEnd)
-{
-    EXPECT_EQ(value("NAME a b\n"), "a b");
-    EXPECT_EQ(value("NAME a b \n"), "a b \n");
-    EXPECT_EQ(value("NAME a b #\n"), "a b");
-}
-
-TEST_F(ConfParseTest, ValueCanNotContainANumberSign)
-{
-    EXPECT_EQ(value("NAME a#b\n"), "a");
-    EXPECT_EQ(value("NAME a b#c # d\n"), "a b");
-}
-
-TEST_F(ConfParseTest, BytesAbove127AreOrdinaryInAValue)
-{
-    EXPECT_EQ(value("NAME \xff\xa0\x85\n"), "\xff\xa0\x85");
-}
-
-TEST_F(ConfParseTest, LaterValueOfANameWins)
-{
-    EXPECT_EQ(parse("NAME one\nOTHER x\nNAME two\n"), 0);
-    EXPECT_EQ(find("NAME"), "two");
-    EXPECT_EQ(store_->count, 2U);
-}
-
-TEST_F(ConfParseTest, StoreIsSortedAfterwards)
-{
-    EXPECT_EQ(parse("C 3\nA 1\nB 2\n"), 0);
-    EXPECT_EQ(store_->sorted, 1);
-    EXPECT_STREQ(store_->entries[0].name, "A");
-    EXPECT_STREQ(store_->entries[1].name, "B");
-    EXPECT_STREQ(store_->entries[2].name, "C");
-}
+INSTANTIATE_TEST_SUITE_P(OddTrailingSpaceLosesItsLastCharacter, ConfLineTest,
+                         testing::Values(Line{"N /srv  \n", "N=/srv  ;"}, Line{"N /a   #\n", "N=/a  ;"},
+                                         Line{"N /a \t \t\n", "N=/a \t \t;"}));
 
 TEST_F(ConfParseTest, LineOfAnyLengthIsReadWhole)
 {
     const std::string name(100'000, 'N');
-    const std::string long_value(3'000'000, 'v');
-    EXPECT_EQ(parse(name + " " + long_value + "\nNAME x\n"), 0);
-    EXPECT_EQ(find(name.c_str()), long_value);
-    EXPECT_EQ(find("NAME"), "x");
+    const std::string value(3'000'000, 'v');
+    EXPECT_EQ(pairs(name + " " + value + "\nN x\n"), "N=x;" + name + "=" + value + ";");
 }
 
-TEST_F(ConfParseTest, EqualsSignAfterTheNameIsRejected)
+struct BadLine {
+    std::string text;
+    std::string rest; /* quoted in the warning */
+};
+
+constexpr char NO_SPACE[] = "\nExpected a space after variable name\n";
+constexpr char NO_VALUE[] = "\nExpected a value";
+
+class ConfBadLineTest : public ConfParseTest, public testing::WithParamInterface<BadLine> {};
+
+TEST_P(ConfBadLineTest, IsSkippedWithAWarning)
 {
-    EXPECT_EQ(complaints("QUARN_MAILNAMES_D=/srv/mail\n"),
-              (Records{{12, "Invalid variable definition =/srv/mail\n\nExpected a space after variable name\n"}}));
+    EXPECT_EQ(pairs("A 1\n" + GetParam().text + "\nB 2\n"), "A=1;B=2;");
+    EXPECT_EQ(syslog_capture.records, (Records{{12, "Invalid variable definition " + GetParam().rest}}));
 }
 
-TEST_F(ConfParseTest, LineThatBeginsWithNoNameIsRejected)
+INSTANTIATE_TEST_SUITE_P(WithoutASpaceAfterTheName, ConfBadLineTest,
+                         testing::Values(BadLine{"N=/srv", "=/srv\n"s + NO_SPACE},
+                                         BadLine{"  /srv N", "/srv N\n"s + NO_SPACE},
+                                         BadLine{"N# x", "# x\n"s + NO_SPACE},
+                                         BadLine{"N\xc9 x", "\xc9 x\n"s + NO_SPACE},
+                                         BadLine{"%s%n", "%s%n\n"s + NO_SPACE}, BadLine{"N\0 1"s, NO_SPACE}));
+
+INSTANTIATE_TEST_SUITE_P(WithoutAValue, ConfBadLineTest,
+                         testing::Values(BadLine{"  N", "N\n"s + NO_VALUE}, BadLine{"N  # x", "N  # x\n"s + NO_VALUE},
+                                         BadLine{"N \0 1"s, "N "s + NO_VALUE}));
+
+TEST_F(ConfParseTest, BadLineMayEndTheFile)
 {
-    EXPECT_EQ(complaints("  /srv/mail NAME\n"),
-              (Records{{12, "Invalid variable definition /srv/mail NAME\n\nExpected a space after variable name\n"}}));
+    EXPECT_EQ(pairs("N"), "");
+    EXPECT_EQ(pairs("N "), "");
+    EXPECT_EQ(syslog_capture.records, (Records{{12, "Invalid variable definition "s + NO_SPACE},
+                                               {12, "Invalid variable definition N "s + NO_VALUE}}));
 }
 
-TEST_F(ConfParseTest, CommentRightAfterTheNameIsRejected)
-{
-    EXPECT_EQ(complaints("NAME# x\n"),
-              (Records{{12, "Invalid variable definition # x\n\nExpected a space after variable name\n"}}));
-}
-
-TEST_F(ConfParseTest, ByteAbove127IsNoNameCharacter)
-{
-    EXPECT_EQ(complaints("NAM\xc9 x\n"),
-              (Records{{12, "Invalid variable definition \xc9 x\n\nExpected a space after variable name\n"}}));
-}
-
-TEST_F(ConfParseTest, NameThatEndsTheFileIsRejectedForTheMissingSpace)
-{
-    EXPECT_EQ(complaints("NAME"),
-              (Records{{12, "Invalid variable definition \nExpected a space after variable name\n"}}));
-}
-
-TEST_F(ConfParseTest, NameAloneIsRejected)
-{
-    EXPECT_EQ(complaints("  NAME\n"), (Records{{12, "Invalid variable definition NAME\n\nExpected a value"}}));
-}
-
-TEST_F(ConfParseTest, NameWithBlanksAndACommentIsRejected)
-{
-    EXPECT_EQ(complaints("NAME  # x\n"), (Records{{12, "Invalid variable definition NAME  # x\n\nExpected a value"}}));
-}
-
-TEST_F(ConfParseTest, NameWithABlankThatEndsTheFileIsRejected)
-{
-    EXPECT_EQ(complaints("NAME "), (Records{{12, "Invalid variable definition NAME \nExpected a value"}}));
-}
-
-TEST_F(ConfParseTest, PercentSignsInARejectedLineAreNoFormat)
-{
-    EXPECT_EQ(complaints("%s%n\n"),
-              (Records{{12, "Invalid variable definition %s%n\n\nExpected a space after variable name\n"}}));
-}
-
-TEST_F(ConfParseTest, BadLinesAreSkippedAndTheOthersCount)
-{
-    EXPECT_EQ(parse("A=1\nB 2\nC\nD 4\n"), 0);
-    EXPECT_EQ(store_->count, 2U);
-    EXPECT_EQ(find("B"), "2");
-    EXPECT_EQ(find("D"), "4");
-    EXPECT_EQ(syslog_capture.records.size(), 2U);
-}
-
-TEST_F(ConfParseTest, NulByteEndsItsLine)
-{
-    EXPECT_EQ(parse("A 1\0junk\nB 2\n"s), 0);
-    EXPECT_EQ(find("A"), "1");
-    EXPECT_EQ(find("B"), "2");
-}
-
-TEST_F(ConfParseTest, NulByteInsteadOfNameSpaceOrValueDefinesNothing)
-{
-    EXPECT_EQ(complaints("\0NAME 1\nNAME\0 1\nNAME \0 1\n"s),
-              (Records{{12, "Invalid variable definition \nExpected a space after variable name\n"},
-                       {12, "Invalid variable definition NAME \nExpected a value"}}));
-}
-
-TEST_F(ConfParseTest, MissingFileIsLoggedAndErrnoKept)
+TEST_F(ConfParseTest, MissingFileIsLoggedAndKeepsErrno)
 {
     const std::string path = dir_ / "missing";
     errno = 0;
@@ -256,18 +138,18 @@ TEST_F(ConfParseTest, MissingFileIsLoggedAndErrnoKept)
               (Records{{12, "unable to open configuration file " + path + ": No such file or directory\n"}}));
 }
 
-TEST_F(ConfParseTest, ReadErrorIsLoggedAndErrnoKept)
+TEST_F(ConfParseTest, ReadErrorIsLoggedAndKeepsErrno)
 {
     errno = 0;
-    EXPECT_EQ(conf_parse_file(dir_.path().c_str(), store_.get()), -1); /* a directory opens but can't be read */
+    EXPECT_EQ(conf_parse_file(dir_.path().c_str(), store_.get()), -1); /* a directory can be opened, but not read */
     EXPECT_EQ(errno, EISDIR);
     EXPECT_EQ(syslog_capture.records, (Records{{12, "Unable to read configuration file: Is a directory"}}));
 }
 
-TEST_F(ConfParseTest, OutOfMemoryForAPairEndsTheReadingAndKeepsErrno)
+TEST_F(ConfParseTest, LackOfMemoryForAPairEndsTheReadingAndKeepsErrno)
 {
     ASSERT_EQ(conf_store_grow(store_.get()), 0);
-    store_->capacity = store_->count = UINT64_C(1) << 62; /* so that the next pair asks for too much */
+    store_->capacity = store_->count = UINT64_C(1) << 62; /* the next pair needs too large a block */
     errno = 0;
     EXPECT_EQ(parse("A 1\nB 2\n"), -1);
     EXPECT_EQ(errno, ENOMEM);

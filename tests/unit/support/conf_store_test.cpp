@@ -13,8 +13,7 @@
 
 using namespace arsp;
 
-/* What AddressSanitizer, where there is one, asks at the start: an impossible size is to be answered as malloc answers.
- */
+/* AddressSanitizer reads its options here: an impossible size makes malloc return null instead of ending the run. */
 const char *sanitizer_options() __asm__("__asan_default_options");
 const char *sanitizer_options()
 {
@@ -29,17 +28,25 @@ class ConfStoreTest : public testing::Test {
 protected:
     void SetUp() override { capture_syslog(); }
 
-    /* Stores `count` pairs: "N007" with "value 7", the highest name first. */
+    int set(const char *name, const char *value) { return conf_store_set(name, value, store_.get()); }
+    const char *find(const std::string &name) const { return conf_store_find(name.c_str(), store_.get()); }
+    void sort() { conf_store_sort(store_.get()); }
+
+    /* Stores `count` pairs, "N007" with "value 7", the highest name first. */
     void fill(int count)
     {
         for (int i = count - 1; i >= 0; --i)
-            ASSERT_EQ(conf_store_set(name(i).c_str(), ("value " + std::to_string(i)).c_str(), store_.get()), 0);
+            ASSERT_EQ(set(name(i).c_str(), ("value " + std::to_string(i)).c_str()), 0);
+    }
+    void expect_filled(int count) const
+    {
+        for (int i = 0; i < count; ++i)
+            EXPECT_EQ(find(name(i)), "value " + std::to_string(i));
     }
     static std::string name(int i)
     {
-        char text[16] = "";
-        std::snprintf(text, sizeof text, "N%03d", i);
-        return text;
+        const std::string digits = std::to_string(i);
+        return "N" + std::string(3 - digits.size(), '0') + digits;
     }
 
     ConfStorePtr store_ = ConfStorePtr(static_cast<ConfStore *>(calloc(1, sizeof(ConfStore))));
@@ -57,175 +64,120 @@ TEST_F(ConfStoreTest, FirstGrowthMakesRoomForTwentyZeroedPairs)
     }
 }
 
-TEST_F(ConfStoreTest, GrowthDoublesAFullStoreOnly)
+TEST_F(ConfStoreTest, GrowthDoublesAFullStoreOnlyAndKeepsThePairs)
 {
-    fill(19);
-    EXPECT_EQ(conf_store_grow(store_.get()), 0);
-    EXPECT_EQ(store_->capacity, 20U);
-    fill(20);
-    EXPECT_EQ(conf_store_grow(store_.get()), 0);
-    EXPECT_EQ(store_->capacity, 40U);
-    EXPECT_EQ(store_->count, 20U);
+    for (const int count : {19, 20, 21}) {
+        fill(count);
+        EXPECT_EQ(conf_store_grow(store_.get()), 0);
+        EXPECT_EQ(store_->capacity, count == 19 ? 20U : 40U);
+        EXPECT_EQ(store_->count, static_cast<uint64_t>(count));
+        expect_filled(count);
+    }
 }
 
-TEST_F(ConfStoreTest, GrowthKeepsThePairs)
-{
-    fill(81);
-    EXPECT_EQ(store_->capacity, 160U);
-    for (int i = 0; i < 81; ++i)
-        EXPECT_EQ(conf_store_find(name(i).c_str(), store_.get()), "value " + std::to_string(i));
-}
+/* The capacity: cannot be doubled, is too large for any block, is refused by realloc. */
+class OverfullConfStoreTest : public ConfStoreTest, public testing::WithParamInterface<uint64_t> {};
 
-/* A store that says it is full with more pairs than there can be. */
-class OverfullConfStoreTest : public ConfStoreTest {
-protected:
-    void expect_growth_to_fail(uint64_t capacity)
-    {
-        ASSERT_EQ(conf_store_grow(store_.get()), 0);
-        ConfPair *const entries = store_->entries;
-        store_->capacity = capacity;
-        store_->count = capacity;
+TEST_P(OverfullConfStoreTest, FailureToGrowIsLoggedAndLeavesTheStore)
+{
+    ASSERT_EQ(conf_store_grow(store_.get()), 0);
+    ConfPair *const entries = store_->entries;
+    store_->capacity = store_->count = GetParam();
+    for (const bool with_pair : {false, true}) {
+        syslog_capture.records.clear();
         errno = 0;
-        EXPECT_EQ(conf_store_grow(store_.get()), -1);
+        EXPECT_EQ(with_pair ? set("NAME", "value") : conf_store_grow(store_.get()), -1);
         EXPECT_EQ(errno, ENOMEM);
         EXPECT_EQ(syslog_capture.records, (Records{{12, "Unable to read configuration: Cannot allocate memory"}}));
         EXPECT_EQ(store_->entries, entries);
-        EXPECT_EQ(store_->capacity, capacity);
-        store_->count = 0;
+        EXPECT_EQ(store_->capacity, GetParam());
+        EXPECT_EQ(store_->count, GetParam());
     }
-};
-
-TEST_F(OverfullConfStoreTest, CapacityThatCanNotBeDoubledIsOutOfMemory)
-{
-    expect_growth_to_fail((UINT64_C(1) << 63) + 10);
-}
-
-TEST_F(OverfullConfStoreTest, CapacityThatNoBlockCanHaveIsOutOfMemory)
-{
-    expect_growth_to_fail(UINT64_C(1) << 62);
-}
-
-TEST_F(OverfullConfStoreTest, BlockThatReallocRefusesIsOutOfMemory)
-{
-    expect_growth_to_fail(UINT64_C(1) << 57);
-}
-
-TEST_F(OverfullConfStoreTest, NothingIsStoredWhenGrowthFails)
-{
-    ASSERT_EQ(conf_store_grow(store_.get()), 0);
-    store_->capacity = store_->count = UINT64_C(1) << 62;
-    EXPECT_EQ(conf_store_set("NAME", "value", store_.get()), -1);
-    EXPECT_EQ(errno, ENOMEM);
-    EXPECT_EQ(store_->count, UINT64_C(1) << 62);
     store_->count = 0;
 }
 
-TEST_F(ConfStoreTest, PairsAreCopied)
+INSTANTIATE_TEST_SUITE_P(Capacities, OverfullConfStoreTest,
+                         testing::Values((UINT64_C(1) << 63) + 10, UINT64_C(1) << 62, UINT64_C(1) << 57));
+
+TEST_F(ConfStoreTest, StoresCopies)
 {
     std::string name = "NAME";
     std::string value = "value";
-    EXPECT_EQ(conf_store_set(name.c_str(), value.c_str(), store_.get()), 0);
+    EXPECT_EQ(set(name.c_str(), value.c_str()), 0);
     name = "XXXX";
     value = "xxxxx";
-    EXPECT_STREQ(conf_store_find("NAME", store_.get()), "value");
+    EXPECT_STREQ(find("NAME"), "value");
 }
 
-TEST_F(ConfStoreTest, PairThatCanNotBeCopiedIsNotStored)
+TEST_F(ConfStoreTest, PairThatCannotBeCopiedIsNotStored)
 {
-    conf_store_set("NAME", "former", store_.get());
-    for (const int copies : {0, 1}) { /* not even the name, and not the value */
+    EXPECT_EQ(set("NAME", "former"), 0);
+    for (const int copies : {0, 1}) { /* of the name, and of the value */
         syslog_capture.records.clear();
         copies_left = copies;
-        EXPECT_EQ(conf_store_set("NAME", "value", store_.get()), -1);
+        EXPECT_EQ(set("NAME", "value"), -1);
         EXPECT_EQ(errno, ENOMEM);
         EXPECT_EQ(syslog_capture.records, (Records{{12, "Unable to form configuration: Cannot allocate memory"}}));
     }
     copies_left = AS_MANY_AS_ASKED_FOR;
-    EXPECT_STREQ(conf_store_find("NAME", store_.get()), "former");
+    EXPECT_STREQ(find("NAME"), "former");
 }
 
-TEST_F(ConfStoreTest, NewPairIsAppendedAndTheStoreIsNotSortedAnyMore)
+TEST_F(ConfStoreTest, NewPairIsAppendedAndAKnownNameGetsTheNewValue)
 {
-    conf_store_set("B", "2", store_.get());
-    conf_store_set("A", "1", store_.get());
+    set("B", "2");
+    set("A", "1");
     EXPECT_EQ(store_->count, 2U);
     EXPECT_EQ(store_->sorted, 0);
     EXPECT_STREQ(store_->entries[0].name, "B");
     EXPECT_STREQ(store_->entries[1].name, "A");
-}
-
-TEST_F(ConfStoreTest, KnownNameGetsTheNewValueAndTheStoreStaysSorted)
-{
-    conf_store_set("B", "2", store_.get());
-    conf_store_set("A", "1", store_.get());
-    conf_store_sort(store_.get());
-    EXPECT_EQ(conf_store_set("A", "one", store_.get()), 0);
+    sort();
+    EXPECT_EQ(set("A", "one"), 0);
     EXPECT_EQ(store_->count, 2U);
     EXPECT_EQ(store_->sorted, 1);
-    EXPECT_STREQ(conf_store_find("A", store_.get()), "one");
-    EXPECT_STREQ(conf_store_find("B", store_.get()), "2");
+    EXPECT_STREQ(find("A"), "one");
+    EXPECT_STREQ(find("B"), "2");
 }
 
 TEST_F(ConfStoreTest, NamesDifferByCase)
 {
-    conf_store_set("NAME", "upper", store_.get());
-    conf_store_set("name", "lower", store_.get());
-    EXPECT_STREQ(conf_store_find("NAME", store_.get()), "upper");
-    EXPECT_STREQ(conf_store_find("name", store_.get()), "lower");
+    set("NAME", "upper");
+    set("name", "lower");
+    EXPECT_STREQ(find("NAME"), "upper");
+    EXPECT_STREQ(find("name"), "lower");
 }
 
-TEST_F(ConfStoreTest, SortingOrdersTheNames)
-{
-    fill(50);
-    conf_store_sort(store_.get());
-    EXPECT_EQ(store_->sorted, 1);
-    for (int i = 0; i < 50; ++i)
-        EXPECT_EQ(store_->entries[i].name, name(i));
-}
-
-TEST_F(ConfStoreTest, SortedStoreIsNotSortedAgain)
-{
-    conf_store_set("B", "2", store_.get());
-    conf_store_set("A", "1", store_.get());
-    store_->sorted = 1;
-    conf_store_sort(store_.get());
-    EXPECT_STREQ(store_->entries[0].name, "B");
-    store_->sorted = 0;
-}
-
-TEST_F(ConfStoreTest, EveryPairIsFoundSortedAndUnsorted)
+TEST_F(ConfStoreTest, EveryPairIsFoundUnsortedAndSorted)
 {
     fill(50);
     for (const int32_t sorted : {0, 1}) {
         if (sorted != 0)
-            conf_store_sort(store_.get());
+            sort();
         ASSERT_EQ(store_->sorted, sorted);
-        for (int i = 0; i < 50; ++i)
-            EXPECT_EQ(conf_store_find(name(i).c_str(), store_.get()), "value " + std::to_string(i));
-        EXPECT_EQ(conf_store_find("N0", store_.get()), nullptr);
-        EXPECT_EQ(conf_store_find("N0000", store_.get()), nullptr);
+        expect_filled(50);
+        EXPECT_EQ(find("N0"), nullptr);
+        EXPECT_EQ(find("N0000"), nullptr);
     }
+    for (int i = 0; i < 50; ++i)
+        EXPECT_EQ(store_->entries[i].name, name(i));
 }
 
-TEST_F(ConfStoreTest, SortedStoreIsSearchedByHalving)
+TEST_F(ConfStoreTest, StoreMarkedAsSortedIsNotSortedAgainAndSearchedByHalving)
 {
-    conf_store_set("C", "3", store_.get());
-    conf_store_set("B", "2", store_.get());
-    conf_store_set("A", "1", store_.get());
-    store_->sorted = 1; /* a lie, which only a search that relies on the order falls for */
-    EXPECT_EQ(conf_store_find("A", store_.get()), nullptr);
+    for (const char *name : {"C", "B", "A"})
+        set(name, "value");
+    store_->sorted = 1;
+    sort();
+    EXPECT_STREQ(store_->entries[0].name, "C");
+    EXPECT_EQ(find("A"), nullptr); /* only a search that relies on the order misses it */
 }
 
-TEST_F(ConfStoreTest, EmptyStoreHasNothingAndCanBeSorted)
+TEST_F(ConfStoreTest, EmptyStoreCanBeSearchedSortedAndFreed)
 {
-    EXPECT_EQ(conf_store_find("NAME", store_.get()), nullptr);
-    conf_store_sort(store_.get());
+    EXPECT_EQ(find("NAME"), nullptr);
+    sort();
     EXPECT_EQ(store_->sorted, 1);
-    EXPECT_EQ(conf_store_find("NAME", store_.get()), nullptr);
-}
-
-TEST_F(ConfStoreTest, FreeingNothingIsHarmless)
-{
+    EXPECT_EQ(find("NAME"), nullptr);
     conf_store_free(nullptr);
 }
 

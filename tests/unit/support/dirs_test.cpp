@@ -5,6 +5,7 @@
 #include <cstring>
 #include <filesystem>
 #include <string>
+#include <utility>
 
 #include <dirent.h>
 #include <dlfcn.h>
@@ -18,7 +19,7 @@
 
 namespace {
 
-int shown_entry_type = -1; /* what readdir says of every entry; -1: the truth */
+int reported_type = -1; /* that readdir reports for every entry; -1: the true one */
 
 } // namespace
 
@@ -26,26 +27,14 @@ int shown_entry_type = -1; /* what readdir says of every entry; -1: the truth */
 dirent *readdir_of_some_file_system(DIR *dir) __asm__("readdir");
 dirent *readdir_of_some_file_system(DIR *dir)
 {
-    using Read = dirent *(DIR *);
-    static const auto real_readdir = reinterpret_cast<Read *>(dlsym(RTLD_NEXT, "readdir"));
+    static const auto real_readdir = reinterpret_cast<dirent *(*)(DIR *)>(dlsym(RTLD_NEXT, "readdir"));
     dirent *entry = real_readdir(dir);
-    if (entry != nullptr && shown_entry_type != -1)
-        entry->d_type = static_cast<unsigned char>(shown_entry_type);
+    if (entry != nullptr && reported_type != -1)
+        entry->d_type = static_cast<unsigned char>(reported_type);
     return entry;
 }
 
 namespace {
-
-/* "mode owner:group", or "nothing". */
-std::string owned(const std::string &path)
-{
-    const struct stat status = file_status(path);
-    if (status.st_mode == 0)
-        return "nothing";
-    char text[64] = "";
-    std::snprintf(text, sizeof text, "%o %u:%u", status.st_mode & 07777U, status.st_uid, status.st_gid);
-    return text;
-}
 
 bool is_dir(const std::string &path)
 {
@@ -54,8 +43,8 @@ bool is_dir(const std::string &path)
 
 class DirsTest : public testing::Test {
 protected:
-    /* The paths given to what makes whole trees are relative, or absolute in a root of their own: these tests run as
-     * root, and a mistake in the code under test must not reach the directories above the scratch directory. */
+    /* Paths of whole trees are relative, or absolute in a changed root: the tests run as root, and a mistake in the
+     * code under test must not change directories above the scratch directory. */
     void SetUp() override
     {
         old_umask_ = umask(022);
@@ -69,7 +58,9 @@ protected:
 
     void make_dir(const std::string &name, mode_t mode = 0755) { EXPECT_EQ(mkdir((dir_ / name).c_str(), mode), 0); }
 
-    /* Whether a call in a child, whose root is the scratch directory, returns that result. */
+    void give_scratch_dir_to_nobody() { EXPECT_EQ(chown(dir_.path().c_str(), NOBODY, NOBODY), 0); }
+
+    /* Expects that `call` returns `result` in a child whose root is the scratch directory. */
     template <typename Call>
     void expect_in_root(int result, Call call)
     {
@@ -81,6 +72,16 @@ protected:
         EXPECT_EQ(child.exit_status, 7);
     }
 
+    /* Returns what `call` prints on both streams; it must return `result`. */
+    template <typename Call>
+    static std::string printed(int result, Call call)
+    {
+        const ChildResult child = run_in_child([&] { _exit(call() == result ? 7 : 8); });
+        EXPECT_EQ(child.exit_status, 7);
+        EXPECT_EQ(child.out, child.err);
+        return child.err;
+    }
+
     ScratchDir dir_;
 
 private:
@@ -89,44 +90,16 @@ private:
 
 class CreateDirTreeTest : public DirsTest {};
 
-TEST_F(CreateDirTreeTest, EveryDirectoryMadeGetsOwnerAndExactMode)
+TEST_F(CreateDirTreeTest, NewDirectoriesGetOwnerAndExactModeAndOthersStayAsTheyAre)
 {
-    EXPECT_EQ(create_dir_tree("a/b/c", 1234, 5678, 0700), 0);
-    EXPECT_EQ(owned(dir_ / "a"), "700 1234:5678");
-    EXPECT_EQ(owned(dir_ / "a/b"), "700 1234:5678");
-    EXPECT_EQ(owned(dir_ / "a/b/c"), "700 1234:5678");
-}
-
-TEST_F(CreateDirTreeTest, UmaskTakesNothingFromTheMode)
-{
+    make_dir("a", 0711);
     umask(0777);
-    EXPECT_EQ(create_dir_tree("a/b", 0, 0, 0777), 0);
-    EXPECT_EQ(owned(dir_ / "a"), "777 0:0");
-    EXPECT_EQ(owned(dir_ / "a/b"), "777 0:0");
-}
-
-TEST_F(CreateDirTreeTest, UmaskIsTheOldOneAfterwards)
-{
-    umask(027);
-    create_dir_tree("a", 0, 0, 0700);
-    EXPECT_EQ(umask(0), 027U);
-}
-
-TEST_F(CreateDirTreeTest, ExistingDirectoriesStayAsTheyAre)
-{
-    make_dir("a", 0711);
-    make_dir("a/b", 0750);
-    EXPECT_EQ(create_dir_tree("a/b", 1234, 5678, 0700), 0);
+    EXPECT_EQ(create_dir_tree("a//b/c///", 1234, 5678, 0777), 0);
+    EXPECT_EQ(umask(0), 0777U);
+    EXPECT_EQ(create_dir_tree("a/b/c", 1, 2, 0700), 0);
     EXPECT_EQ(owned(dir_ / "a"), "711 0:0");
-    EXPECT_EQ(owned(dir_ / "a/b"), "750 0:0");
-}
-
-TEST_F(CreateDirTreeTest, OnlyMissingDirectoriesAreMade)
-{
-    make_dir("a", 0711);
-    EXPECT_EQ(create_dir_tree("a/b", 1234, 5678, 0700), 0);
-    EXPECT_EQ(owned(dir_ / "a"), "711 0:0");
-    EXPECT_EQ(owned(dir_ / "a/b"), "700 1234:5678");
+    EXPECT_EQ(owned(dir_ / "a/b"), "777 1234:5678");
+    EXPECT_EQ(owned(dir_ / "a/b/c"), "777 1234:5678");
 }
 
 TEST_F(CreateDirTreeTest, SpecialBitsAreForTheLastDirectoryOnly)
@@ -136,228 +109,148 @@ TEST_F(CreateDirTreeTest, SpecialBitsAreForTheLastDirectoryOnly)
     EXPECT_EQ(owned(dir_ / "a/b"), "1755 1234:5678");
 }
 
-TEST_F(CreateDirTreeTest, RepeatedAndTrailingSlashesAreHarmless)
-{
-    EXPECT_EQ(create_dir_tree("a//b///", 1234, 5678, 0700), 0);
-    EXPECT_EQ(owned(dir_ / "a/b"), "700 1234:5678");
-}
-
 TEST_F(CreateDirTreeTest, AbsolutePathIsMadeFromTheRoot)
 {
-    expect_in_root(0, [] { return create_dir_tree("/a/b", 1234, 5678, 0700); });
-    EXPECT_EQ(owned(dir_ / "a"), "700 1234:5678");
-    EXPECT_EQ(owned(dir_ / "a/b"), "700 1234:5678");
-    expect_in_root(0, [] { return create_dir_tree("//c", 1234, 5678, 0700); });
-    EXPECT_EQ(owned(dir_ / "c"), "700 1234:5678");
-}
-
-TEST_F(CreateDirTreeTest, RootExists)
-{
-    expect_in_root(0, [] { return create_dir_tree("/", 1234, 5678, 0700); });
+    for (const char *path : {"/", "/a/b", "//c"})
+        expect_in_root(0, [path] { return create_dir_tree(path, 1234, 5678, 0700); });
     EXPECT_EQ(owned(dir_.path()), "755 0:0");
+    for (const char *made : {"a", "a/b", "c"})
+        EXPECT_EQ(owned(dir_ / made), "700 1234:5678");
 }
 
-TEST_F(CreateDirTreeTest, FileAtTheEndOfThePathIsLeftAsItIs)
+TEST_F(CreateDirTreeTest, FileAtTheEndOfThePathStaysAsItIs)
 {
     dir_.file("file");
     EXPECT_EQ(create_dir_tree("file", 1234, 5678, 0700), 0);
     EXPECT_EQ(owned(dir_ / "file"), "644 0:0");
 }
 
-TEST_F(CreateDirTreeTest, FileInThePathEndsTheProcess)
+TEST_F(CreateDirTreeTest, DirectoryThatCannotBeMadeEndsTheProcess)
 {
     dir_.file("file");
-    const ChildResult child = run_in_child([] {
-        create_dir_tree("file/a/b", 1234, 5678, 0700);
-        _exit(7);
-    });
-    EXPECT_EQ(child.exit_status, 1);
-    EXPECT_EQ(child.err, "Cannot create directory file/a: Not a directory\nSystem error 20: Not a directory\n");
-    EXPECT_EQ(child.out, child.err);
+    const std::pair<const char *, const char *> cases[] = {
+        {"file/a/b", "Cannot create directory file/a: Not a directory\nSystem error 20: Not a directory\n"},
+        {"", "Cannot create directory : No such file or directory\nSystem error 2: No such file or directory\n"},
+    };
+    for (const auto &[path, message] : cases) {
+        const ChildResult child = run_in_child([path = path] {
+            create_dir_tree(path, 1234, 5678, 0700);
+            _exit(7);
+        });
+        EXPECT_EQ(child.exit_status, 1);
+        EXPECT_EQ(child.err, message);
+        EXPECT_EQ(child.out, message);
+    }
 }
 
-TEST_F(CreateDirTreeTest, EmptyPathEndsTheProcess)
+TEST_F(CreateDirTreeTest, FailureToSetAnOwnerIsPrintedAndTheWorkContinues)
 {
-    const ChildResult child = run_in_child([] { create_dir_tree("", 1234, 5678, 0700); });
-    EXPECT_EQ(child.exit_status, 1);
-    EXPECT_EQ(child.err, "Cannot create directory : No such file or directory\n"
-                         "System error 2: No such file or directory\n");
-}
-
-TEST_F(CreateDirTreeTest, DirectoryThatCanNotBeGivenAwayIsReportedAndTheWorkGoesOn)
-{
-    EXPECT_EQ(chown(dir_.path().c_str(), NOBODY, NOBODY), 0);
-    const ChildResult child = run_in_child([] {
-        become_nobody();
-        _exit(create_dir_tree("a/b", 0, 0, 0700) == 0 ? 7 : 8);
-    });
-    EXPECT_EQ(child.exit_status, 7);
-    EXPECT_EQ(child.err, "Cannot chown a: Operation not permitted\nSystem error 1: Operation not permitted\n"
-                         "Cannot chown a/b: Operation not permitted\nSystem error 1: Operation not permitted\n");
-    EXPECT_EQ(child.out, child.err);
+    give_scratch_dir_to_nobody();
+    EXPECT_EQ(printed(0,
+                      [] {
+                          become_nobody();
+                          return create_dir_tree("a/b", 0, 0, 0700);
+                      }),
+              "Cannot chown a: Operation not permitted\nSystem error 1: Operation not permitted\n"
+              "Cannot chown a/b: Operation not permitted\nSystem error 1: Operation not permitted\n");
     EXPECT_EQ(owned(dir_ / "a/b"), "700 65534:65534");
 }
 
-class MkdirPTest : public DirsTest {};
+class MkdirPTest : public DirsTest {
+protected:
+    static void expect_failure(const char *path, int error)
+    {
+        errno = 0;
+        EXPECT_EQ(mkdir_p(path), 0) << path;
+        EXPECT_EQ(errno, error) << path;
+    }
+};
 
-TEST_F(MkdirPTest, MakesEveryMissingDirectory)
-{
-    EXPECT_EQ(mkdir_p("a/b/c"), 1);
-    EXPECT_TRUE(is_dir(dir_ / "a/b/c"));
-}
-
-TEST_F(MkdirPTest, ModeIs0755LessTheUmask)
-{
-    umask(0);
-    EXPECT_EQ(mkdir_p("a"), 1);
-    EXPECT_EQ(permissions(dir_ / "a"), 0755U);
-    umask(027);
-    EXPECT_EQ(mkdir_p("b/c"), 1);
-    EXPECT_EQ(permissions(dir_ / "b"), 0750U);
-    EXPECT_EQ(permissions(dir_ / "b/c"), 0750U);
-}
-
-TEST_F(MkdirPTest, ExistingDirectoriesStayAsTheyAre)
+TEST_F(MkdirPTest, MakesMissingDirectoriesWithMode0755LessTheUmask)
 {
     make_dir("a", 0711);
-    EXPECT_EQ(mkdir_p("a"), 1);
+    umask(0);
+    EXPECT_EQ(mkdir_p("a/b///c//"), 1);
+    umask(027);
+    EXPECT_EQ(mkdir_p("d/"), 1);
+    EXPECT_EQ(mkdir_p("a/b"), 1);
     EXPECT_EQ(owned(dir_ / "a"), "711 0:0");
-}
-
-TEST_F(MkdirPTest, RepeatedAndTrailingSlashesAreHarmless)
-{
-    EXPECT_EQ(mkdir_p("a///b//"), 1);
-    EXPECT_TRUE(is_dir(dir_ / "a/b"));
-    EXPECT_EQ(mkdir_p("c/"), 1);
-    EXPECT_TRUE(is_dir(dir_ / "c"));
+    EXPECT_EQ(owned(dir_ / "a/b"), "755 0:0");
+    EXPECT_EQ(owned(dir_ / "a/b/c"), "755 0:0");
+    EXPECT_EQ(owned(dir_ / "d"), "750 0:0");
 }
 
 TEST_F(MkdirPTest, AbsolutePathIsMadeFromTheRoot)
 {
-    expect_in_root(1, [] { return mkdir_p("/a/b"); });
+    for (const char *path : {"/", "/a/b", "//c//d/"})
+        expect_in_root(1, [path] { return mkdir_p(path); });
     EXPECT_TRUE(is_dir(dir_ / "a/b"));
-    expect_in_root(1, [] { return mkdir_p("//c//d/"); });
     EXPECT_TRUE(is_dir(dir_ / "c/d"));
 }
 
-TEST_F(MkdirPTest, RootExists)
-{
-    expect_in_root(1, [] { return mkdir_p("/"); });
-}
-
-TEST_F(MkdirPTest, LinkToADirectoryIsOne)
+TEST_F(MkdirPTest, LinkToADirectoryIsFollowed)
 {
     make_dir("real");
-    EXPECT_EQ(symlink("real", (dir_ / "link").c_str()), 0);
+    EXPECT_EQ(symlink("real", "link"), 0);
     EXPECT_EQ(mkdir_p("link/a"), 1);
     EXPECT_TRUE(is_dir(dir_ / "real/a"));
 }
 
-TEST_F(MkdirPTest, FileInThePathIsNoDirectory)
+TEST_F(MkdirPTest, FailureSetsErrnoAndPrintsNothing)
 {
     dir_.file("file");
-    errno = 0;
-    EXPECT_EQ(mkdir_p("file/a"), 0);
-    EXPECT_EQ(errno, ENOTDIR);
-    errno = 0;
-    EXPECT_EQ(mkdir_p("file"), 0);
-    EXPECT_EQ(errno, ENOTDIR);
+    EXPECT_EQ(symlink("nowhere", "dangling"), 0);
+    EXPECT_EQ(symlink("loop", "loop"), 0);
+    expect_failure("file/a", ENOTDIR);
+    expect_failure("file", ENOTDIR);
+    expect_failure("dangling/a", EEXIST); /* stat finds nothing there, mkdir finds the link */
+    expect_failure("", ENOENT);
+    expect_failure("loop/a", ELOOP);
+    EXPECT_EQ(printed(0, [] { return mkdir_p("file/a"); }), "");
 }
 
-TEST_F(MkdirPTest, FailureToMakeADirectoryIsTold)
-{
-    EXPECT_EQ(symlink("nowhere", (dir_ / "link").c_str()), 0);
-    errno = 0;
-    EXPECT_EQ(mkdir_p("link/a"), 0); /* stat finds nothing there, mkdir finds the link */
-    EXPECT_EQ(errno, EEXIST);
-    errno = 0;
-    EXPECT_EQ(mkdir_p(""), 0);
-    EXPECT_EQ(errno, ENOENT);
-}
-
-TEST_F(MkdirPTest, FailureToLookIsTold)
-{
-    EXPECT_EQ(symlink("loop", (dir_ / "loop").c_str()), 0);
-    errno = 0;
-    EXPECT_EQ(mkdir_p("loop/a"), 0);
-    EXPECT_EQ(errno, ELOOP);
-}
-
-TEST_F(MkdirPTest, WithoutMemoryForThePathNothingIsMade)
+TEST_F(MkdirPTest, MakesNothingWithoutMemoryForThePath)
 {
     copies_left = 0;
-    errno = 0;
-    EXPECT_EQ(mkdir_p("a/b"), 0);
-    EXPECT_EQ(errno, ENOMEM);
+    expect_failure("a/b", ENOMEM);
     copies_left = AS_MANY_AS_ASKED_FOR;
-    EXPECT_FALSE(std::filesystem::exists(dir_ / "a"));
+    EXPECT_EQ(owned(dir_ / "a"), "missing");
 }
 
-TEST_F(MkdirPTest, NothingIsPrinted)
+class MkdirChownChmodTest : public DirsTest {};
+
+TEST_F(MkdirChownChmodTest, NewAndExistingDirectoryGetOwnerAndMode)
 {
-    dir_.file("file");
-    const ChildResult child = run_in_child([] { mkdir_p("file/a"); });
-    EXPECT_EQ(child.out, "");
-    EXPECT_EQ(child.err, "");
-}
-
-class MkdirChownChmodTest : public DirsTest {
-protected:
-    /* What a call prints; it must fail and print it on both streams. */
-    std::string failure(const std::string &path, uid_t uid, gid_t gid)
-    {
-        const ChildResult child = run_in_child([&] {
-            if (file_status(dir_.path()).st_uid == NOBODY)
-                become_nobody();
-            _exit(mkdir_chown_chmod(path.c_str(), uid, gid, 0700) == -1 && errno != 0 ? 7 : 8);
-        });
-        EXPECT_EQ(child.exit_status, 7);
-        EXPECT_EQ(child.out, child.err);
-        return child.err;
+    make_dir("b", 0711);
+    for (const std::string path : {"a", "b"}) {
+        EXPECT_EQ(mkdir_chown_chmod(path.c_str(), 1234, 5678, 0777), 0);
+        EXPECT_EQ(owned(dir_ / path), "777 1234:5678");
     }
-};
-
-TEST_F(MkdirChownChmodTest, NewDirectoryGetsOwnerAndMode)
-{
-    EXPECT_EQ(mkdir_chown_chmod((dir_ / "a").c_str(), 1234, 5678, 0777), 0);
-    EXPECT_EQ(owned(dir_ / "a"), "777 1234:5678");
 }
 
-TEST_F(MkdirChownChmodTest, ExistingDirectoryGetsOwnerAndMode)
+TEST_F(MkdirChownChmodTest, DirectoryThatVanishedMeanwhileIsNoFailure)
 {
-    make_dir("a", 0711);
-    EXPECT_EQ(mkdir_chown_chmod((dir_ / "a").c_str(), 1234, 5678, 0700), 0);
-    EXPECT_EQ(owned(dir_ / "a"), "700 1234:5678");
+    EXPECT_EQ(symlink("nowhere", "link"), 0); /* mkdir finds it, chown and chmod do not */
+    EXPECT_EQ(mkdir_chown_chmod("link", 1234, 5678, 0700), 0);
 }
 
-TEST_F(MkdirChownChmodTest, WhatVanishedMeanwhileIsNoFailure)
+TEST_F(MkdirChownChmodTest, FailureOfEachStepIsPrinted)
 {
-    EXPECT_EQ(symlink("nowhere", (dir_ / "link").c_str()), 0); /* mkdir finds it, chown and chmod do not */
-    EXPECT_EQ(mkdir_chown_chmod((dir_ / "link").c_str(), 1234, 5678, 0700), 0);
-}
-
-TEST_F(MkdirChownChmodTest, FailedMkdirIsPrinted)
-{
-    EXPECT_EQ(failure(dir_ / "a/b", 1234, 5678),
-              "ERROR: Unable to mkdir " + dir_ / "a/b" +
-                  ": No such file or directory\n\nSystem error 2: No such file or directory\n");
-}
-
-TEST_F(MkdirChownChmodTest, FailedChownIsPrinted)
-{
-    EXPECT_EQ(chown(dir_.path().c_str(), NOBODY, NOBODY), 0);
-    EXPECT_EQ(failure(dir_ / "a", 0, 0), "ERROR: Unable to chown " + dir_ / "a" +
-                                             ": Operation not permitted\n\nSystem error 1: Operation not permitted\n");
-}
-
-TEST_F(MkdirChownChmodTest, FailedChmodIsPrinted)
-{
-    make_dir("a");
-    EXPECT_EQ(chown(dir_.path().c_str(), NOBODY, NOBODY), 0);
-    /* A chown that changes neither id is open to everyone, a chmod is not. */
-    EXPECT_EQ(failure(dir_ / "a", static_cast<uid_t>(-1), static_cast<gid_t>(-1)),
-              "ERROR: Unable to chmod " + dir_ / "a" +
-                  ": Operation not permitted\n\nSystem error 1: Operation not permitted\n");
+    give_scratch_dir_to_nobody();
+    make_dir("roots");
+    const auto failure = [](const char *path, uid_t uid, gid_t gid) {
+        return printed(-1, [&] {
+            become_nobody();
+            return mkdir_chown_chmod(path, uid, gid, 0700);
+        });
+    };
+    EXPECT_EQ(failure("a/b", 1, 1), "ERROR: Unable to mkdir a/b: No such file or directory\n\n"
+                                    "System error 2: No such file or directory\n");
+    EXPECT_EQ(failure("a", 0, 0), "ERROR: Unable to chown a: Operation not permitted\n\n"
+                                  "System error 1: Operation not permitted\n");
+    /* Any user may make a chown that changes neither id. */
+    EXPECT_EQ(failure("roots", static_cast<uid_t>(-1), static_cast<gid_t>(-1)),
+              "ERROR: Unable to chmod roots: Operation not permitted\n\nSystem error 1: Operation not permitted\n");
 }
 
 class RenameDirTest : public DirsTest {};
@@ -365,87 +258,63 @@ class RenameDirTest : public DirsTest {};
 TEST_F(RenameDirTest, DirectoryGetsTheNewName)
 {
     make_dir("a", 0711);
-    EXPECT_EQ(rename_dir((dir_ / "a").c_str(), (dir_ / "b").c_str()), 0);
-    EXPECT_EQ(owned(dir_ / "a"), "nothing");
+    EXPECT_EQ(rename_dir("a", "b"), 0);
+    EXPECT_EQ(owned(dir_ / "a"), "missing");
     EXPECT_EQ(owned(dir_ / "b"), "711 0:0");
-}
-
-TEST_F(RenameDirTest, WithoutASourceThereIsNothingToDo)
-{
-    make_dir("b");
-    const ChildResult child =
-        run_in_child([this] { _exit(rename_dir((dir_ / "a").c_str(), (dir_ / "b").c_str()) == 0 ? 7 : 8); });
-    EXPECT_EQ(child.exit_status, 7);
-    EXPECT_EQ(child.err, "");
+    EXPECT_EQ(printed(0, [] { return rename_dir("a", "b"); }), ""); /* without a source */
 }
 
 TEST_F(RenameDirTest, ExistingTargetIsPrintedWithAnEarlierError)
 {
     make_dir("a");
     make_dir("b");
-    const std::string message = "Directory rename error: target directory " + dir_ / "b" + " already exists.\n";
-    const auto printed = [this](int error) {
-        const ChildResult child = run_in_child([&] {
-            errno = error;
-            _exit(rename_dir((dir_ / "a").c_str(), (dir_ / "b").c_str()) == -1 ? 7 : 8);
-        });
-        EXPECT_EQ(child.exit_status, 7);
-        EXPECT_EQ(child.out, child.err);
-        return child.err;
-    };
-    EXPECT_EQ(printed(0), message);
-    EXPECT_EQ(printed(EIO), message + "\nSystem error 5: Input/output error\n");
+    const std::string message = "Directory rename error: target directory b already exists.\n";
+    for (const int error : {0, EIO})
+        EXPECT_EQ(printed(-1,
+                          [error] {
+                              errno = error;
+                              return rename_dir("a", "b");
+                          }),
+                  message + (error == 0 ? "" : "\nSystem error 5: Input/output error\n"));
     EXPECT_TRUE(is_dir(dir_ / "a"));
 }
 
 TEST_F(RenameDirTest, FailedRenameIsPrinted)
 {
     make_dir("a");
-    const std::string into_itself = dir_ / "a/b";
-    const ChildResult child = run_in_child(
-        [&] { _exit(rename_dir((dir_ / "a").c_str(), into_itself.c_str()) == -1 && errno == EINVAL ? 7 : 8); });
-    EXPECT_EQ(child.exit_status, 7);
-    EXPECT_EQ(child.err, "Remaming " + dir_ / "a" + " to " + into_itself +
-                             " failed: Invalid argument\n\nSystem error 22: Invalid argument\n");
-    EXPECT_EQ(child.out, child.err);
+    EXPECT_EQ(printed(-EINVAL, [] { return rename_dir("a", "a/b") == -1 ? -errno : 0; }),
+              "Remaming a to a/b failed: Invalid argument\n\nSystem error 22: Invalid argument\n");
 }
 
 class FindDirEntryTest : public DirsTest {
 protected:
     void TearDown() override
     {
-        shown_entry_type = -1;
+        reported_type = -1;
         DirsTest::TearDown();
     }
 
-    /* The name found, or the text of errno. */
-    std::string find(std::string name, mode_t type = 0, int check = 0)
+    /* Returns the name found, or the text of errno with the name unchanged. */
+    std::string find(const std::string &name, mode_t type = 0, int check = 0)
     {
+        std::string found = name;
         errno = 0;
-        return find_dir_entry(dir_.path().c_str(), name.data(), type, check) == 0 ? name : std::strerror(errno);
+        if (find_dir_entry(dir_.path().c_str(), found.data(), type, check) == 0)
+            return found;
+        EXPECT_EQ(found, name);
+        return std::strerror(errno);
     }
+
+    static constexpr char MISSING[] = "No such file or directory";
 };
 
-TEST_F(FindDirEntryTest, NameBecomesWhatTheDirectoryCallsIt)
+TEST_F(FindDirEntryTest, NameGetsTheSpellingOfTheDirectory)
 {
     dir_.file("ReadMe.TXT");
     EXPECT_EQ(find("readme.txt"), "ReadMe.TXT");
     EXPECT_EQ(find("README.TXT"), "ReadMe.TXT");
-}
-
-TEST_F(FindDirEntryTest, WhatIsNotThereIsToldByErrno)
-{
-    dir_.file("readme");
-    EXPECT_EQ(find("readm"), "No such file or directory");
-    EXPECT_EQ(find("readme2"), "No such file or directory");
-}
-
-TEST_F(FindDirEntryTest, NameThatIsNotFoundIsLeftAlone)
-{
-    dir_.file("other");
-    char name[] = "readme";
-    EXPECT_EQ(find_dir_entry(dir_.path().c_str(), name, 0, 0), -1);
-    EXPECT_STREQ(name, "readme");
+    EXPECT_EQ(find("readme.tx"), MISSING);
+    EXPECT_EQ(find("readme.txt2"), MISSING);
 }
 
 TEST_F(FindDirEntryTest, OnlyTheBytesOfTheNameAreOverwritten)
@@ -456,7 +325,7 @@ TEST_F(FindDirEntryTest, OnlyTheBytesOfTheNameAreOverwritten)
     EXPECT_EQ(std::string(name, sizeof name), std::string("ABC\0def\0", 8));
 }
 
-TEST_F(FindDirEntryTest, DirectoryThatCanNotBeOpenedIsToldByErrno)
+TEST_F(FindDirEntryTest, DirectoryThatCannotBeOpenedSetsErrno)
 {
     char name[] = "readme";
     EXPECT_EQ(find_dir_entry((dir_ / "missing").c_str(), name, 0, 0), -1);
@@ -465,86 +334,57 @@ TEST_F(FindDirEntryTest, DirectoryThatCanNotBeOpenedIsToldByErrno)
     EXPECT_EQ(errno, ENOTDIR);
 }
 
-TEST_F(FindDirEntryTest, EntryOfAnotherTypeIsPassedOver)
+TEST_F(FindDirEntryTest, EntryOfAnotherTypeIsSkipped)
 {
     make_dir("ENTRY");
-    EXPECT_EQ(find("entry", S_IFREG), "No such file or directory");
-    EXPECT_EQ(find("entry", S_IFDIR), "ENTRY");
+    EXPECT_EQ(find("entry", S_IFREG), MISSING);
     dir_.file("Entry");
     EXPECT_EQ(find("entry", S_IFREG), "Entry");
     EXPECT_EQ(find("entry", S_IFDIR), "ENTRY");
 }
 
-TEST_F(FindDirEntryTest, EveryFileTypeIsTold)
+TEST_F(FindDirEntryTest, EveryFileTypeIsDistinguished)
 {
-    dir_.file("x0");
-    make_dir("x1");
-    EXPECT_EQ(mkfifo((dir_ / "x2").c_str(), 0600), 0);
-    EXPECT_EQ(symlink("nowhere", (dir_ / "x3").c_str()), 0);
-    EXPECT_EQ(mknod((dir_ / "x4").c_str(), S_IFSOCK | 0600, 0), 0);
-    EXPECT_EQ(mknod((dir_ / "x5").c_str(), S_IFCHR | 0600, 0), 0); /* 0:0, which no driver has: only the type counts */
-    const mode_t types[] = {S_IFREG, S_IFDIR, S_IFIFO, S_IFLNK, S_IFSOCK, S_IFCHR};
-    for (size_t entry = 0; entry < std::size(types); ++entry) {
-        const std::string name = {'x', static_cast<char>('0' + entry)};
-        for (size_t type = 0; type < std::size(types); ++type)
-            EXPECT_EQ(find(name, types[type]), entry == type ? name : "No such file or directory");
-        EXPECT_EQ(find(name, S_IFBLK), "No such file or directory");
+    dir_.file("FILE");
+    const std::pair<mode_t, int> types[] = {{S_IFREG, DT_REG}, {S_IFDIR, DT_DIR},   {S_IFIFO, DT_FIFO},
+                                            {S_IFLNK, DT_LNK}, {S_IFSOCK, DT_SOCK}, {S_IFCHR, DT_CHR},
+                                            {S_IFBLK, DT_BLK}};
+    for (const auto &[wanted, wanted_entry] : types) {
+        for (const auto &[type, entry] : types) {
+            reported_type = entry;
+            EXPECT_EQ(find("file", wanted), wanted == type ? "FILE" : MISSING) << wanted << " " << type;
+        }
     }
 }
 
-TEST_F(FindDirEntryTest, BlockDeviceIsTold)
-{
-    dir_.file("ENTRY");
-    shown_entry_type = DT_BLK; /* not every machine that tests may make one */
-    EXPECT_EQ(find("entry", S_IFBLK), "ENTRY");
-    EXPECT_EQ(find("entry", S_IFREG), "No such file or directory");
-}
-
-TEST_F(FindDirEntryTest, WhatIsNoFileTypeMeansAnyType)
+TEST_F(FindDirEntryTest, AnyOtherTypeMatchesEveryEntry)
 {
     make_dir("ENTRY");
     for (const mode_t type : {mode_t{0}, mode_t{0644}, mode_t{S_IFREG | 0644}, mode_t{S_IFMT}})
         EXPECT_EQ(find("entry", type), "ENTRY") << type;
 }
 
-TEST_F(FindDirEntryTest, UncheckedUnknownTypeIsTheWantedOne)
+TEST_F(FindDirEntryTest, UnknownTypeMatchesUnlessItIsChecked)
 {
-    make_dir("ENTRY");
-    shown_entry_type = DT_UNKNOWN;
-    EXPECT_EQ(find("entry", S_IFREG, 0), "ENTRY");
-}
-
-TEST_F(FindDirEntryTest, CheckedUnknownTypeIsLookedUp)
-{
-    make_dir("ENTRY");
+    make_dir("DIR");
     dir_.file("FILE");
-    shown_entry_type = DT_UNKNOWN;
-    EXPECT_EQ(find("entry", S_IFREG, 1), "No such file or directory");
-    EXPECT_EQ(find("entry", S_IFDIR, 1), "ENTRY");
+    EXPECT_EQ(symlink("DIR", "LINK"), 0);
+    EXPECT_EQ(mknod("SOCKET", S_IFSOCK | 0600, 0), 0);
+    reported_type = DT_UNKNOWN;
+    EXPECT_EQ(find("dir", S_IFREG, 0), "DIR");
+    EXPECT_EQ(find("dir", S_IFREG, 1), MISSING);
+    EXPECT_EQ(find("dir", S_IFDIR, 1), "DIR");
     EXPECT_EQ(find("file", S_IFREG, 1), "FILE");
-}
-
-TEST_F(FindDirEntryTest, AnyCommonBitOfACheckedTypeWillDo)
-{
-    EXPECT_EQ(mknod((dir_ / "SOCKET").c_str(), S_IFSOCK | 0600, 0), 0);
-    shown_entry_type = DT_UNKNOWN;
-    EXPECT_EQ(find("socket", S_IFDIR, 1), "SOCKET"); /* 0140000 and 0040000 */
-    EXPECT_EQ(find("socket", S_IFIFO, 1), "No such file or directory");
-}
-
-TEST_F(FindDirEntryTest, CheckedLinkIsNotFollowed)
-{
-    make_dir("real");
-    EXPECT_EQ(symlink("real", (dir_ / "LINK").c_str()), 0);
-    shown_entry_type = DT_UNKNOWN;
-    EXPECT_EQ(find("link", S_IFDIR, 1), "No such file or directory");
+    EXPECT_EQ(find("link", S_IFDIR, 1), MISSING); /* not followed */
     EXPECT_EQ(find("link", S_IFLNK, 1), "LINK");
+    EXPECT_EQ(find("socket", S_IFDIR, 1), "SOCKET"); /* 0140000 and 0040000 have a common bit */
+    EXPECT_EQ(find("socket", S_IFIFO, 1), MISSING);
 }
 
 TEST_F(FindDirEntryTest, PathTooLongToCheckFailsTheSearch)
 {
     dir_.file("FILE");
-    shown_entry_type = DT_UNKNOWN;
+    reported_type = DT_UNKNOWN;
     /* The directory can still be opened, at 4094 bytes; with the entry's name the path has 4099. */
     const std::string dir = dir_.path() + std::string(4094 - dir_.path().size(), '/');
     char name[] = "file";
@@ -553,13 +393,13 @@ TEST_F(FindDirEntryTest, PathTooLongToCheckFailsTheSearch)
     EXPECT_EQ(find_dir_entry(dir.c_str(), name, S_IFREG, 0), 0);
 }
 
-TEST_F(FindDirEntryTest, EntryThatCanNotBeCheckedFailsTheSearch)
+TEST_F(FindDirEntryTest, EntryThatCannotBeCheckedFailsTheSearch)
 {
     dir_.file("FILE");
-    chmod(dir_.path().c_str(), 0444); /* may be listed, but not entered */
+    chmod(dir_.path().c_str(), 0444); /* others can list it, but not enter it */
     const ChildResult child = run_in_child([this] {
         become_nobody();
-        shown_entry_type = DT_UNKNOWN;
+        reported_type = DT_UNKNOWN;
         std::printf("%s", find("file", S_IFREG, 1).c_str());
     });
     EXPECT_EQ(child.out, "Permission denied");

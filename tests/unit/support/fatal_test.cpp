@@ -13,16 +13,24 @@
 
 namespace {
 
-/* Sets errno, calls fatal_error(0, ...) with the text, and returns what both streams got; they must agree. */
-std::string printed(int error, const std::string &text)
+/* Returns what `call` prints, which must be the same on both streams, with errno as `error`. It must end the process
+ * with `status`, or return if that is 0. */
+template <typename Call>
+std::string printed_by(Call call, int error = 0, int status = 0)
 {
     const ChildResult child = run_in_child([&] {
         errno = error;
-        fatal_error(0, 1, "%s", text.c_str());
+        call();
+        _exit(errno == error ? 0 : 99);
     });
-    EXPECT_EQ(child.exit_status, 0);
+    EXPECT_EQ(child.exit_status, status);
     EXPECT_EQ(child.out, child.err);
     return child.err;
+}
+
+std::string printed(int error, const std::string &text)
+{
+    return printed_by([&] { fatal_error(0, 1, "%s", text.c_str()); }, error);
 }
 
 void fatal_through_va_list(int status, const char *format, ...) __attribute__((format(printf, 2, 3)));
@@ -34,14 +42,16 @@ void fatal_through_va_list(int status, const char *format, ...)
     va_end(args);
 }
 
-TEST(FatalErrorTest, PrintsOnStandardErrorAndStandardOutput)
+TEST(FatalErrorTest, PrintsOnBothStreamsAndReturnsForStatusZeroOnly)
 {
-    const ChildResult child = run_in_child([] {
-        errno = 0;
-        fatal_error(0, 1, "%s has %d", "mailbox", 7);
-    });
-    EXPECT_EQ(child.err, "mailbox has 7\n");
-    EXPECT_EQ(child.out, "mailbox has 7\n");
+    for (const int flag : {0, 1, -1}) {
+        EXPECT_EQ(printed_by([&] { fatal_error(0, flag, "%s has %d", "mailbox", 7); }), "mailbox has 7\n");
+        EXPECT_EQ(printed_by([&] { fatal_error(3, flag, "hello"); }, 0, 3), "hello\n");
+        EXPECT_EQ(printed_by([&] { error_emit("100%s", 0, flag); }, ENOENT), "100%s\n");
+        EXPECT_EQ(printed_by([&] { error_emit("hello\n", 5, flag); }, 0, 5), "hello\n");
+    }
+    EXPECT_EQ(error_emit("", 0, 1), 0);
+    EXPECT_EQ(printed_by([] { error_emit("", 0, 1); }), "\n");
 }
 
 TEST(FatalErrorTest, PrintsOnStandardErrorFirstAndFlushesBoth)
@@ -59,177 +69,57 @@ TEST(FatalErrorTest, PrintsOnStandardErrorFirstAndFlushesBoth)
     EXPECT_EQ(child.out, "[err]hello\n[out]hello\n");
 }
 
-TEST(FatalErrorTest, ReturnsForStatusZero)
+TEST(FatalErrorTest, AcceptsAVaList)
 {
-    const ChildResult child = run_in_child([] {
-        errno = 0;
-        fatal_error(0, 1, "hello");
-        _exit(7);
-    });
-    EXPECT_EQ(child.exit_status, 7);
-}
-
-TEST(FatalErrorTest, EndsTheProcessWithAnyOtherStatus)
-{
-    const ChildResult child = run_in_child([] {
-        errno = 0;
-        fatal_error(3, 0, "hello");
-        _exit(7);
-    });
-    EXPECT_EQ(child.exit_status, 3);
-    EXPECT_EQ(child.err, "hello\n");
-    EXPECT_EQ(child.out, "hello\n");
-}
-
-TEST(FatalErrorTest, FlagHasNoEffect)
-{
-    for (const int flag : {0, 1, -1}) {
-        const ChildResult child = run_in_child([&] {
-            errno = 0;
-            fatal_error(0, flag, "hello");
-        });
-        EXPECT_EQ(child.exit_status, 0);
-        EXPECT_EQ(child.err, "hello\n");
-    }
-}
-
-TEST(FatalErrorTest, TakesAVaListToo)
-{
-    const ChildResult child = run_in_child([] {
-        errno = ENOENT;
-        fatal_through_va_list(4, "%s has %d", "mailbox", 7);
-    });
-    EXPECT_EQ(child.exit_status, 4);
-    EXPECT_EQ(child.err, "mailbox has 7\nSystem error 2: No such file or directory\n");
+    EXPECT_EQ(printed_by([] { fatal_through_va_list(4, "%s has %d", "mailbox", 7); }, ENOENT, 4),
+              "mailbox has 7\nSystem error 2: No such file or directory\n");
 }
 
 TEST(FatalErrorTest, AddsTheSystemErrorOfItsCaller)
 {
     EXPECT_EQ(printed(ENOENT, "hello"), "hello\nSystem error 2: No such file or directory\n");
-}
-
-TEST(FatalErrorTest, AddsNoSystemErrorWhenThereIsNone)
-{
-    EXPECT_EQ(printed(0, "hello"), "hello\n");
-}
-
-TEST(FatalErrorTest, LineFeedAtTheEndIsNotDoubled)
-{
-    EXPECT_EQ(printed(0, "hello\n"), "hello\n");
-}
-
-TEST(FatalErrorTest, LineFeedBeforeTheSystemErrorLeavesABlankLine)
-{
     EXPECT_EQ(printed(ENOENT, "hello\n"), "hello\n\nSystem error 2: No such file or directory\n");
-}
-
-TEST(FatalErrorTest, PercentSignsInArgumentsAreNoFormat)
-{
+    EXPECT_EQ(printed(0, "hello\n"), "hello\n");
     EXPECT_EQ(printed(0, "100%s %n"), "100%s %n\n");
 }
 
-TEST(FatalErrorTest, KeepsErrno)
+TEST(FatalErrorTest, ClosedStreamsChangeNothing)
 {
-    const ChildResult child = run_in_child([] {
-        close(STDOUT_FILENO);
-        close(STDERR_FILENO);
-        errno = ENOENT;
-        fatal_error(0, 1, "hello");
-        _exit(errno == ENOENT ? 7 : 8);
-    });
-    EXPECT_EQ(child.exit_status, 7);
+    EXPECT_EQ(printed_by(
+                  [] {
+                      close(STDOUT_FILENO);
+                      close(STDERR_FILENO);
+                      fatal_error(0, 1, "hello");
+                      error_emit("hello", 0, 1);
+                      if (errno == ENOENT)
+                          fatal_error(7, 1, "hello");
+                  },
+                  ENOENT, 7),
+              "");
 }
 
-TEST(FatalErrorTest, EndsTheProcessWithClosedStreamsToo)
+TEST(FatalErrorTest, LongMessageIsWholeButHasNoSystemError)
 {
-    const ChildResult child = run_in_child([] {
-        close(STDOUT_FILENO);
-        close(STDERR_FILENO);
-        fatal_error(1, 1, "hello");
-    });
-    EXPECT_EQ(child.exit_status, 1);
-}
-
-TEST(FatalErrorTest, MessageOf5000BytesIsWholeButHasNoSystemError)
-{
-    EXPECT_EQ(printed(ENOENT, std::string(5000, 'm')), std::string(5000, 'm') + "\n");
-}
-
-TEST(FatalErrorTest, MessagesAroundTheFirstBufferAreWholeButHaveNoSystemError)
-{
-    for (const size_t length : {4094U, 4095U, 4096U, 4097U})
+    for (const size_t length : {4094U, 4095U, 4096U, 4097U, 5000U})
         EXPECT_EQ(printed(ENOENT, std::string(length, 'm')), std::string(length, 'm') + "\n") << length;
-}
-
-TEST(FatalErrorTest, SystemErrorIsAddedAsLongAsAllOfItFits)
-{
     const std::string suffix = "\nSystem error 2: No such file or directory";
     const std::string last_that_fits(4095 - suffix.size(), 'm');
     EXPECT_EQ(printed(ENOENT, last_that_fits), last_that_fits + suffix + "\n");
-    const std::string too_long(4096 - suffix.size(), 'm');
-    EXPECT_EQ(printed(ENOENT, too_long), too_long + "\n");
+    EXPECT_EQ(printed(ENOENT, last_that_fits + "m"), last_that_fits + "m\n");
 }
 
-class ErrorProgramPathTest : public testing::Test {
-protected:
-    void TearDown() override { error_program_path = nullptr; }
-};
-
-TEST_F(ErrorProgramPathTest, IsUnsetUntilSomeoneSetsIt)
+TEST(FatalErrorTest, BaseNameOfTheProgramPathPrefixesTheMessage)
 {
     EXPECT_EQ(error_program_path, nullptr);
-}
-
-TEST_F(ErrorProgramPathTest, ItsBaseNamePrefixesTheMessage)
-{
     error_program_path = "/usr/local/bin/tool";
     EXPECT_EQ(printed(ENOENT, "hello"), "tool: hello\nSystem error 2: No such file or directory\n");
     error_program_path = "tool2";
     EXPECT_EQ(printed(0, "hello"), "tool2: hello\n");
-}
-
-TEST_F(ErrorProgramPathTest, WithoutABaseNameThereIsNoPrefix)
-{
-    error_program_path = "/usr/local/bin/";
-    EXPECT_EQ(printed(0, "hello"), "hello\n");
-    error_program_path = "";
-    EXPECT_EQ(printed(0, "hello"), "hello\n");
-}
-
-TEST(ErrorEmitTest, PrintsAFinishedMessageOnBothStreams)
-{
-    const ChildResult child = run_in_child([] {
-        errno = ENOENT;
-        _exit(error_emit("100%s", 0, 1));
-    });
-    EXPECT_EQ(child.exit_status, 0);
-    EXPECT_EQ(child.err, "100%s\n");
-    EXPECT_EQ(child.out, "100%s\n");
-}
-
-TEST(ErrorEmitTest, KeepsErrno)
-{
-    const ChildResult child = run_in_child([] {
-        close(STDOUT_FILENO);
-        close(STDERR_FILENO);
-        errno = ENOENT;
-        error_emit("hello", 0, 1);
-        _exit(errno == ENOENT ? 7 : 8);
-    });
-    EXPECT_EQ(child.exit_status, 7);
-}
-
-TEST(ErrorEmitTest, EmptyMessageIsAnEmptyLine)
-{
-    EXPECT_EQ(run_in_child([] { error_emit("", 0, 1); }).err, "\n");
-}
-
-TEST(ErrorEmitTest, EndsTheProcessUnlessStatusIsZero)
-{
-    const ChildResult child = run_in_child([] { error_emit("hello\n", 5, 0); });
-    EXPECT_EQ(child.exit_status, 5);
-    EXPECT_EQ(child.err, "hello\n");
-    EXPECT_EQ(child.out, "hello\n");
+    for (const char *without_base_name : {"/usr/local/bin/", ""}) {
+        error_program_path = without_base_name;
+        EXPECT_EQ(printed(0, "hello"), "hello\n");
+    }
+    error_program_path = nullptr;
 }
 
 } // namespace

@@ -7,8 +7,7 @@
 #include <fcntl.h>
 #include <unistd.h>
 
-/* A pipe without room, whose reader does not read until asked to. `flags` are those of its writing end: 0 or
- * O_NONBLOCK. */
+/* A full pipe. `flags` are those of its writing end: 0 or O_NONBLOCK. */
 class FullPipe {
 public:
     explicit FullPipe(int flags)
@@ -39,8 +38,7 @@ private:
     int ends_[2] = {-1, -1};
 };
 
-/* Kills the process after so many seconds: a test of a wait without an end fails instead of waiting for ever. Leaves
- * SIGALRM alone. */
+/* Kills the process after this time, so that a test of an endless wait fails. */
 inline void kill_after(time_t seconds)
 {
     sigevent event = {};

@@ -5,11 +5,11 @@
 #include <cstdlib>
 #include <cstring>
 
-/* In a program that includes this header strdup runs out of memory when it is told to. */
+/* In a program that includes this header, strdup fails when copies_left is 0. */
 
 constexpr int AS_MANY_AS_ASKED_FOR = -1;
 
-inline int copies_left = AS_MANY_AS_ASKED_FOR; /* that strdup still makes */
+inline int copies_left = AS_MANY_AS_ASKED_FOR; /* by strdup */
 
 /* The linker takes this for strdup. */
 inline char *strdup_of_little_memory(const char *text) __asm__("strdup") __attribute__((used));

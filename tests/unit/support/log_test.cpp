@@ -2,8 +2,8 @@
 
 #include <cerrno>
 #include <cstdlib>
-#include <cstring>
 #include <string>
+#include <utility>
 
 #include <unistd.h>
 
@@ -26,28 +26,25 @@ protected:
         unsetenv("QUARN_LOG_TRACE_ID");
         capture_syslog();
     }
-    void TearDown() override
+    void TearDown() override { SetUp(); }
+
+    static void use_system_log(int options = 0, const char *ident = "x")
     {
-        unsetenv("QUARN_LOG_LEVEL");
-        unsetenv("QUARN_LOG_TRACE_ID");
-        capture_syslog();
+        log_init(nullptr, 3, LOG_MAIL, options, ident);
     }
+    static void use_console(const char *target, unsigned level = 3) { log_init(target, level, LOG_MAIL, 0, "x"); }
 };
 
-/* The process's short name for the rest of a scope. */
+/* Changes the process's short name for the rest of a scope. */
 class ShortName {
 public:
-    explicit ShortName(const char *name)
-    {
-        std::snprintf(name_, sizeof name_, "%s", name);
-        program_invocation_short_name = name_;
-    }
+    explicit ShortName(std::string name) : name_(std::move(name)) { program_invocation_short_name = name_.data(); }
     ShortName(const ShortName &) = delete;
     ShortName &operator=(const ShortName &) = delete;
     ~ShortName() { program_invocation_short_name = old_; }
 
 private:
-    char name_[128] = "";
+    std::string name_;
     char *old_ = program_invocation_short_name;
 };
 
@@ -60,7 +57,7 @@ void log_through_va_list(int priority, const char *format, ...)
     va_end(args);
 }
 
-/* What both streams got, "stdout|stderr". */
+/* Returns what `body` writes to the standard streams, as "stdout|stderr". */
 template <typename Body>
 std::string streams(Body body)
 {
@@ -71,342 +68,204 @@ std::string streams(Body body)
     return testing::internal::GetCapturedStdout() + "|" + err;
 }
 
-TEST_F(LogTest, SetUpOfTheToolOpensTheSystemLog)
+std::string hello_on_streams()
 {
-    log_init(nullptr, 3, 16, 0x20, "arspctl");
-    EXPECT_EQ(syslog_capture.calls, (Calls{"closelog", "openlog arspctl 33 16", "setlogmask 15"}));
+    return streams([] { log_message(LOG_ERR, "hello"); });
 }
 
-TEST_F(LogTest, SettingUpAgainReopensTheSystemLog)
+TEST_F(LogTest, EachSetUpOpensTheSystemLogAgain)
 {
-    log_init(nullptr, 3, LOG_MAIL, 0, "one");
-    log_init(nullptr, 4, LOG_DAEMON, LOG_CONS, "two");
-    EXPECT_EQ(syslog_capture.calls, (Calls{"closelog", "openlog one 1 16", "setlogmask 15", "closelog",
+    log_init(nullptr, 3, 16, 0x20, "arspctl"); /* the tool's */
+    log_init("", 4, LOG_DAEMON, LOG_CONS, "two");
+    EXPECT_EQ(syslog_capture.calls, (Calls{"closelog", "openlog arspctl 33 16", "setlogmask 15", "closelog",
                                            "openlog two 3 24", "setlogmask 31"}));
 }
 
-TEST_F(LogTest, OnlyPidConsAndPerrorReachSyslog)
+TEST_F(LogTest, OptionsAreKeptWithPidForcedOnButSyslogGetsOnlyThree)
 {
-    log_init(nullptr, 3, LOG_MAIL, 0xff, "x");
+    use_system_log(0xff);
     EXPECT_EQ(syslog_capture.calls.at(1), "openlog x 35 16");
-}
-
-TEST_F(LogTest, OptionsAreKeptWithPidForcedOn)
-{
-    log_init(nullptr, 3, LOG_MAIL, 0x9a, "x");
+    use_system_log(0x9a);
+    EXPECT_EQ(log_options(), 0x9b);
+    log_init("stderr", 3, LOG_MAIL, 0x02, "x");
     EXPECT_EQ(log_options(), 0x9b);
 }
 
-TEST_F(LogTest, ConsoleTargetLeavesTheOptionsAsTheyWere)
+TEST_F(LogTest, IdentIsCopiedAndCutAt63Bytes)
 {
-    log_init(nullptr, 3, LOG_MAIL, 0x20, "x");
-    log_init("stderr", 3, LOG_MAIL, 0x02, "x");
-    EXPECT_EQ(log_options(), 0x21);
-}
-
-TEST_F(LogTest, LongIdentIsCutAt63Bytes)
-{
-    log_init(nullptr, 3, LOG_MAIL, 0, std::string(80, 'i').c_str());
-    EXPECT_EQ(syslog_capture.calls.at(1),
-              "openlog iiiiiiiiiiiiiiiiiiiiiiiiiiiiiiiiiiiiiiiiiiiiiiiiiiiiiiiiiiiiiii 1 16");
-}
-
-TEST_F(LogTest, IdentIsCopied)
-{
-    /* syslog keeps the pointer that openlog got, so it must not be the caller's. */
-    char ident[] = "caller";
-    log_init(nullptr, 3, LOG_MAIL, 0, ident);
-    EXPECT_NE(syslog_capture.opened_with, ident);
+    const std::string ident(80, 'i');
+    use_system_log(0, ident.c_str());
+    EXPECT_EQ(syslog_capture.calls.at(1), "openlog " + std::string(63, 'i') + " 1 16");
+    EXPECT_NE(syslog_capture.opened_with, ident.c_str()); /* syslog keeps the pointer */
 }
 
 TEST_F(LogTest, AbsentIdentIsTheShortNameOfTheProcess)
 {
     const ShortName name("shortname");
-    log_init(nullptr, 3, LOG_MAIL, 0, nullptr);
+    use_system_log(0, nullptr);
     EXPECT_EQ(syslog_capture.calls.at(1), "openlog shortname 1 16");
 }
 
-TEST_F(LogTest, EmptyTargetIsTheSystemLog)
+TEST_F(LogTest, SystemLogGetsEveryRecordFormatted)
 {
-    log_init("", 3, LOG_MAIL, 0, "x");
-    log_message(LOG_ERR, "hello");
-    EXPECT_EQ(syslog_capture.records, (Records{{3, "hello"}}));
-}
-
-TEST_F(LogTest, RecordGoesToTheSystemLogFormatted)
-{
-    log_message(LOG_ERR, "%s has %d", "mailbox", 7);
-    EXPECT_EQ(syslog_capture.records, (Records{{3, "mailbox has 7"}}));
-}
-
-TEST_F(LogTest, RecordGivenAsVaListGoesToTheSystemLogFormatted)
-{
-    log_through_va_list(LOG_CRIT, "%s has %d", "mailbox", 7);
-    EXPECT_EQ(syslog_capture.records, (Records{{2, "mailbox has 7"}}));
-}
-
-TEST_F(LogTest, FacilityInAPriorityReachesSyslog)
-{
-    log_message(LOG_USER | LOG_WARNING, "warning");
-    EXPECT_EQ(syslog_capture.records, (Records{{12, "warning"}}));
-}
-
-TEST_F(LogTest, FilteringIsLeftToSyslogsMask)
-{
-    log_message(LOG_DEBUG, "dropped by the mask");
-    EXPECT_EQ(syslog_capture.records.size(), 1U);
-}
-
-TEST_F(LogTest, SystemLogWritesNothingToTheStreams)
-{
-    EXPECT_EQ(streams([] { log_message(LOG_ERR, "hello"); }), "|");
+    EXPECT_EQ(streams([] {
+                  log_message(LOG_ERR, "%s has %d", "mailbox", 7);
+                  log_through_va_list(LOG_CRIT, "%s has %d", "mailbox", 8);
+                  log_message(LOG_USER | LOG_WARNING, "with a facility");
+                  log_message(LOG_DEBUG, "dropped by syslog's mask");
+                  log_message(LOG_ERR, "%s", std::string(8300, 'm').c_str());
+              }),
+              "|");
+    EXPECT_EQ(syslog_capture.records, (Records{{3, "mailbox has 7"},
+                                               {2, "mailbox has 8"},
+                                               {12, "with a facility"},
+                                               {7, "dropped by syslog's mask"},
+                                               {3, std::string(8300, 'm')}}));
 }
 
 TEST_F(LogTest, SystemLogKeepsErrno)
 {
-    errno = ENOENT;
-    log_message(LOG_ERR, "hello");
-    EXPECT_EQ(errno, ENOENT);
-}
-
-TEST_F(LogTest, SystemLogRecordWithTraceIdKeepsErrno)
-{
-    log_init(nullptr, 3, LOG_MAIL, LOG_OPT_TRACE_ID, "x");
-    errno = ENOENT;
-    log_message(LOG_ERR, "hello");
-    EXPECT_EQ(errno, ENOENT);
+    for (const int options : {0, LOG_OPT_TRACE_ID}) {
+        use_system_log(options);
+        errno = ENOENT;
+        log_message(LOG_ERR, "hello");
+        EXPECT_EQ(errno, ENOENT);
+    }
 }
 
 TEST_F(LogTest, TraceIdFromTheEnvironmentPrecedesEveryRecord)
 {
-    setenv("QUARN_LOG_TRACE_ID", "T99", 1);
-    log_init(nullptr, 3, LOG_MAIL, LOG_OPT_TRACE_ID, "x");
-    log_message(LOG_ERR, "one %d", 1);
+    setenv("QUARN_LOG_TRACE_ID", "%n%s", 1);
+    use_system_log(LOG_OPT_TRACE_ID);
+    log_message(LOG_ERR, "one %s", "100%s %n");
     log_message(LOG_USER | LOG_WARNING, "two");
-    EXPECT_EQ(syslog_capture.records, (Records{{3, "T99: one 1"}, {12, "T99: two"}}));
+    log_message(LOG_ERR, "%s", std::string(8300, 'm').c_str());
+    EXPECT_STREQ(getenv("QUARN_LOG_TRACE_ID"), "%n%s");
+    use_system_log();
+    log_message(LOG_ERR, "without the option");
+    EXPECT_EQ(syslog_capture.records, (Records{{3, "%n%s: one 100%s %n"},
+                                               {12, "%n%s: two"},
+                                               {3, "%n%s: " + std::string(8185, 'm')}, /* 8191 bytes */
+                                               {3, "without the option"}}));
 }
 
-TEST_F(LogTest, TraceIdFromTheEnvironmentIsLeftThere)
-{
-    setenv("QUARN_LOG_TRACE_ID", "T99", 1);
-    log_init(nullptr, 3, LOG_MAIL, LOG_OPT_TRACE_ID, "x");
-    EXPECT_STREQ(getenv("QUARN_LOG_TRACE_ID"), "T99");
-}
-
-TEST_F(LogTest, NewTraceIdIsTheUpperCasedInitialAndThePid)
-{
-    const ShortName name("mailtool");
-    log_init(nullptr, 3, LOG_MAIL, LOG_OPT_TRACE_ID, "x");
-    log_message(LOG_ERR, "hello");
-    EXPECT_EQ(syslog_capture.records, (Records{{3, "M" + std::to_string(getpid()) + ": hello"}}));
-}
-
-TEST_F(LogTest, NewTraceIdIsExported)
+TEST_F(LogTest, NewTraceIdIsTheUpperCasedInitialAndThePidAndIsExported)
 {
     const ShortName name("mailtool");
-    log_init(nullptr, 3, LOG_MAIL, LOG_OPT_TRACE_ID, "x");
-    EXPECT_STREQ(getenv("QUARN_LOG_TRACE_ID"), ("M" + std::to_string(getpid())).c_str());
-}
-
-TEST_F(LogTest, EmptyTraceIdInTheEnvironmentCountsAsAbsent)
-{
-    const ShortName name("mailtool");
-    setenv("QUARN_LOG_TRACE_ID", "", 1);
-    log_init(nullptr, 3, LOG_MAIL, LOG_OPT_TRACE_ID, "x");
-    EXPECT_STREQ(getenv("QUARN_LOG_TRACE_ID"), ("M" + std::to_string(getpid())).c_str());
+    const std::string id = "M" + std::to_string(getpid());
+    use_system_log(LOG_PERROR);
+    EXPECT_EQ(getenv("QUARN_LOG_TRACE_ID"), nullptr);
+    for (const char *given : {static_cast<const char *>(nullptr), ""}) {
+        if (given != nullptr)
+            setenv("QUARN_LOG_TRACE_ID", given, 1);
+        use_system_log(LOG_OPT_TRACE_ID);
+        log_message(LOG_ERR, "hello");
+        EXPECT_STREQ(getenv("QUARN_LOG_TRACE_ID"), id.c_str());
+    }
+    EXPECT_EQ(syslog_capture.records, (Records{{3, id + ": hello"}, {3, id + ": hello"}}));
 }
 
 TEST_F(LogTest, TraceIdIsCutAt63Bytes)
 {
     setenv("QUARN_LOG_TRACE_ID", std::string(70, 't').c_str(), 1);
-    log_init(nullptr, 3, LOG_MAIL, LOG_OPT_TRACE_ID, "x");
+    use_system_log(LOG_OPT_TRACE_ID);
     log_message(LOG_ERR, "hello");
     EXPECT_EQ(syslog_capture.records.at(0).text, std::string(63, 't') + ": hello");
 }
 
-TEST_F(LogTest, WithoutItsOptionTheTraceIdIsNeitherUsedNorMade)
+TEST_F(LogTest, LowThreeBitsOfTheLevelSetTheMaskUpToTheThreshold)
 {
-    log_init(nullptr, 3, LOG_MAIL, LOG_PERROR, "x");
-    EXPECT_EQ(getenv("QUARN_LOG_TRACE_ID"), nullptr);
-    setenv("QUARN_LOG_TRACE_ID", "T99", 1);
-    log_init(nullptr, 3, LOG_MAIL, LOG_OPT_TRACE_ID, "x");
-    log_init(nullptr, 3, LOG_MAIL, LOG_PERROR, "x");
-    log_message(LOG_ERR, "hello");
-    EXPECT_EQ(syslog_capture.records, (Records{{3, "hello"}}));
-}
-
-TEST_F(LogTest, RecordWithTraceIdIsCutAt8191Bytes)
-{
-    setenv("QUARN_LOG_TRACE_ID", "T99", 1);
-    log_init(nullptr, 3, LOG_MAIL, LOG_OPT_TRACE_ID, "x");
-    log_message(LOG_ERR, "%s", std::string(8300, 'm').c_str());
-    EXPECT_EQ(syslog_capture.records, (Records{{3, "T99: " + std::string(8186, 'm')}}));
-}
-
-TEST_F(LogTest, RecordWithoutTraceIdHasNoLimit)
-{
-    log_message(LOG_ERR, "%s", std::string(8300, 'm').c_str());
-    EXPECT_EQ(syslog_capture.records, (Records{{3, std::string(8300, 'm')}}));
-}
-
-TEST_F(LogTest, PercentSignsInTraceIdAndArgumentsAreNoFormat)
-{
-    setenv("QUARN_LOG_TRACE_ID", "%n%s", 1);
-    log_init(nullptr, 3, LOG_MAIL, LOG_OPT_TRACE_ID, "x");
-    log_message(LOG_ERR, "%s", "100%s %n");
-    EXPECT_EQ(syslog_capture.records, (Records{{3, "%n%s: 100%s %n"}}));
-}
-
-TEST_F(LogTest, LevelSetsTheMaskUpToTheThreshold)
-{
-    for (unsigned level = 0; level <= 7; ++level)
-        log_set_level(level);
-    EXPECT_EQ(syslog_capture.calls, (Calls{"setlogmask 1", "setlogmask 3", "setlogmask 7", "setlogmask 15",
-                                           "setlogmask 31", "setlogmask 63", "setlogmask 127", "setlogmask 255"}));
-}
-
-TEST_F(LogTest, OnlyTheLowThreeBitsOfALevelAreTheThreshold)
-{
-    log_set_level(0xf0 | 3);
-    EXPECT_EQ(syslog_capture.calls, Calls{"setlogmask 15"});
-}
-
-TEST_F(LogTest, EnvironmentMayRaiseTheThreshold)
-{
-    setenv("QUARN_LOG_LEVEL", "7", 1);
-    log_set_level(3 | 0x08);
-    EXPECT_EQ(syslog_capture.calls, Calls{"setlogmask 255"});
-}
-
-TEST_F(LogTest, EnvironmentNeverLowersTheThreshold)
-{
-    setenv("QUARN_LOG_LEVEL", "1", 1);
-    log_set_level(3 | 0x08);
-    EXPECT_EQ(syslog_capture.calls, Calls{"setlogmask 15"});
-}
-
-TEST_F(LogTest, EnvironmentsLevelIsIgnoredUnlessItIsOneDigitUpToSeven)
-{
-    for (const char *value : {"12", "07", "", "8", "9", "/", ":", "x", " 7", "7 ", "-7"}) {
-        setenv("QUARN_LOG_LEVEL", value, 1);
+    for (unsigned level = 0; level <= 7; ++level) {
         syslog_capture.calls.clear();
-        log_set_level(3 | 0x08);
-        EXPECT_EQ(syslog_capture.calls, Calls{"setlogmask 15"}) << '"' << value << '"';
+        log_set_level(level);
+        log_set_level(level | 0xf0);
+        const std::string mask = "setlogmask " + std::to_string((2U << level) - 1);
+        EXPECT_EQ(syslog_capture.calls, (Calls{mask, mask}));
     }
 }
 
-TEST_F(LogTest, AbsentLevelInTheEnvironmentLeavesTheThreshold)
+TEST_F(LogTest, LevelInTheEnvironmentMayRaiseTheThresholdOnly)
 {
+    const auto mask_with = [](const char *value, unsigned level) {
+        setenv("QUARN_LOG_LEVEL", value, 1);
+        log_set_level(level);
+        return syslog_capture.calls.back();
+    };
+    EXPECT_EQ(mask_with("7", 3 | 0x08), "setlogmask 255");
+    EXPECT_EQ(mask_with("7", 3), "setlogmask 15");
+    for (const char *value : {"1", "12", "07", "", "8", "9", "/", ":", "x", " 7", "7 ", "-7"})
+        EXPECT_EQ(mask_with(value, 3 | 0x08), "setlogmask 15") << '"' << value << '"';
+    unsetenv("QUARN_LOG_LEVEL");
     log_set_level(5 | 0x08);
-    EXPECT_EQ(syslog_capture.calls, Calls{"setlogmask 63"});
+    EXPECT_EQ(syslog_capture.calls.back(), "setlogmask 63");
 }
 
-TEST_F(LogTest, SetUpOfTheToolIgnoresTheEnvironmentsLevel)
+TEST_F(LogTest, ConsoleNeverUsesTheSystemLogUntilItIsChosenAgain)
 {
-    setenv("QUARN_LOG_LEVEL", "7", 1);
-    log_init(nullptr, 3, 16, 0x20, "arspctl");
-    EXPECT_EQ(syslog_capture.calls.at(2), "setlogmask 15");
-}
-
-TEST_F(LogTest, ConsoleTargetNeverTouchesTheSystemLog)
-{
-    log_init("console", 3, LOG_MAIL, 0x20, "x");
+    use_console("console");
     log_set_level(7);
-    streams([] { log_message(LOG_ERR, "hello"); });
+    hello_on_streams();
     EXPECT_EQ(syslog_capture.calls, Calls{});
+    use_system_log();
+    EXPECT_EQ(hello_on_streams(), "|");
+    EXPECT_EQ(syslog_capture.records, (Records{{3, "hello"}}));
+}
+
+TEST_F(LogTest, TargetChoosesTheStreamsRegardlessOfCase)
+{
+    const std::pair<const char *, const char *> cases[] = {
+        {"console", "hello\n|hello\n"},
+        {"Console", "hello\n|hello\n"},
+        {"stderr", "|hello\n"},
+        {"STDERR", "|hello\n"},
+        {"file", "|"},
+    };
+    for (const auto &[target, expected] : cases) {
+        use_console(target, 7);
+        EXPECT_EQ(hello_on_streams(), expected) << target;
+    }
     EXPECT_EQ(syslog_capture.records, Records{});
 }
 
-TEST_F(LogTest, ConsoleTargetWritesToBothStreams)
+TEST_F(LogTest, ConsoleWritesToStandardErrorFirstAndFlushesBoth)
 {
-    log_init("console", 3, LOG_MAIL, 0, "x");
-    EXPECT_EQ(streams([] { log_message(LOG_ERR, "%s has %d", "mailbox", 7); }), "mailbox has 7\n|mailbox has 7\n");
-}
-
-TEST_F(LogTest, ConsoleTargetWritesToStandardErrorFirstAndFlushesBoth)
-{
-    log_init("console", 3, LOG_MAIL, 0, "x");
+    use_console("console");
     const StreamOrder order;
     log_message(LOG_ERR, "hello");
     EXPECT_EQ(order.text(), "[err]hello\n[out]hello\n");
 }
 
-TEST_F(LogTest, StderrTargetWritesToStandardErrorOnly)
+TEST_F(LogTest, ConsoleShowsPrioritiesUpToTheThresholdAndNoneWithAFacility)
 {
-    log_init("stderr", 3, LOG_MAIL, 0, "x");
-    EXPECT_EQ(streams([] { log_message(LOG_ERR, "hello"); }), "|hello\n");
-}
-
-TEST_F(LogTest, RecordGivenAsVaListGoesToTheConsole)
-{
-    log_init("stderr", 3, LOG_MAIL, 0, "x");
-    EXPECT_EQ(streams([] { log_through_va_list(LOG_ERR, "%s", "hello"); }), "|hello\n");
-}
-
-TEST_F(LogTest, CaseOfATargetDoesNotMatter)
-{
-    log_init("STDERR", 3, LOG_MAIL, 0, "x");
-    EXPECT_EQ(streams([] { log_message(LOG_ERR, "hello"); }), "|hello\n");
-    log_init("Console", 3, LOG_MAIL, 0, "x");
-    EXPECT_EQ(streams([] { log_message(LOG_ERR, "hello"); }), "hello\n|hello\n");
-}
-
-TEST_F(LogTest, UnknownTargetWritesNothing)
-{
-    log_init("file", 7, LOG_MAIL, 0, "x");
-    EXPECT_EQ(streams([] { log_message(LOG_EMERG, "hello"); }), "|");
-    EXPECT_EQ(syslog_capture.records, Records{});
-}
-
-TEST_F(LogTest, ConsoleShowsPrioritiesUpToTheThreshold)
-{
-    log_init("stderr", 3, LOG_MAIL, 0, "x");
+    use_console("stderr");
     EXPECT_EQ(streams([] {
                   log_message(LOG_WARNING, "four");
-                  log_message(LOG_ERR, "three");
-                  log_message(LOG_EMERG, "none");
+                  log_message(LOG_ERR, "%s", "three");
+                  log_through_va_list(LOG_EMERG, "%s", "none");
+                  log_set_level(7);
+                  log_message(LOG_USER | LOG_WARNING, "twelve");
               }),
               "|three\nnone\n");
 }
 
-TEST_F(LogTest, ConsoleNeverShowsAPriorityWithAFacility)
+TEST_F(LogTest, ConsoleAddsALineFeedToARecordOfAnyLength)
 {
-    log_init("stderr", 7, LOG_MAIL, 0, "x");
-    EXPECT_EQ(streams([] { log_message(LOG_USER | LOG_WARNING, "hello"); }), "|");
-}
-
-TEST_F(LogTest, ConsoleAddsALineFeedEvenToAMessageThatHasOne)
-{
-    log_init("stderr", 3, LOG_MAIL, 0, "x");
-    EXPECT_EQ(streams([] { log_message(LOG_ERR, "hello\n"); }), "|hello\n\n");
-}
-
-TEST_F(LogTest, ConsoleRecordHasNoLimit)
-{
-    log_init("stderr", 3, LOG_MAIL, 0, "x");
-    const std::string text(20000, 'm');
+    use_console("stderr");
+    const std::string text = std::string(20000, 'm') + "\n";
     EXPECT_EQ(streams([&] { log_message(LOG_ERR, "%s", text.c_str()); }), "|" + text + "\n");
 }
 
-TEST_F(LogTest, ConsoleRecordThatCannotBeFormattedIsLost)
+TEST_F(LogTest, ConsoleLosesARecordThatCannotBeFormatted)
 {
-    log_init("console", 3, LOG_MAIL, 0, "x");
+    use_console("console");
     EXPECT_EQ(streams([] { log_message(LOG_ERR, "%ls", L"\u20ac"); }), "|"); /* the locale "C" has no euro sign */
-    EXPECT_EQ(streams([] { log_message(LOG_ERR, "hello"); }), "hello\n|hello\n");
-}
-
-TEST_F(LogTest, GoingBackToTheSystemLogLeavesTheConsole)
-{
-    log_init("console", 3, LOG_MAIL, 0, "x");
-    log_init(nullptr, 3, LOG_MAIL, 0, "x");
-    EXPECT_EQ(streams([] { log_message(LOG_ERR, "hello"); }), "|");
-    EXPECT_EQ(syslog_capture.records, (Records{{3, "hello"}}));
+    EXPECT_EQ(hello_on_streams(), "hello\n|hello\n");
 }
 
 TEST_F(LogTest, ConsoleWithClosedStreamsKeepsErrno)
 {
     const ChildResult child = run_in_child([] {
-        log_init("console", 3, LOG_MAIL, 0, "x");
+        use_console("console");
         close(STDOUT_FILENO);
         close(STDERR_FILENO);
         errno = ENOENT;
@@ -416,7 +275,7 @@ TEST_F(LogTest, ConsoleWithClosedStreamsKeepsErrno)
     EXPECT_EQ(child.exit_status, 7);
 }
 
-/* In a process of its own, where no other test has set the logger up. */
+/* In a new process, where no other test has set the logger up. */
 TEST(LogBeforeInitTest, MessagesUpToPrioritySixGoToBothStreams)
 {
     GTEST_FLAG_SET(death_test_style, "threadsafe");

@@ -10,7 +10,7 @@
 
 #include <sys/stat.h>
 
-/* A directory of its own for a test, removed with all that is in it. */
+/* A new directory for one test, removed with its contents. */
 class ScratchDir {
 public:
     ScratchDir()
@@ -50,13 +50,24 @@ inline std::string file_text(const std::string &path)
     return text.str();
 }
 
-/* stat's answer, without following a symbolic link; all zero when there is nothing. */
+/* Returns the status of a file or link; all zero if it does not exist. */
 inline struct stat file_status(const std::string &path)
 {
     struct stat status = {};
     if (lstat(path.c_str(), &status) != 0)
         status = {};
     return status;
+}
+
+/* Returns "MODE UID:GID", or "missing". */
+inline std::string owned(const std::string &path)
+{
+    const struct stat status = file_status(path);
+    if (status.st_mode == 0)
+        return "missing";
+    std::ostringstream text;
+    text << std::oct << (status.st_mode & 07777U) << std::dec << " " << status.st_uid << ":" << status.st_gid;
+    return text.str();
 }
 
 inline unsigned permissions(const std::string &path)

@@ -5,6 +5,7 @@
 #include <limits>
 #include <new>
 #include <string>
+#include <vector>
 
 #include <dlfcn.h>
 #include <fcntl.h>
@@ -19,7 +20,7 @@ using namespace arsp;
 
 namespace {
 
-size_t largest_block = std::numeric_limits<size_t>::max(); /* that realloc gives */
+size_t largest_block = std::numeric_limits<size_t>::max(); /* that realloc returns */
 
 } // namespace
 
@@ -27,8 +28,7 @@ size_t largest_block = std::numeric_limits<size_t>::max(); /* that realloc gives
 void *realloc_of_little_memory(void *block, size_t size) __asm__("realloc");
 void *realloc_of_little_memory(void *block, size_t size)
 {
-    using Realloc = void *(void *, size_t);
-    static const auto real_realloc = reinterpret_cast<Realloc *>(dlsym(RTLD_NEXT, "realloc"));
+    static const auto real_realloc = reinterpret_cast<void *(*)(void *, size_t)>(dlsym(RTLD_NEXT, "realloc"));
     if (size > largest_block) {
         errno = ENOMEM;
         return nullptr;
@@ -65,41 +65,19 @@ private:
     const int kept_ = dup(STDIN_FILENO);
 };
 
-TEST_F(StandardInputTest, BytesAreReadToTheEnd)
+TEST_F(StandardInputTest, BytesAreReadToTheEndAndReplaceEarlierInput)
 {
-    const std::string text("a\0b\xff\n\n", 6);
-    feed(text);
-    EXPECT_EQ(read_standard_input(input_), 0);
-    EXPECT_EQ(input_.view(), text);
-}
-
-TEST_F(StandardInputTest, NothingIsAnEmptyText)
-{
-    feed("");
-    EXPECT_EQ(read_standard_input(input_), 0);
-    EXPECT_EQ(input_.view(), "");
-}
-
-TEST_F(StandardInputTest, InputThatFillsABlockIsReadWhole)
-{
-    for (const size_t length : {65535U, 65536U, 65537U, 131072U, 131073U, 1000000U}) {
-        const std::string text(length, 'x');
+    std::vector<std::string> texts = {"a long first text", std::string("a\0b\xff\n\n", 6), ""};
+    for (const size_t length : {65535U, 65536U, 65537U, 131072U, 131073U, 1000000U})
+        texts.emplace_back(length, 'x');
+    for (const std::string &text : texts) {
         feed(text);
         EXPECT_EQ(read_standard_input(input_), 0);
         EXPECT_EQ(input_.view(), text);
     }
 }
 
-TEST_F(StandardInputTest, EarlierInputIsReplaced)
-{
-    feed("a long first text");
-    read_standard_input(input_);
-    feed("second");
-    EXPECT_EQ(read_standard_input(input_), 0);
-    EXPECT_EQ(input_.view(), "second");
-}
-
-TEST_F(StandardInputTest, FailureToReadIsLoggedAndLeavesErrno)
+TEST_F(StandardInputTest, FailureToReadIsLoggedAndSetsErrno)
 {
     feed(open("/", O_RDONLY));
     EXPECT_EQ(read_standard_input(input_), -1);
@@ -107,14 +85,13 @@ TEST_F(StandardInputTest, FailureToReadIsLoggedAndLeavesErrno)
     EXPECT_EQ(syslog_capture.records, (Records{{3, "Unable to read standard input: Is a directory"}}));
 }
 
-TEST_F(StandardInputTest, InputThatDoesNotFitIntoMemoryIsThrown)
+TEST_F(StandardInputTest, InputThatDoesNotFitIntoMemoryThrows)
 {
-    largest_block = 200000;
-    feed(std::string(131072, 'x'));
-    EXPECT_THROW(read_standard_input(input_), std::bad_alloc);
-    largest_block = 65535;
-    feed("x");
-    EXPECT_THROW(read_standard_input(input_), std::bad_alloc);
+    for (const size_t largest : {65535U, 200000U}) {
+        largest_block = largest;
+        feed(std::string(131072, 'x'));
+        EXPECT_THROW(read_standard_input(input_), std::bad_alloc);
+    }
     EXPECT_EQ(syslog_capture.records, Records{});
 }
 

@@ -7,8 +7,8 @@
 
 #include <sys/types.h>
 
-/* While it lives, stdout and stderr write into one text, which tells in what order they did:
- * "[err]hello\n[out]hello\n". Both are fully buffered, so only a flush shows. */
+/* While it lives, stdout and stderr write into one text, in order: "[err]hello\n[out]hello\n". Both are fully buffered,
+ * so a write appears only after a flush. */
 class StreamOrder {
 public:
     StreamOrder()

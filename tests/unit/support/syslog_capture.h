@@ -11,7 +11,7 @@
 
 #include "support/log.h"
 
-/* A program that includes this header never reaches the system log: what it would send is kept here instead. */
+/* In a program that includes this header, records for the system log are stored here instead. */
 
 struct SyslogRecord {
     int priority;
@@ -27,25 +27,25 @@ inline std::ostream &operator<<(std::ostream &stream, const SyslogRecord &record
 
 struct SyslogCapture {
     std::vector<std::string> calls;    /* "closelog", "openlog IDENT OPTIONS FACILITY", "setlogmask MASK" */
-    const char *opened_with = nullptr; /* the ident that openlog got, by pointer */
+    const char *opened_with = nullptr; /* the ident of openlog, by pointer */
     std::vector<SyslogRecord> records; /* the mask is not applied */
 };
 
 inline SyslogCapture syslog_capture;
 
-/* Starts afresh with the logger as the tool sets it up, but for LOG_PERROR. */
+/* Sets the logger up as the tool does, except for LOG_PERROR, and clears the capture. */
 inline void capture_syslog()
 {
     log_init(nullptr, LOG_ERR, LOG_MAIL, 0, "unit-test");
     syslog_capture = {};
 }
 
-/* The linker takes these for the C library's functions of the names in the asm labels. Their own names differ because
- * the C library's headers may declare, and with _FORTIFY_SOURCE define, the others. All change errno, as the true ones
- * may. */
-#define ARSP_STANDS_FOR(name) __asm__(name) __attribute__((used))
+/* The linker takes these for the C library's functions named in the asm labels. They have other names of their own
+ * because the C library's headers declare those and, with _FORTIFY_SOURCE, define them. All change errno, as the
+ * replaced functions may. */
+#define ARSP_REPLACES(name) __asm__(name) __attribute__((used))
 
-inline void captured_vsyslog(int priority, const char *format, va_list args) ARSP_STANDS_FOR("vsyslog")
+inline void captured_vsyslog(int priority, const char *format, va_list args) ARSP_REPLACES("vsyslog")
     __attribute__((format(printf, 2, 0)));
 inline void captured_vsyslog(int priority, const char *format, va_list args)
 {
@@ -58,13 +58,13 @@ inline void captured_vsyslog(int priority, const char *format, va_list args)
 }
 
 inline void captured_vsyslog_chk(int priority, int flag, const char *format, va_list args)
-    ARSP_STANDS_FOR("__vsyslog_chk") __attribute__((format(printf, 3, 0)));
+    ARSP_REPLACES("__vsyslog_chk") __attribute__((format(printf, 3, 0)));
 inline void captured_vsyslog_chk(int priority, int /*flag*/, const char *format, va_list args)
 {
     captured_vsyslog(priority, format, args);
 }
 
-inline void captured_syslog(int priority, const char *format, ...) ARSP_STANDS_FOR("syslog")
+inline void captured_syslog(int priority, const char *format, ...) ARSP_REPLACES("syslog")
     __attribute__((format(printf, 2, 3)));
 inline void captured_syslog(int priority, const char *format, ...)
 {
@@ -74,7 +74,7 @@ inline void captured_syslog(int priority, const char *format, ...)
     va_end(args);
 }
 
-inline void captured_syslog_chk(int priority, int flag, const char *format, ...) ARSP_STANDS_FOR("__syslog_chk")
+inline void captured_syslog_chk(int priority, int flag, const char *format, ...) ARSP_REPLACES("__syslog_chk")
     __attribute__((format(printf, 3, 4)));
 inline void captured_syslog_chk(int priority, int /*flag*/, const char *format, ...)
 {
@@ -84,7 +84,7 @@ inline void captured_syslog_chk(int priority, int /*flag*/, const char *format, 
     va_end(args);
 }
 
-inline void captured_openlog(const char *ident, int options, int facility) ARSP_STANDS_FOR("openlog");
+inline void captured_openlog(const char *ident, int options, int facility) ARSP_REPLACES("openlog");
 inline void captured_openlog(const char *ident, int options, int facility)
 {
     syslog_capture.calls.push_back("openlog " + std::string(ident) + " " + std::to_string(options) + " " +
@@ -93,20 +93,20 @@ inline void captured_openlog(const char *ident, int options, int facility)
     errno = EBADF;
 }
 
-inline void captured_closelog() ARSP_STANDS_FOR("closelog");
+inline void captured_closelog() ARSP_REPLACES("closelog");
 inline void captured_closelog()
 {
     syslog_capture.calls.emplace_back("closelog");
     errno = EBADF;
 }
 
-inline int captured_setlogmask(int mask) ARSP_STANDS_FOR("setlogmask");
+inline int captured_setlogmask(int mask) ARSP_REPLACES("setlogmask");
 inline int captured_setlogmask(int mask)
 {
     syslog_capture.calls.push_back("setlogmask " + std::to_string(mask));
     return 0;
 }
 
-#undef ARSP_STANDS_FOR
+#undef ARSP_REPLACES
 
 #endif

@@ -1,6 +1,7 @@
 #include "support/text.h"
 
 #include <string>
+#include <utility>
 #include <vector>
 
 #include <gtest/gtest.h>
@@ -13,11 +14,8 @@ using namespace arsp;
 
 namespace {
 
-/* The text that is left where it stood, and the one the function returned. */
-struct Trimmed {
-    std::string in_place;
-    std::string returned;
-};
+/* The modified text, and the returned one. */
+using Trimmed = std::pair<std::string, std::string>;
 
 template <typename Trim>
 Trimmed trimmed(std::string text, Trim trim)
@@ -27,37 +25,23 @@ Trimmed trimmed(std::string text, Trim trim)
     return {in_place, returned};
 }
 
-std::string lowered(std::string text)
+TEST(XasprintfTest, ReturnsAFormattedTextOfAnyLength)
 {
+    const CString text(xasprintf("%s, %d", std::string(100'000, 'x').c_str(), 7));
+    EXPECT_EQ(std::string(text.get()), std::string(100'000, 'x') + ", 7");
+}
+
+TEST(StrTolowerTest, ChangesOnlyAsciiLettersInTheDefaultLocale)
+{
+    std::string text = "AZaz@[`{09_-M\xc3\x9cLLER \xdc\xff\x80";
     str_tolower(text.data());
-    return text;
+    EXPECT_EQ(text, "azaz@[`{09_-m\xc3\x9cller \xdc\xff\x80");
 }
 
-TEST(XasprintfTest, ReturnsTheFormattedText)
-{
-    const CString text(xasprintf("%s@%s, %d", "user", "example.org", 7));
-    EXPECT_STREQ(text.get(), "user@example.org, 7");
-}
-
-TEST(XasprintfTest, HasNoLimit)
-{
-    const CString text(xasprintf("%s", std::string(100'000, 'x').c_str()));
-    EXPECT_EQ(std::string(text.get()), std::string(100'000, 'x'));
-}
-
-TEST(StrTolowerTest, LowersLettersAndLeavesTheRest)
-{
-    EXPECT_EQ(lowered("AZaz@[`{09_-"), "azaz@[`{09_-");
-}
-
-TEST(StrTolowerTest, LeavesBytesAbove127InTheDefaultLocale)
-{
-    EXPECT_EQ(lowered("M\xc3\x9cLLER \xdc\xff\x80"), "m\xc3\x9cller \xdc\xff\x80");
-}
-
-TEST(StrTolowerTest, DoesNothingToANullPointer)
+TEST(StrTolowerTest, IgnoresANullPointer)
 {
     str_tolower(nullptr);
+    EXPECT_EQ(str_dup_lower(nullptr), nullptr);
 }
 
 TEST(StrDupLowerTest, ReturnsALoweredCopy)
@@ -66,11 +50,6 @@ TEST(StrDupLowerTest, ReturnsALoweredCopy)
     const CString copy(str_dup_lower(text.c_str()));
     EXPECT_STREQ(copy.get(), "user@example.org");
     EXPECT_EQ(text, "User@Example.ORG");
-}
-
-TEST(StrDupLowerTest, ReturnsNullForNull)
-{
-    EXPECT_EQ(str_dup_lower(nullptr), nullptr);
 }
 
 TEST(StrDupLowerTest, LogsThatThereIsNoMemoryForTheCopy)
@@ -84,23 +63,13 @@ TEST(StrDupLowerTest, LogsThatThereIsNoMemoryForTheCopy)
 
 TEST(StrRtrimSpaceTest, ClearsTrailingWhiteSpaceOnly)
 {
-    const Trimmed result = trimmed(" a b \t\n\v\f\r", str_rtrim_space);
-    EXPECT_EQ(result.in_place, " a b");
-    EXPECT_EQ(result.returned, " a b");
+    EXPECT_EQ(trimmed(" a b \t\n\v\f\r", str_rtrim_space), Trimmed(" a b", " a b"));
+    EXPECT_EQ(trimmed(" \t\n", str_rtrim_space), Trimmed("", ""));
+    EXPECT_EQ(trimmed("", str_rtrim_space), Trimmed("", ""));
+    EXPECT_EQ(trimmed("a\xa0\x85 ", str_rtrim_space), Trimmed("a\xa0\x85", "a\xa0\x85"));
 }
 
-TEST(StrRtrimSpaceTest, LeavesNothingOfWhiteSpace)
-{
-    EXPECT_EQ(trimmed(" \t\n", str_rtrim_space).in_place, "");
-    EXPECT_EQ(trimmed("", str_rtrim_space).in_place, "");
-}
-
-TEST(StrRtrimSpaceTest, BytesAbove127AreNoWhiteSpace)
-{
-    EXPECT_EQ(trimmed("a\xa0\x85 ", str_rtrim_space).in_place, "a\xa0\x85");
-}
-
-TEST(StrRtrimSpaceTest, EveryByteCutIsCleared)
+TEST(StrRtrimSpaceTest, ClearsEveryByteThatItCuts)
 {
     char text[] = "a  ";
     str_rtrim_space(text);
@@ -109,54 +78,32 @@ TEST(StrRtrimSpaceTest, EveryByteCutIsCleared)
 
 TEST(StrRtrimCharTest, ClearsTrailingBytesOfThatValueOnly)
 {
-    const Trimmed result = trimmed("//a/ //", [](char *s) { return str_rtrim_char(s, '/'); });
-    EXPECT_EQ(result.in_place, "//a/ ");
-    EXPECT_EQ(result.returned, "//a/ ");
-    EXPECT_EQ(trimmed("////", [](char *s) { return str_rtrim_char(s, '/'); }).in_place, "");
-    EXPECT_EQ(trimmed("a\xff\xff", [](char *s) { return str_rtrim_char(s, '\xff'); }).in_place, "a");
-}
-
-TEST(StrTrimSpaceTest, OfATextOfBlanksWhatStandsBeforeItStays)
-{
-    char text[] = "\t\t \n";
-
-    EXPECT_STREQ(str_trim_space(text + 1), "");
-    EXPECT_EQ(text[0], '\t');
+    const auto trim_slashes = [](char *s) { return str_rtrim_char(s, '/'); };
+    EXPECT_EQ(trimmed("//a/ //", trim_slashes), Trimmed("//a/ ", "//a/ "));
+    EXPECT_EQ(trimmed("////", trim_slashes), Trimmed("", ""));
+    EXPECT_EQ(trimmed("a\xff\xff", [](char *s) { return str_rtrim_char(s, '\xff'); }), Trimmed("a", "a"));
 }
 
 TEST(StrTrimSpaceTest, ClearsTheEndAndSkipsTheBeginning)
 {
-    const Trimmed result = trimmed(" \t\n\v\f\ra b\r\n ", str_trim_space);
-    EXPECT_EQ(result.returned, "a b");
-    EXPECT_EQ(result.in_place, " \t\n\v\f\ra b");
+    EXPECT_EQ(trimmed(" \t\n\v\f\ra b\r\n ", str_trim_space), Trimmed(" \t\n\v\f\ra b", "a b"));
+    EXPECT_EQ(trimmed(" \t ", str_trim_space), Trimmed("", ""));
+    EXPECT_EQ(trimmed("", str_trim_space), Trimmed("", ""));
 }
 
-TEST(StrTrimSpaceTest, LeavesNothingOfWhiteSpace)
+TEST(StrTrimSpaceTest, AllBlankTextLeavesPrecedingByteUntouched)
 {
-    EXPECT_EQ(trimmed(" \t ", str_trim_space).returned, "");
-    EXPECT_EQ(trimmed("", str_trim_space).returned, "");
+    char text[] = "\t\t \n";
+    EXPECT_STREQ(str_trim_space(text + 1), "");
+    EXPECT_EQ(text[0], '\t');
 }
 
-TEST(StrTrimLineTest, CutsBlanksAndLineEnds)
+TEST(StrTrimLineTest, CutsBlanksAndLineEndsButNoTabs)
 {
-    const Trimmed result = trimmed("  a b \r\n \r\n", str_trim_line);
-    EXPECT_EQ(result.returned, "a b");
-    EXPECT_EQ(result.in_place, "  a b");
-}
-
-TEST(StrTrimLineTest, KeepsTabs)
-{
-    EXPECT_EQ(trimmed(" \ta\t \n", str_trim_line).returned, "\ta\t");
-}
-
-TEST(StrTrimLineTest, SkipsBlanksOnlyAtTheBeginning)
-{
-    EXPECT_EQ(trimmed("\r\n a", str_trim_line).returned, "\r\n a");
-}
-
-TEST(StrTrimLineTest, LeavesNothingOfAnEmptyLine)
-{
-    EXPECT_EQ(trimmed(" \r\n", str_trim_line).returned, "");
+    EXPECT_EQ(trimmed("  a b \r\n \r\n", str_trim_line), Trimmed("  a b", "a b"));
+    EXPECT_EQ(trimmed(" \ta\t \n", str_trim_line), Trimmed(" \ta\t", "\ta\t"));
+    EXPECT_EQ(trimmed("\r\n a", str_trim_line), Trimmed("\r\n a", "\r\n a"));
+    EXPECT_EQ(trimmed(" \r\n", str_trim_line), Trimmed("", ""));
 }
 
 } // namespace
