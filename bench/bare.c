@@ -79,22 +79,29 @@ static char *read_input(size_t *length)
     return bytes;
 }
 
+/* Makes what is missing of `path`; the new directories belong to `owner` unless it is null. */
+static void make_directories(char *path, mode_t mode, const struct passwd *owner)
+{
+    for (char *slash = strchr(path + 1, '/');; slash = strchr(slash + 1, '/')) {
+        if (slash != NULL)
+            *slash = '\0';
+        if (mkdir(path, mode) != 0)
+            need(errno == EEXIST);
+        else if (owner != NULL)
+            need(chown(path, owner->pw_uid, owner->pw_gid) == 0);
+        if (slash == NULL)
+            return;
+        *slash = '/';
+    }
+}
+
 static void init_db(void)
 {
     char directory[sizeof RESPONDER_DB_PATH];
     memcpy(directory, RESPONDER_DB_PATH, sizeof directory);
     *strrchr(directory, '/') = '\0';
     unlink(RESPONDER_DB_PATH);
-    for (char *slash = strchr(directory + 1, '/');; slash = strchr(slash + 1, '/')) {
-        struct stat status;
-        if (slash != NULL)
-            *slash = '\0';
-        if (stat(directory, &status) != 0)
-            need(mkdir(directory, 0755) == 0);
-        if (slash == NULL)
-            break;
-        *slash = '/';
-    }
+    make_directories(directory, 0755, NULL);
     sqlite3 *db = open_database();
     need(sqlite3_exec(db, RESPONDER_DB_SCHEMA, NULL, NULL, NULL) == SQLITE_OK);
     sqlite3_close(db);
@@ -182,21 +189,6 @@ static void select_owner(sqlite3 *db, const char *mailname, char *owner, size_t 
     sqlite3_finalize(stmt);
 }
 
-static void make_directories(char *path, uid_t uid, gid_t gid)
-{
-    for (char *slash = strchr(path + 1, '/');; slash = strchr(slash + 1, '/')) {
-        if (slash != NULL)
-            *slash = '\0';
-        if (mkdir(path, 0700) == 0)
-            need(chown(path, uid, gid) == 0);
-        else
-            need(errno == EEXIST);
-        if (slash == NULL)
-            return;
-        *slash = '/';
-    }
-}
-
 static void add_attach(const char *mailname, const char *filename, const char *source)
 {
     char owner[1024];
@@ -208,7 +200,7 @@ static void add_attach(const char *mailname, const char *filename, const char *s
     attachment_path(path, sizeof path, owner, NULL);
     const struct passwd *user = getpwnam(MAIL_USER);
     need(user != NULL);
-    make_directories(path, user->pw_uid, user->pw_gid);
+    make_directories(path, 0700, user);
     strcat(strcat(path, "/"), filename);
     snprintf(command, sizeof command, "/bin/cp \"%s\" \"%s\"", source, path);
     need(system(command) == 0 && chown(path, user->pw_uid, user->pw_gid) == 0);

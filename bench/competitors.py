@@ -24,6 +24,7 @@ SOURCE = "/tmp/report.txt"
 BODY = "/tmp/body"
 HEADERS = "/tmp/headers.json"
 SUBJECT = "Out of office"
+TEXT = "I am away until Monday. In urgent cases write to office@example.org.\n"
 
 
 @dataclass
@@ -72,7 +73,7 @@ def rows(count, statement):
 def mailbox_rows(count, address):
     return rows(count, "REPLACE INTO autoresponder (keystr, key_where, subject, reply_to, forward_to, content_type, "
                 f"charset, body, ans_freq, ans_limit, real_owner, mn) SELECT '', 'no', '{SUBJECT}', '', '', "
-                f"'text/html', 'UTF-8', 'I am away until Monday.', 10, 1000, {address}, {address}")
+                f"'text/html', 'UTF-8', '{TEXT}', 10, 1000, {address}, {address}")
 
 
 def counter_rows(count, address, sender):
