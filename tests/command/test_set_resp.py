@@ -294,3 +294,11 @@ def test_failed_write_or_sync_fails_the_commit(former, needs_tracing, fault, pat
 
     assert any(call.injected for call in calls)
     assert_left_the_row(former, result, CANNOT_END + text)
+
+
+def test_failed_close_of_the_file_is_no_failure(former, needs_tracing):
+    result, calls = former.trace(*MAILBOX, inject=["close:error=EIO:when=1"], paths=[DATABASE])
+
+    assert [call.injected for call in calls].count(True) == 1
+    assert result == DONE
+    assert rows(former) == [row()]
