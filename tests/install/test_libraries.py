@@ -1,8 +1,21 @@
-"""The shared libraries that the loader brings to every run."""
+"""What the options of the build change: the libraries that arspctl is linked with, and the tests."""
 
 import re
+import subprocess
 
+from harness.private_root import REPOSITORY
 from test_protections import output_of
+
+
+def configure(directory, *options):
+    subprocess.run(["cmake", "-S", REPOSITORY, "-B", directory, "-G", "Ninja", *options], capture_output=True, check=True)
+
+
+def linked_libraries(directory):
+    """The file names of SQLite and of the option library on the linker's command line for arspctl."""
+    commands = output_of("ninja", "-C", directory, "-t", "commands", "arspctl").splitlines()
+    (link,) = [line for line in commands if " -o cli/arspctl " in line]
+    return set(re.findall(r"/(lib(?:sqlite3|boost_program_options)\.(?:a|so))\b", link))
 
 
 def test_only_the_c_library_is_loaded_at_the_start(program):
@@ -10,3 +23,11 @@ def test_only_the_c_library_is_loaded_at_the_start(program):
 
     assert "libc.so.6" in needed
     assert [name for name in needed if not re.fullmatch(r"libc\.so\.6|ld-linux.*", name)] == []
+
+
+def test_configured_folder_switches_to_shared_libraries(tmp_path):
+    configure(tmp_path, "-DARSP_STATIC_LIBRARIES=ON")
+    assert linked_libraries(tmp_path) == {"libsqlite3.a", "libboost_program_options.a"}
+
+    configure(tmp_path, "-DARSP_STATIC_LIBRARIES=OFF")
+    assert linked_libraries(tmp_path) == {"libsqlite3.so", "libboost_program_options.so"}
