@@ -31,3 +31,10 @@ def test_configured_folder_switches_to_shared_libraries(tmp_path):
 
     configure(tmp_path, "-DARSP_STATIC_LIBRARIES=OFF")
     assert linked_libraries(tmp_path) == {"libsqlite3.so", "libboost_program_options.so"}
+
+
+def test_build_testing_off_leaves_the_tests_out(tmp_path):
+    configure(tmp_path, "-DBUILD_TESTING=OFF")
+
+    assert "store_test" not in output_of("ninja", "-C", tmp_path, "-t", "targets", "all")
+    assert "Total Tests: 0" in output_of("ctest", "--test-dir", tmp_path, "-N")
