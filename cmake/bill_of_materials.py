@@ -20,8 +20,8 @@ from pathlib import Path
 LICENCES = {
     r"boost[\d.]+": "BSL-1.0",
     r"sqlite3": "blessing",
-    r"gcc-\d+": "GPL-3.0-or-later WITH GCC-exception-3.1",
-    r"glibc": "LGPL-2.1-or-later",
+    r"gcc-\d+(-cross)?": "GPL-3.0-or-later WITH GCC-exception-3.1",
+    r"glibc|cross-toolchain-base": "LGPL-2.1-or-later",
 }
 FORMAT = "${Package}\t${Version}\t${Architecture}\t${source:Package}\t${source:Version}\n"
 

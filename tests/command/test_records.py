@@ -16,7 +16,7 @@ import pytest
 from harness import sqlite_shim, tracing
 from harness.mailboxes import error_texts, run_sql
 from harness.private_root import REPOSITORY
-from harness.sandbox import DATABASE, program_under_test
+from harness.sandbox import DATABASE, needs_native_program, program_under_test
 from harness.waiting import until_it_retries
 
 WAYS = ["none", "borrowed", "worker"]
@@ -60,6 +60,7 @@ def command(*words, **options):
 @pytest.fixture(scope="session")
 def installed(sandbox_directory):
     """The prefix below which the build under test was installed."""
+    needs_native_program("a native client cannot link its libraries")
     prefix = sandbox_directory / "installed"
     command("cmake", "--install", program_under_test().parents[1], "--prefix", prefix)
     return prefix

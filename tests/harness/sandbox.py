@@ -11,6 +11,8 @@ import threading
 from dataclasses import dataclass
 from pathlib import Path
 
+import pytest
+
 from . import private_root, tracing
 from .log_records import LogCatcher, Record, parse_record
 from .preload_library import preload_library
@@ -18,6 +20,7 @@ from .private_root import PROGRAM, REPOSITORY
 
 DATABASE = "/var/lib/quarn/mail/autoresponder/responder.db"
 BUILD_DIRECTORY = Path(os.environ.get("ARSP_BUILD_DIR") or REPOSITORY / "build" / "release").resolve()
+EMULATOR = os.environ.get("ARSP_EMULATOR")  # runs the programs of a cross build
 DELETED_CWD = object()  # as `cwd`: a working directory that is deleted
 DEFAULT_ENVIRONMENT = {"PATH": "/usr/sbin:/usr/bin:/sbin:/bin"}
 TRACE, STRACE_LIBRARY = "/.trace", "/.strace.so"
@@ -30,7 +33,7 @@ SANITIZER_MARKS = (b"ERROR: AddressSanitizer", b"ERROR: LeakSanitizer", b"Addres
 
 def program_under_test():
     """The arspctl under test: that of the build directory in ARSP_BUILD_DIR, or of build/release."""
-    program = BUILD_DIRECTORY / "cli" / "arspctl"
+    program = BUILD_DIRECTORY / ("emulated" if EMULATOR else "cli") / "arspctl"
     if not program.exists():
         raise FileNotFoundError(f"{program} does not exist: build it first")
     return program
@@ -39,6 +42,12 @@ def program_under_test():
 def sanitized():
     """Whether the program under test is built with AddressSanitizer."""
     return private_root.is_sanitized(str(program_under_test()))
+
+
+def needs_native_program(reason):
+    """Skips the test if the tool under test runs under an emulator."""
+    if EMULATOR:
+        pytest.skip(f"the tool is emulated: {reason}")
 
 
 @dataclass(frozen=True)
@@ -151,6 +160,8 @@ class Sandbox:
                       umask=0o022, close_fds=(), broken_pipes=(), rlimits=None, ignore=(), cwd=None, traced=False,
                       pass_fds=()):
         """Starts the program `path` inside with the argument vector `words`; the options are those of run()."""
+        if {resource.RLIMIT_AS, resource.RLIMIT_NOFILE} & set(rlimits or {}):
+            needs_native_program("the limit would stop the emulator")
         environment = dict(DEFAULT_ENVIRONMENT if env is None else env)
         if self._sanitized:
             environment.update(self._sanitizer_options(leaks=not traced))
