@@ -1,4 +1,4 @@
-# What scripts/test and scripts/quickstart have in common; read by them, not run. Quiet about what went well.
+# Functions of the other scripts, which read this file. They print nothing on success.
 # shellcheck shell=sh
 
 # Ends the script: fail REASON...
@@ -10,11 +10,11 @@ fail() {
 # Starts the script again as root unless it is root already: need_root "$@"
 need_root() {
   [ "$(id -u)" -ne 0 ] || return 0
-  command -v sudo >/dev/null || fail "needs to run as root, and sudo is not there: it installs packages and makes private roots"
+  command -v sudo >/dev/null || fail "needs root to install packages and to make private roots, and sudo is missing"
   exec sudo -- "$0" "$@"
 }
 
-# Runs a command and shows what it printed only when it failed, and then ends: quietly WHAT COMMAND...
+# Runs a command. If it fails, shows its output and ends the script: quietly WHAT COMMAND...
 quietly() {
   what=$1
   shift
@@ -28,7 +28,7 @@ quietly() {
   fi
 }
 
-# Installs what is missing of the Debian packages that building takes, and of those named: need_packages PACKAGE...
+# Installs the missing ones of the Debian packages for building and of the given ones: need_packages PACKAGE...
 need_packages() {
   missing=
   for package in cmake g++ ninja-build libboost-dev libboost-program-options-dev libgtest-dev libsqlite3-dev python3 "$@"; do
