@@ -2,6 +2,7 @@
 
 #include <cerrno>
 #include <cstdlib>
+#include <ostream>
 #include <string>
 #include <string_view>
 
@@ -47,14 +48,19 @@ protected:
 
 struct Line {
     std::string text;
-    std::string pairs;
+    std::string expected; /* the pairs; or, for a bad line, its end that the warning quotes, and the reason */
 };
+
+std::ostream &operator<<(std::ostream &stream, const Line &line)
+{
+    return stream << testing::PrintToString(line.text);
+}
 
 class ConfLineTest : public ConfParseTest, public testing::WithParamInterface<Line> {};
 
 TEST_P(ConfLineTest, IsParsedWithoutAWarning)
 {
-    EXPECT_EQ(pairs(GetParam().text), GetParam().pairs);
+    EXPECT_EQ(pairs(GetParam().text), GetParam().expected);
     EXPECT_EQ(syslog_capture.records, Records{});
 }
 
@@ -93,32 +99,26 @@ TEST_F(ConfParseTest, LineOfAnyLengthIsReadWhole)
     EXPECT_EQ(pairs(name + " " + value + "\nN x\n"), "N=x;" + name + "=" + value + ";");
 }
 
-struct BadLine {
-    std::string text;
-    std::string rest; /* quoted in the warning */
-};
-
 constexpr char NO_SPACE[] = "\nExpected a space after variable name\n";
 constexpr char NO_VALUE[] = "\nExpected a value";
 
-class ConfBadLineTest : public ConfParseTest, public testing::WithParamInterface<BadLine> {};
+class ConfBadLineTest : public ConfParseTest, public testing::WithParamInterface<Line> {};
 
 TEST_P(ConfBadLineTest, IsSkippedWithAWarning)
 {
     EXPECT_EQ(pairs("A 1\n" + GetParam().text + "\nB 2\n"), "A=1;B=2;");
-    EXPECT_EQ(syslog_capture.records, (Records{{12, "Invalid variable definition " + GetParam().rest}}));
+    EXPECT_EQ(syslog_capture.records, (Records{{12, "Invalid variable definition " + GetParam().expected}}));
 }
 
 INSTANTIATE_TEST_SUITE_P(WithoutASpaceAfterTheName, ConfBadLineTest,
-                         testing::Values(BadLine{"N=/srv", "=/srv\n"s + NO_SPACE},
-                                         BadLine{"  /srv N", "/srv N\n"s + NO_SPACE},
-                                         BadLine{"N# x", "# x\n"s + NO_SPACE},
-                                         BadLine{"N\xc9 x", "\xc9 x\n"s + NO_SPACE},
-                                         BadLine{"%s%n", "%s%n\n"s + NO_SPACE}, BadLine{"N\0 1"s, NO_SPACE}));
+                         testing::Values(Line{"N=/srv", "=/srv\n"s + NO_SPACE},
+                                         Line{"  /srv N", "/srv N\n"s + NO_SPACE}, Line{"N# x", "# x\n"s + NO_SPACE},
+                                         Line{"N\xc9 x", "\xc9 x\n"s + NO_SPACE}, Line{"%s%n", "%s%n\n"s + NO_SPACE},
+                                         Line{"N\0 1"s, NO_SPACE}));
 
 INSTANTIATE_TEST_SUITE_P(WithoutAValue, ConfBadLineTest,
-                         testing::Values(BadLine{"  N", "N\n"s + NO_VALUE}, BadLine{"N  # x", "N  # x\n"s + NO_VALUE},
-                                         BadLine{"N \0 1"s, "N "s + NO_VALUE}));
+                         testing::Values(Line{"  N", "N\n"s + NO_VALUE}, Line{"N  # x", "N  # x\n"s + NO_VALUE},
+                                         Line{"N \0 1"s, "N "s + NO_VALUE}));
 
 TEST_F(ConfParseTest, BadLineMayEndTheFile)
 {
