@@ -13,7 +13,6 @@ import os
 import shutil
 import stat
 import subprocess
-import sys
 from concurrent.futures import ThreadPoolExecutor
 from pathlib import Path
 
@@ -34,7 +33,6 @@ MS_RDONLY, MS_REMOUNT, MS_BIND, MS_MOVE, MS_REC, MS_PRIVATE = 0x1, 0x20, 0x1000,
 MS_KEPT = 0xC0F  # nosuid, nodev, noexec and the access-time bits: a remount has to repeat them
 
 libc = ctypes.CDLL(None, use_errno=True)
-script = sys.modules[__name__]  # a former name of this module, until its last callers are gone
 
 
 class SandboxError(Exception):
