@@ -234,7 +234,7 @@ def test_missing_memory_for_the_path_ends_add_attach_before_the_copy(box):
 def test_missing_memory_for_the_configuration_leaves_the_defaults(box):
     box.conf("QUARN_MAILNAMES_D /srv/mail\n")
 
-    result = box.run(*DEL_RESP, env=preload.environment(box, ALLOCATION_FAILS="=32"))
+    result = box.run(*DEL_RESP, env=preload.environment(box, ALLOCATION_FAILS="calloc"))
 
     # Nothing goes to the console: the log is open already.
     assert set(outcome(result)) == {0, "Not enough memory to allocate Quarn runtime configuration structure"}

@@ -1,6 +1,7 @@
 /* Makes allocations of the tool fail and counts them. The programs that the tool starts are not affected.
  *   ALLOCATION_FAILS   "N": the N-th since the start of the program; "N+": that and all later ones; "=SIZE": those of
- *                      SIZE bytes that the program itself requests; "vasprintf": those of vasprintf()
+ *                      SIZE bytes that the program itself requests; "calloc": those that it requests of calloc();
+ *                      "vasprintf": those of vasprintf()
  *   ALLOCATION_REPORT  the file that receives the number of allocations at the end, or a deadly signal */
 
 #include <cerrno>
@@ -32,6 +33,7 @@ long count = 0;
 long failing = 0; /* 0: none */
 bool all_later = false;
 std::size_t failing_size = 0; /* 0: none */
+bool calloc_fails = false;
 bool vasprintf_fails = false;
 int report = -1;
 
@@ -41,13 +43,13 @@ bool requested_by_program(void *caller)
     return dladdr(caller, &object) != 0 && std::strstr(object.dli_fname, "arspctl") != nullptr;
 }
 
-bool refused(std::size_t size, void *caller)
+bool refused(std::size_t size, void *caller, bool chosen = false)
 {
     if (!counting)
         return false;
     ++count;
     if ((failing == 0 || (all_later ? count < failing : count != failing)) &&
-        (size != failing_size || !requested_by_program(caller)))
+        ((!chosen && (failing_size == 0 || size != failing_size)) || !requested_by_program(caller)))
         return false;
     errno = ENOMEM;
     return true;
@@ -70,6 +72,7 @@ __attribute__((constructor)) void begin()
         unsetenv("LD_PRELOAD");
     if (which != nullptr) {
         char *end = nullptr;
+        calloc_fails = std::strcmp(which, "calloc") == 0;
         vasprintf_fails = std::strcmp(which, "vasprintf") == 0;
         failing = std::strtol(which, &end, 10);
         all_later = *end == '+';
@@ -102,7 +105,7 @@ void *malloc(std::size_t size)
 
 void *calloc(std::size_t number, std::size_t size)
 {
-    return REFUSED(number * size) ? nullptr : __libc_calloc(number, size);
+    return refused(number * size, __builtin_return_address(0), calloc_fails) ? nullptr : __libc_calloc(number, size);
 }
 
 void *realloc(void *block, std::size_t size)
