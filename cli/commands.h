@@ -6,6 +6,6 @@
 /* Runs the first command of the table whose flag is in `vm` and ignores the others. Returns the command's result, 0 for
  * success; or 0 when `vm` holds no command. Throws arsp::MissingOptionException, before the command starts, for the
  * first required option that is missing. */
-int run_command(const boost::program_options::variables_map &vm);
+[[nodiscard]] int run_command(const boost::program_options::variables_map &vm);
 
 #endif

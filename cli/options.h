@@ -4,6 +4,6 @@
 #include <boost/program_options/options_description.hpp>
 
 /* Every command flag and option, in the order of the help page: five groups in one description without a caption. */
-boost::program_options::options_description all_options();
+[[nodiscard]] boost::program_options::options_description all_options();
 
 #endif

@@ -19,14 +19,14 @@ namespace arsp {
  * selectRealOwner and ResponderDb log, "Unable to bind parameter %s: %s", "Unable to get uid:gid for %s: %s", "Unable
  * to move attachment %s to %s: %s" or "...: Child status %d", "Unable to change owner for %s: %s", and "Unable to add
  * autoresponder attachment (%s:%s): %s". A directory that cannot be made ends the process, as in create_dir_tree. */
-int add_attach(const std::string &source, const std::string &filename, const std::string &mailname);
+[[nodiscard]] int add_attach(const std::string &source, const std::string &filename, const std::string &mailname);
 
 /* The command --del-attach: deletes the row of `filename` for `mailname`, then the file of that name, which may hold
  * "/", in the attachment directory of `mailname` itself (not its owner's). A missing row or file is no failure. Returns
  * 0 or -1. Logs at LOG_ERR what selectRealOwner and ResponderDb log, "Unable to bind parameter %s: %s", "Unable to
  * delete autoresponder attachment (%s:%s): %s", and, after the row is deleted, "Unable to delete attachment %s: %s" and
  * "Unable to flush %s: %s". */
-int del_attach(const std::string &mailname, const std::string &filename);
+[[nodiscard]] int del_attach(const std::string &mailname, const std::string &filename);
 
 } // namespace arsp
 
@@ -36,6 +36,6 @@ int del_attach(const std::string &mailname, const std::string &filename);
  * %s", which "Error selecting autoresponder for mailname (%s)" follows unless the row was found, or the message of
  * ResponderStatement::prepare or "Unable to bind parameter mailname: %s". After the latter two `db` is closed, which
  * waits for ever while a statement of the caller's is alive. */
-int selectRealOwner(ResponderDb &db, const std::string &mailname, std::string &real_owner);
+[[nodiscard]] int selectRealOwner(ResponderDb &db, const std::string &mailname, std::string &real_owner);
 
 #endif

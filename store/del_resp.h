@@ -11,7 +11,7 @@ namespace arsp {
  * autoresponder; -1 for other failures. Throws std::bad_alloc. Logs at LOG_ERR "Unable to delete from attachments (%s):
  * %s", "Error removing attachments for mailname (%s)", "Unable to remove autoresponder attachments: %s" (the command
  * still succeeds), "Unable to delete autoresponder (%s): %s", and what ResponderDb and run_statement log. */
-int del_resp(const std::string &mailname);
+[[nodiscard]] int del_resp(const std::string &mailname);
 
 } // namespace arsp
 

@@ -19,20 +19,21 @@
 /* The command --set-extra-headers: reads a JSON document from standard input and empties the table, which is committed
  * at once; then parses the document and stores its members. The table thus stays empty when parsing or storing fails.
  * Returns 0; -1; or SQLite's code when emptying failed. */
-int set_extra_headers_command();
+[[nodiscard]] int set_extra_headers_command();
 
 /* Deletes every row. Returns 0; SQLite's code after logging "Unable to remove autoresponder extra headers: %s"; or -1.
  */
-int delete_extra_headers(ResponderDb *db);
+[[nodiscard]] int delete_extra_headers(ResponderDb *db);
 
 /* Stores a row for each top-level member of the JSON document `text`, in its order. Returns what
  * store_extra_headers returns; or -1, with nothing written, after logging "Unable to parse auto-reply headers json:
  * %s". */
-int import_extra_headers_json(ResponderDb *db, const std::string &text);
+[[nodiscard]] int import_extra_headers_json(ResponderDb *db, const std::string &text);
 
 /* Add `count` rows of NUL-terminated `names` and `values`, in one transaction; a count of 0 touches nothing. A row that
  * fails logs "Unable to add autoresponder extra headers: %s" and is skipped. Return 0 or -1. */
-int store_extra_headers(ResponderDb *db, const char *const *names, const char *const *values, int count);
-int replace_extra_headers(ResponderDb &db, const char *const *names, const char *const *values, int count);
+[[nodiscard]] int store_extra_headers(ResponderDb *db, const char *const *names, const char *const *values, int count);
+[[nodiscard]] int replace_extra_headers(ResponderDb &db, const char *const *names, const char *const *values,
+                                        int count);
 
 #endif

@@ -20,27 +20,27 @@
  *
  * Returns 0; -1 when the directory cannot be made (two or more records at LOG_CRIT); 1 when the schema, the owner, the
  * modes or the flushing failed (records at LOG_ERR; "Unable to flush %s: %s" for the flushing). */
-int init_responder_db();
+[[nodiscard]] int init_responder_db();
 
 /* Makes the missing directories above the file `path`; messages call the database `label`. Returns 0; or -1 with
  * `errno` set, after logging at LOG_CRIT "Memory allocation error", "Unable to get dirname for %s database (%s): %s
  * (%d)" or "Unable to create directories for %s database (%s): %s (%d)". */
-int db_make_parent_dir(const char *path, const char *label);
+[[nodiscard]] int db_make_parent_dir(const char *path, const char *label);
 
 /* Opens `path` and executes the script `sql`, which has its own BEGIN and COMMIT. Waits while another process holds a
  * lock. Returns 0; or -1 after logging at LOG_ERR "Unable to open database %s: %s", "Unable to re-create %s database:
  * %s" or, when SQLite supplies no text, "Unable to re-create %s database"; or -1 in silence after an interrupted pause.
  */
-int db_recreate(const char *path, const char *sql, const char *label);
+[[nodiscard]] int db_recreate(const char *path, const char *sql, const char *label);
 
 /* Gives the directory of `path` to the mail user and root's group with mode 0755, and the file to the mail user and its
  * primary group with mode 0600; a symbolic link at `path` itself is not followed. Tries the file also when the
  * directory fails. Returns 0 or -1; logs at LOG_ERR "Unable to get uid/gid for %s: %s (%d)", "Unable to fix '%s'
  * permissions. Failed to get directory path: %s (%d)", and what set_owner_and_mode logs. */
-int fix_responder_db_permissions(const char *path);
+[[nodiscard]] int fix_responder_db_permissions(const char *path);
 
 /* Sets the owner, then the mode, the mode also when setting the owner fails. Returns 0 or -1; logs at LOG_ERR "Unable
  * to change owner/group of '%s' to %d/%d: %s (%d)" and "Unable to change permissions of '%s' to 0%o: %s (%d)". */
-int set_owner_and_mode(const char *path, uid_t uid, gid_t gid, mode_t mode);
+[[nodiscard]] int set_owner_and_mode(const char *path, uid_t uid, gid_t gid, mode_t mode);
 
 #endif

@@ -44,26 +44,26 @@ struct AutoresponderRecord {
 
 /* Replace the autoresponder's whole row. A step that fails logs "Unable to add/update autoresponder (%s): %s"; the
  * worker then leaves connection and transaction open, and the caller rolls back or closes. */
-int replace_autoresponder_record(ResponderDb &db, const char *local_part, const char *domain,
-                                 const arsp::AutoresponderRecord &record);
-int store_autoresponder_record(ResponderDb *db, const char *local_part, const char *domain,
-                               const arsp::AutoresponderRecord &record);
+[[nodiscard]] int replace_autoresponder_record(ResponderDb &db, const char *local_part, const char *domain,
+                                               const arsp::AutoresponderRecord &record);
+[[nodiscard]] int store_autoresponder_record(ResponderDb *db, const char *local_part, const char *domain,
+                                             const arsp::AutoresponderRecord &record);
 
 /* Add a row for each of `count` file names; a count of 0 touches nothing. A row that fails logs "Unable to add
  * autoresponder attachment (%s): %s" and is skipped; the result is still 0. */
-int replace_attachment_records(ResponderDb &db, const char *local_part, const char *domain,
-                               const char *const *file_names, int count);
-int store_attachment_records(ResponderDb *db, const char *local_part, const char *domain, const char *const *file_names,
-                             int count);
+[[nodiscard]] int replace_attachment_records(ResponderDb &db, const char *local_part, const char *domain,
+                                             const char *const *file_names, int count);
+[[nodiscard]] int store_attachment_records(ResponderDb *db, const char *local_part, const char *domain,
+                                           const char *const *file_names, int count);
 
 /* Delete the autoresponder's row; a missing row is no failure. A step that fails logs "Unable to add autoresponder data
  * (%s): %s" (these words, although it is a deletion: log scanners match them); the result is still 0. */
-int delete_autoresponder_record(ResponderDb &db, const char *local_part, const char *domain);
-int remove_autoresponder_record(ResponderDb *db, const char *local_part, const char *domain);
+[[nodiscard]] int delete_autoresponder_record(ResponderDb &db, const char *local_part, const char *domain);
+[[nodiscard]] int remove_autoresponder_record(ResponderDb *db, const char *local_part, const char *domain);
 
 /* Delete the attachments' rows; missing rows are no failure. A step that fails logs "Unable to add autoresponder
  * attachment (%s): %s" (likewise); the result is still 0. */
-int delete_attachment_records(ResponderDb &db, const char *local_part, const char *domain);
-int remove_attachment_records(ResponderDb *db, const char *local_part, const char *domain);
+[[nodiscard]] int delete_attachment_records(ResponderDb &db, const char *local_part, const char *domain);
+[[nodiscard]] int remove_attachment_records(ResponderDb *db, const char *local_part, const char *domain);
 
 #endif

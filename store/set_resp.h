@@ -8,7 +8,7 @@ namespace arsp {
 /* The command --set-resp: reads the body from standard input, ignores `row.body`, and replaces the row of `row.mn` in a
  * transaction of its own. Returns 0; or -1 after logging at LOG_ERR (in silence after an interrupted pause), with the
  * former row unchanged. Throws std::bad_alloc. */
-int set_resp(AutoresponderRow row);
+[[nodiscard]] int set_resp(AutoresponderRow row);
 
 } // namespace arsp
 

@@ -20,12 +20,12 @@ int create_dir_tree(const char *path, uid_t uid, gid_t gid, mode_t mode);
 /* Makes the directory `path`, unless it exists, and sets its owner and mode in both cases. Succeeds if it vanishes
  * meanwhile. Returns 0; or -1 with errno set after printing "ERROR: Unable to mkdir|chown|chmod ..." through
  * fatal_error. */
-int mkdir_chown_chmod(const char *path, uid_t uid, gid_t gid, mode_t mode);
+[[nodiscard]] int mkdir_chown_chmod(const char *path, uid_t uid, gid_t gid, mode_t mode);
 
 /* Renames a directory. Returns 0, also if `from` does not exist; or -1 after printing "Directory rename error: ..."
  * (`to` exists) or "Remaming ..." (errno is rename's) through fatal_error. errno is not cleared before the first: a
  * line about an earlier error may follow. */
-int rename_dir(const char *from, const char *to);
+[[nodiscard]] int rename_dir(const char *from, const char *to);
 
 /* Looks in directory `dir` for an entry whose name equals `name` regardless of case, and overwrites `name` with the
  * directory's spelling.

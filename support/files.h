@@ -13,25 +13,25 @@
  * calls these functions. */
 
 /* Calls chown, then chmod. Logs "ERROR: unable to chown|chmod ...". */
-int chown_chmod(const char *path, uid_t uid, gid_t gid, mode_t mode);
+[[nodiscard]] int chown_chmod(const char *path, uid_t uid, gid_t gid, mode_t mode);
 
 /* Does nothing and returns 0 if stat fails for `path`; else the same as chown_chmod. */
-int chown_chmod_if_exists(const char *path, uid_t uid, gid_t gid, mode_t mode);
+[[nodiscard]] int chown_chmod_if_exists(const char *path, uid_t uid, gid_t gid, mode_t mode);
 
 /* chown_chmod with the ids of a user. Prints "user ... not found"; errno is not cleared first: a line about an earlier
  * error may follow. */
-int chown_chmod_to_user(const char *path, const char *user, mode_t mode);
+[[nodiscard]] int chown_chmod_to_user(const char *path, const char *user, mode_t mode);
 
 /* Creates `path` with mode 0644 less the umask, or empties it. Logs "Unable to truncate or create file ...". */
-int create_truncate_file(const char *path);
+[[nodiscard]] int create_truncate_file(const char *path);
 
 /* Creates `path` with mode 0644 less the umask, or leaves an existing file as it is. Prints "Unable to create file
  * ...". */
-int create_file(const char *path);
+[[nodiscard]] int create_file(const char *path);
 
 /* Closes a stream, which is invalid afterwards in any case. Returns the result of fclose. Prints
  * "Unable to close the file: ...". */
-int close_file(FILE *stream);
+[[nodiscard]] int close_file(FILE *stream);
 
 /* Stores in `*out` the first path of a null-terminated list for which stat succeeds, and returns 1. If none exists it
  * stores null and returns 0. Sets errno to 0 after each miss. `*out` points into the list. */
