@@ -66,6 +66,13 @@ int flush_regular_file(const TreeEntry &file)
     return flush(fd.get());
 }
 
+/* Logs, with the text of `errno`, that the attachment was not copied. Returns -1. */
+int fail_to_move(const std::string &source, const std::string &path)
+{
+    log_message(LOG_ERR, "Unable to move attachment %s to %s: %s", source.c_str(), path.c_str(), std::strerror(errno));
+    return -1;
+}
+
 /* The steps of one copy around the run of cp. Functions that return an int return 0; or -1 with `errno` set. They log
  * nothing. */
 class Copy {
@@ -77,19 +84,19 @@ public:
 
     /* Fails when cp would write through a link that must not be followed. Succeeds when the kernel refuses the path or
      * a part of it is missing: mkdir or cp reports that. */
-    int rejectUnsafeLinks();
+    [[nodiscard]] int rejectUnsafeLinks();
 
     /* Makes the attachment directory and the missing directories above it. */
     void makeDirectory(const passwd &user);
 
     /* Gives the file or directory at the attachment's path to `user`. */
-    int setOwner(const passwd &user);
+    [[nodiscard]] int setOwner(const passwd &user);
 
     /* Flushes the copy and the directories that got a new entry. To be called after setOwner. */
-    int flushAll();
+    [[nodiscard]] int flushAll();
 
 private:
-    int findEntry(int directory, const std::string &name, TreeEntry &found);
+    [[nodiscard]] int findEntry(int directory, const std::string &name, TreeEntry &found);
 
     const AttachmentDir &dir_;
     const std::string name_;
@@ -182,11 +189,8 @@ int run_cp(const std::string &source, const std::string &path)
 {
     const std::string command = "/bin/cp \"" + source + "\" \"" + path + "\""; /* not escaped: SECURITY.md */
     const int status = std::system(command.c_str());
-    if (status == -1) {
-        log_message(LOG_ERR, "Unable to move attachment %s to %s: %s", source.c_str(), path.c_str(),
-                    std::strerror(errno));
-        return -1;
-    }
+    if (status == -1)
+        return fail_to_move(source, path);
     const int exit_code = (status >> 8) & 0xff;
     if (exit_code != 0) {
         log_message(LOG_ERR, "Unable to move attachment %s to %s: Child status %d", source.c_str(), path.c_str(),
@@ -202,11 +206,7 @@ int copy_attachment(const std::string &source, const std::string &real_owner, co
 {
     const AttachmentDir dir(real_owner);
     const std::string path = dir.pathOf(name);
-    const auto cannot_move = [&] {
-        log_message(LOG_ERR, "Unable to move attachment %s to %s: %s", source.c_str(), path.c_str(),
-                    std::strerror(errno));
-        return -1;
-    };
+    const auto cannot_move = [&] { return fail_to_move(source, path); };
     const passwd *user = getpwnam(MAIL_USER); /* errno is not cleared first: the message may show an older error */
     if (user == nullptr) {
         log_message(LOG_ERR, "Unable to get uid:gid for %s: %s", MAIL_USER, std::strerror(errno));

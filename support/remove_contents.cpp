@@ -42,8 +42,8 @@ public:
 private:
     int removeEntry(const char *name);
     int enterDirectory(const char *name); /* path_ already ends in `name` */
-    int removeAndLeaveDirectory();
-    int fail(const char *what); /* stores the error; returns -1 */
+    int removeAndLeaveDirectory();        /* continues in the directory above */
+    int fail(const char *what);           /* stores the error; returns -1 */
 
     DirPtr directory_;         /* being emptied */
     std::string path_;         /* of directory_, in messages */
@@ -67,11 +67,16 @@ int Remover::removeAll()
 {
     for (;;) {
         const char *name = next_entry(directory_.get());
-        if (name == nullptr && errno != 0)
+        if (name != nullptr) {
+            if (removeEntry(name) != 0)
+                return -1;
+            continue;
+        }
+        if (errno != 0)
             return fail("cannot read directory");
-        if (name == nullptr && above_.empty())
+        if (above_.empty())
             return 0;
-        if ((name == nullptr ? removeAndLeaveDirectory() : removeEntry(name)) != 0)
+        if (removeAndLeaveDirectory() != 0)
             return -1;
     }
 }
@@ -82,7 +87,7 @@ int Remover::removeEntry(const char *name)
         return 0;
     const bool is_directory = errno == EISDIR;
     {
-        const KeepErrno keep;
+        const KeepErrno keep; /* for fail() */
         path_.append("/").append(name);
     }
     return is_directory ? enterDirectory(name) : fail("cannot remove");
