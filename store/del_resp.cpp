@@ -38,7 +38,7 @@ Outcome delete_all(ResponderDb &db, const std::string &mailname)
     if (rows == StepResult::interrupted)
         return GIVEN_UP;
     if (rows == StepResult::failed) {
-        db.close(); /* before the log record */
+        db.close(); /* here, not at the end of the transaction: the record below follows the closing */
         log_attachments_failure(mailname);
         return GIVEN_UP;
     }

@@ -3,6 +3,7 @@
 #include <exception>
 #include <sstream>
 #include <stdexcept>
+#include <string_view>
 #include <vector>
 
 #define BOOST_BIND_GLOBAL_PLACEHOLDERS /* the JSON reader uses them; otherwise each build prints a note */
@@ -21,7 +22,7 @@ namespace {
 
 constexpr int DEEPEST_JSON = 2000; /* levels; the JSON reader uses stack for each */
 
-/* Throws when `text` is nested deeper than that. Brackets inside strings do not count. */
+/* Throws std::runtime_error if `text` is nested deeper than DEEPEST_JSON. Brackets inside strings do not count. */
 void check_json_depth(std::string_view text)
 {
     int depth = 0;
@@ -76,9 +77,8 @@ int set_extra_headers_command()
 int delete_extra_headers(ResponderDb *db)
 {
     return with_connection(db, [](ResponderDb &open_db) {
-        SqliteText message;
+        SqliteText message; /* ignored: the record has the text of the connection */
         const int result = open_db.exec("DELETE FROM extra_headers", message);
-        message.reset(); /* not used: the record has the text of the connection */
         if (result > 0)
             log_message(LOG_ERR, "Unable to remove autoresponder extra headers: %s", open_db.errorText());
         return result;

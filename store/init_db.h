@@ -18,7 +18,7 @@
  * are set through its descriptor. A file that replaces it meanwhile is left alone; both messages of set_owner_and_mode
  * report a link there with the text of ELOOP, any other file with that of ESTALE or EEXIST.
  *
- * Returns 0; -1 when the directory cannot be made (two or more records at LOG_CRIT); 1 when the schema, the owner, the
+ * Returns 0; -1 when the directory cannot be made (two records at LOG_CRIT); 1 when the schema, the owner, the
  * modes or the flushing failed (records at LOG_ERR; "Unable to flush %s: %s" for the flushing). */
 [[nodiscard]] int init_responder_db();
 

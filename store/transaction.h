@@ -12,6 +12,7 @@ enum class Ending {
     leave_open /* neither: the owner of the connection decides */
 };
 
+/* What the work of a transaction returns. */
 struct [[nodiscard]] Outcome {
     Ending ending;
     int result; /* 0 for success */

@@ -28,6 +28,7 @@ struct ConfStore {
  * LOG_USER | LOG_WARNING. */
 [[nodiscard]] int conf_store_set(const char *name, const char *value, ConfStore *store);
 
+/* Sorts the pairs by name. conf_store_find then uses a binary search, until conf_store_set adds a name. */
 void conf_store_sort(ConfStore *store);
 
 /* Returns the value of `name`, which the store owns, or null. */

@@ -121,8 +121,8 @@ int rename_dir(const char *from, const char *to)
         return -1;
     }
     if (rename(from, to) != 0) {
-        fatal_error(0, 1, "Remaming %s to %s failed: %s\n", from, to,
-                    std::strerror(errno)); /* sic: log scanners match on it */
+        /* "Remaming" stays misspelt: log scanners match it. */
+        fatal_error(0, 1, "Remaming %s to %s failed: %s\n", from, to, std::strerror(errno));
         return -1;
     }
     return 0;

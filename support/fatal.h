@@ -22,7 +22,7 @@ void fatal_error(int status, int flag, const char *format, ...) __attribute__((f
 void fatal_verror(int status, int flag, const char *format, va_list args) __attribute__((format(printf, 3, 0)));
 
 /* Prints a formatted message on standard error, then on standard output: the prefix, the message, and a line feed
- * unless the message ends in one. Then calls exit(status), unless status is 0. flag    has no effect. Returns 0; errno
+ * unless the message ends in one. Then calls exit(status), unless status is 0. `flag` has no effect. Returns 0; errno
  * stays as it was. */
 int error_emit(const char *message, int status, int flag);
 

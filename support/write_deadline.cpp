@@ -7,9 +7,12 @@ namespace arsp {
 
 namespace {
 
+constexpr timespec FIRST_WAIT = {1, 0};         /* a second */
+constexpr timespec LATER_WAIT = {0, 1'000'000}; /* a millisecond, after a missed deadline */
+
 bool enabled = false;
-bool missed = false; /* a deadline has passed for good */
-volatile std::sig_atomic_t expired = 0;
+bool missed = false;                    /* an earlier deadline passed */
+volatile std::sig_atomic_t expired = 0; /* the current one passed */
 
 void set_expired(int)
 {
@@ -29,11 +32,12 @@ timer_t make_timer()
     event.sigev_notify = SIGEV_SIGNAL;
     event.sigev_signo = SIGRTMIN;
     timer_t timer = {};
-    timer_create(CLOCK_MONOTONIC, &event, &timer); /* ignored: without a timer there is no deadline */
+    timer_create(CLOCK_MONOTONIC, &event, &timer); /* result ignored: without a timer there is no deadline */
     return timer;
 }
 
-/* Makes the timer expire again and again: syslog tries a second time, and there may be several writes. */
+/* Makes the timer expire after each `interval`, or stops it if that is zero. It repeats because syslog tries a second
+ * time and there may be several writes. */
 void set_timer(timespec interval)
 {
     if (!enabled)
@@ -52,7 +56,7 @@ void enable_write_deadlines()
 
 void WriteDeadline::restart()
 {
-    set_timer(missed ? timespec{0, 1000000} : timespec{1, 0});
+    set_timer(missed ? LATER_WAIT : FIRST_WAIT);
     expired = 0;
 }
 
