@@ -19,7 +19,7 @@ ENVIRONMENT = {"PATH": "/usr/sbin:/usr/bin:/sbin:/bin", "HOME": "/root"}
 
 
 class ArenaError(Exception):
-    """The reason, in words for the user."""
+    """The reason why the measurement ends, for the user."""
 
 
 class Sample:

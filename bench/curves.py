@@ -50,7 +50,7 @@ class Point:
 
 
 MAILBOX = competitors.mailbox(0)
-COMMENT = "# Where the panel keeps its mail, and what else it likes to tell\n"
+COMMENT = "# Where the panel keeps its mail, its web sites and its databases.\n"
 
 
 def _write_conf(lines):

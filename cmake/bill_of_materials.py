@@ -2,7 +2,7 @@
 """Writes the SPDX bill of materials of a program: what the linker put into it and what it loads.
 
 It is made from the link map and the program themselves, so nothing linked can be missing; the system's package database
-tells which package and version each library came from.
+provides the package and version of each library.
 """
 
 import argparse
@@ -15,8 +15,8 @@ import sys
 import uuid
 from pathlib import Path
 
-# Of what may be linked, by the name of the source package. Whatever else is linked stops the build until somebody has
-# looked at its licence.
+# The licences of the packages that may be linked, by source package. Any other package stops the build until its
+# licence has been checked and added here.
 LICENCES = {
     r"boost[\d.]+": "BSL-1.0",
     r"sqlite3": "blessing",
@@ -27,7 +27,7 @@ FORMAT = "${Package}\t${Version}\t${Architecture}\t${source:Package}\t${source:V
 
 
 class BillError(Exception):
-    """Why there is no bill, in words for the user."""
+    """The reason why no bill can be made, for the user."""
 
 
 def output_of(*words):
@@ -42,31 +42,30 @@ class Package:
     source_version, licence."""
 
     def __init__(self, name):
-        answer = output_of("dpkg-query", "-W", "-f", FORMAT, name)
-        self.name, self.version, self.architecture, self.source, self.source_version = answer.rstrip("\n").split("\t")
+        fields = output_of("dpkg-query", "-W", "-f", FORMAT, name).rstrip("\n").split("\t")
+        self.name, self.version, self.architecture, self.source, self.source_version = fields
         for pattern, self.licence in LICENCES.items():
             if re.fullmatch(pattern, self.source):
                 return
-        raise BillError(f"{name} ({self.source}) is linked: its licence has to be looked at and listed in {__file__}")
+        raise BillError(f"{name} ({self.source}) is linked: check its licence and list it in {__file__}")
 
 
 def owners_of(path):
-    """The packages that the file came with, several if their architectures share it: ["libsqlite3-dev:amd64"].
+    """The packages that contain the file, such as ["libsqlite3-dev:amd64"]; several if architectures share it.
 
-    It may have been installed through /lib or through /usr/lib.
+    The package may list it below /lib or below /usr/lib.
     """
     real = os.path.realpath(path)
     for candidate in (real, real.removeprefix("/usr")):
-        result = subprocess.run(["dpkg-query", "-S", candidate], stdin=subprocess.DEVNULL, capture_output=True, text=True,
-                                check=False)
+        words = ["dpkg-query", "-S", candidate]
+        result = subprocess.run(words, stdin=subprocess.DEVNULL, capture_output=True, text=True, check=False)
         if result.returncode == 0:
             return result.stdout.partition(": ")[0].split(", ")
-    raise BillError(f"{path} is linked and came with no package")
+    raise BillError(f"{path} is linked and belongs to no package")
 
 
 def packages_of(paths):
-    """The package of each file, as a dictionary. Of the owners of a shared file, the one counts that is of the
-    architecture of the other files."""
+    """{path: its package}. If several packages own a file, the one with the architecture of the other files counts."""
     owners = {path: owners_of(path) for path in paths}
     architectures = {names[0].partition(":")[2] for names in owners.values() if len(names) == 1}
     return {path: next((name for name in names if name.partition(":")[2] in architectures), names[0])
@@ -100,7 +99,7 @@ def bill(arguments):
     linkage = {"DYNAMIC_LINK": {owners[path] for path in shared}, "STATIC_LINK": {owners[path] for path in linked}}
     missing = needed(arguments.program) - {os.path.basename(path) for path in shared}
     if missing:
-        raise BillError(f"the link map does not tell where these are: {' '.join(sorted(missing))}")
+        raise BillError(f"the link map does not list the paths of {' '.join(sorted(missing))}")
 
     name = os.path.basename(arguments.program)
     packages = [{"SPDXID": f"SPDXRef-{name}", "name": name, "versionInfo": arguments.version,
@@ -122,7 +121,7 @@ def bill(arguments):
                            "relatedSpdxElement": identifier}
                           for relation, linked_owners in linkage.items() if owner in linked_owners]
 
-    # The same build has the same bill, and every other one another name.
+    # Equal builds have equal bills, with the same name; any other build has another name.
     content = json.dumps([packages, relationships])
     epoch = os.environ.get("SOURCE_DATE_EPOCH")
     created = datetime.datetime.fromtimestamp(float(epoch) if epoch else os.stat(arguments.program).st_mtime,
@@ -149,7 +148,7 @@ def parse_arguments():
     parser.add_argument("--program", metavar="FILE")
     parser.add_argument("--version", metavar="VERSION", help="of the program")
     parser.add_argument("--map", metavar="FILE", help="the link map of the program")
-    parser.add_argument("--build", metavar="DIR", help="what lies below it is the program's own")
+    parser.add_argument("--build", metavar="DIR", help="the build directory: files below it belong to the program")
     parser.add_argument("--header", metavar="FILE", action="append", default=[],
                         help="a header of a library that is compiled in without being linked")
     parser.add_argument("--output", metavar="FILE")

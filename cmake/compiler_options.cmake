@@ -1,11 +1,11 @@
-# How every file of the project is compiled and linked. Compilers, linkers and processors differ in the flags that they
-# accept, so a flag is tried before it is used.
+# How every file of the project is compiled and linked. Compilers, linkers and processors accept different flags, so
+# each flag is tried before it is used.
 include(CheckCXXCompilerFlag)
 include(CheckCXXSourceCompiles)
 include(CheckLinkerFlag)
 
-# Stores in `result` those of the flags that the `tool`, COMPILER or LINKER, accepts without a warning. Tries all of them
-# together, which is fast, and one by one only if that fails.
+# Stores in `result` the flags that `tool`, COMPILER or LINKER, accepts without a warning. Tries all of them together,
+# which is fast, and one by one only if that fails.
 function(arsp_accepted_flags result tool)
   set(CMAKE_REQUIRED_QUIET ON)
   string(MAKE_C_IDENTIFIER "ARSP_${tool}_ACCEPTS_${ARGN}" accepts)

@@ -2,8 +2,8 @@
 # and documents.
 #
 # The component "development" is for other programs of the panel: the libraries of support/ and store/ with their
-# interface headers, found by find_package(arsp) or as the pkg-config module "arsp". Everything in it finds its prefix by
-# its own place, so the installed tree may be moved.
+# interface headers, found by find_package(arsp) or as the pkg-config module "arsp". Its files refer to each other by
+# relative paths, so the installed tree may be moved.
 set(CMAKE_INSTALL_DOCDIR "share/doc/arspctl" CACHE PATH "Documents")
 include(GNUInstallDirs)
 include(CMakePackageConfigHelpers)

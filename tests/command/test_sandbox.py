@@ -151,14 +151,14 @@ def test_run_that_does_not_end_is_killed(sandbox):
 
 
 def test_records_are_caught_with_priority_name_and_process(either_sandbox):
-    running = either_sandbox.start("--del-resp", "--mailname", "nobody@example.org", argv0="somebody")
+    running = either_sandbox.start("--del-resp", "--mailname", "nobody@example.org", argv0="other-name")
     result = running.wait()
 
     assert result.status == 1
     (record,) = result.records
     assert record.priority == syslog.LOG_MAIL | syslog.LOG_ERR
     assert (record.facility, record.severity) == (syslog.LOG_MAIL, syslog.LOG_ERR)
-    assert (record.ident, record.pid, record.text) == ("somebody", running.pid, CANNOT_OPEN)
+    assert (record.ident, record.pid, record.text) == ("other-name", running.pid, CANNOT_OPEN)
 
 
 def test_no_record_of_a_flood_is_lost(either_sandbox):

@@ -121,11 +121,11 @@ def test_library_without_a_known_licence_stops_the_build(generate):
     result = generate("/usr/bin/bash")
 
     assert result.returncode == 1
-    assert result.stderr.startswith("bill of materials: bash (bash) is linked: its licence has to be looked at")
+    assert result.stderr.startswith("bill of materials: bash (bash) is linked: check its licence and list it in ")
 
 
 def test_library_without_a_package_stops_the_build(generate):
     result = generate("/opt/lib/other.o")
 
     assert result.returncode == 1
-    assert result.stderr == "bill of materials: /opt/lib/other.o is linked and came with no package\n"
+    assert result.stderr == "bill of materials: /opt/lib/other.o is linked and belongs to no package\n"
