@@ -101,6 +101,15 @@ def test_commands_in_documents_have_known_options(help_page, path):
         assert {word for word in words if word.startswith("--")} <= names, line
 
 
+@pytest.mark.parametrize("name", ["bench", "mutants", "powercut", "sandbox", "torture"])
+def test_script_starts_with_pythons_own_modules_only(name):
+    words = ["/usr/bin/python3", "-I", "-S", REPOSITORY / "scripts" / name, "--help"]
+
+    result = subprocess.run(words, capture_output=True, text=True, check=False)
+
+    assert (result.returncode, result.stderr) == (0, "")
+
+
 def test_changelog_has_an_unreleased_section_and_this_version():
     changelog = (REPOSITORY / "CHANGELOG.md").read_text()
     version = re.search(r"project\(arsp VERSION ([\d.]+)", (REPOSITORY / "CMakeLists.txt").read_text())[1]

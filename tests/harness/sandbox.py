@@ -8,10 +8,9 @@ import sqlite3
 import stat
 import subprocess
 import threading
+import unittest
 from dataclasses import dataclass
 from pathlib import Path
-
-import pytest
 
 from . import private_root, tracing
 from .log_records import LogCatcher, Record, parse_record
@@ -47,7 +46,7 @@ def sanitized():
 def needs_native_program(reason):
     """Skips the test if the tool under test runs under an emulator."""
     if EMULATOR:
-        pytest.skip(f"the tool is emulated: {reason}")
+        raise unittest.SkipTest(f"the tool is emulated: {reason}")  # pytest accepts it; scripts run without pytest
 
 
 @dataclass(frozen=True)
