@@ -60,6 +60,10 @@ if(ARSP_WARNINGS_AS_ERRORS)
   target_compile_options(arsp_build_options INTERFACE -Werror)
 endif()
 
+# With sections of their own the linker drops the functions that a program does not call.
+arsp_accepted_flags(sections COMPILER -ffunction-sections -fdata-sections)
+target_compile_options(arsp_build_options INTERFACE ${sections})
+
 if(ARSP_HARDEN AND NOT ARSP_SANITIZE)
   arsp_accepted_flags(stack COMPILER -fstack-protector-strong -fstack-clash-protection)
   arsp_accepted_flags(jumps_on_x86 COMPILER -fcf-protection)

@@ -39,6 +39,15 @@ def test_no_segment_is_writable_and_executable(program):
     assert [name for name, rights in segments if "W" in rights and "E" in rights] == []
 
 
+def test_functions_that_no_command_calls_are_dropped(program, archives):
+    names = ["first_existing_path", "find_dir_entry", "rename_dir", "chown_chmod_to_user", "read_first_line",
+             "conf_get_by_name", "str_dup_lower", "store_autoresponder_record"]
+    in_libraries, in_program = (output_of("nm", "-C", *files) for files in (archives, [program]))
+
+    assert [name for name in names if f" T {name}(" not in in_libraries] == []
+    assert [name for name in names if f" {name}(" in in_program] == []
+
+
 def test_stack_protector_is_used(archives):
     for archive in archives:
         assert "__stack_chk_fail" in calls(archive)
