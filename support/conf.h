@@ -7,7 +7,7 @@
  * returns; callers neither free nor change it.
  *
  * Not thread-safe. Throws nothing. Names must not be null. No command calls conf_get_by_name; conf_lookup and
- * conf_file_value are called only by conf_get. */
+ * conf_file_value are steps of conf_get. */
 
 namespace arsp {
 constexpr char KEL_CONF_PATH[] = "/etc/kel/kel.conf";
