@@ -176,13 +176,13 @@ class Arena:
         return tables, files
 
     def check(self, case, names):
-        """Raises ArenaError unless all competitors leave the same behind."""
+        """Raises ArenaError unless all competitors leave the same state."""
         first = None
         for name in names:
             self.run_case(case, name)
             left = self.state()
             if left != (first or left):
-                raise ArenaError(f"{case.name}: {name} leaves something else behind than {names[0]}")
+                raise ArenaError(f"{case.name}: {name} leaves another state than {names[0]}")
             first = left
 
 

@@ -1,4 +1,4 @@
-"""How the cost of one command grows with the size of what it finds.
+"""How the cost of one command grows with the size of its data.
 
 What a command does not touch must cost nothing: the exponent is that of the whole time, and near 0. What it touches may
 cost its share: the exponent is that of what is added to the time at the least size.

@@ -1,5 +1,5 @@
 /* Mail addresses and content types: the option values and the functions of the support library against the same rules
- * written in another way. The input is the option's value. */
+ * in a second implementation. The input is the option's value. */
 
 #include <cstddef>
 #include <cstdint>

@@ -120,7 +120,7 @@ int lowest_free_descriptor()
     return fd;
 }
 
-/* A connection of its own that reads what the tool has left. */
+/* A separate connection that reads the rows that the tool has left. */
 class Observer {
 public:
     Observer()

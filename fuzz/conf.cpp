@@ -1,4 +1,4 @@
-/* kel.conf: the values read from a file against the same rules written in another way. The input is the file. */
+/* kel.conf: the values read from a file against a second implementation of the rules. The input is the file. */
 
 #include <cerrno>
 #include <cstddef>

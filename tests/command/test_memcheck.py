@@ -1,4 +1,4 @@
-"""valgrind's memcheck over each command: no error, and nothing is lost."""
+"""valgrind's memcheck over each command: no error and no leak."""
 
 import subprocess
 

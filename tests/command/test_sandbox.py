@@ -1,4 +1,4 @@
-"""The private root itself: what happens inside stays inside, and the fixtures report it truthfully."""
+"""The private root itself: a run inside changes nothing outside, and the fixtures report what it did."""
 
 import os
 import resource

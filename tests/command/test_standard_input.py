@@ -30,7 +30,7 @@ def database(sandbox):
 
 @pytest.fixture
 def descriptors():
-    """A function that returns its descriptors and closes them at the end of the test."""
+    """A function that returns the given descriptors; they are closed at the end of the test."""
     kept = []
 
     def keep(*numbers):

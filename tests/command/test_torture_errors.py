@@ -4,16 +4,16 @@ import pytest
 from harness.mailboxes import error_texts
 from torture import errors
 from torture.points import points_of, start_disturbed
-from torture.scene import COMMANDS, THIN, Scene
+from torture.scene import COMMANDS, Scene, thinning
 
 
 @pytest.mark.parametrize("command", COMMANDS)
-def test_status_after_an_error_is_true(sandbox, needs_tracing, command):
-    report = errors.torture(sandbox, command, bounded=True, thin=THIN)
+def test_status_after_an_error_matches_the_database(sandbox, needs_tracing, command):
+    report = errors.torture(sandbox, command, bounded=True, thin=thinning())
 
     print(report.table())
     assert report.problems == []
-    assert report.total("tried") >= 30 // THIN
+    assert report.total("tried") >= 30 // thinning()
 
 
 @pytest.mark.parametrize("command", [name for name in COMMANDS if name != "init-db, for the first time"])

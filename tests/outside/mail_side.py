@@ -70,8 +70,8 @@ def attachment(real_owner, name):
 
 
 def count_one(db, mailbox, sender):
-    """Counts one reply; returns whether it did. After another writer a transaction that has read cannot go on to
-    write."""
+    """Counts one reply; returns whether it did. A transaction that has read cannot write after another writer's
+    commit."""
     db.execute("BEGIN")
     db.execute("SELECT num FROM resp_freq WHERE mn = ? AND email = ?", (mailbox, sender)).fetchall()
     try:

@@ -1,4 +1,4 @@
-"""A system error at every call, once and for good: the exit status is true for the database."""
+"""A system error at every call, once and at all later calls, too: the exit status must match the database."""
 
 import time
 

@@ -1,4 +1,5 @@
-"""Lets every allocation fail, alone and with all later ones: the exit status is true, and the tool does not crash."""
+"""Lets every allocation fail, alone and with all later ones: the exit status must match the database, and the tool must
+not crash."""
 
 import re
 

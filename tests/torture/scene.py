@@ -12,7 +12,6 @@ from harness.mailboxes import MAIL_TREE, make_directories, put_file
 from harness.sandbox import DATABASE, sanitized
 
 TREES = ("/var/lib/quarn", MAIL_TREE)
-THIN = 4 if sanitized() else 1  # a sanitized program starts slowly
 TABLES = ("attachments", "autoresponder", "extra_headers", "resp_freq")
 
 USER, OTHER, OWNER = "user@example.org", "other@example.org", "owner@example.com"
@@ -36,6 +35,11 @@ BEFORE = {
     "resp_freq": [(OTHER, "a@example.net", 3, 1700000000), (USER, "a@example.net", 1, 1700000000)],
 }
 NO_ROWS = {table: [] for table in TABLES}
+
+
+def thinning():
+    """1, or a larger number n if only every n-th trial fits into a test: a sanitized program starts slowly."""
+    return 4 if sanitized() else 1
 
 
 def but(rows, **changed):
