@@ -14,7 +14,7 @@ CANNOT_MOVE = f"Unable to move attachment /tmp/source to {FILE}: "
 
 @pytest.fixture
 def linked(sandbox):
-    """The attachment's name is a link of root's to /srv/nothing; only root may write /srv and the attachment directory."""
+    """The attachment's name is root's link to /srv/nothing. Only root may write to /srv and the attachments."""
     sandbox.init_db()
     add_autoresponder(sandbox, "user@example.org")
     put_file(sandbox, "/tmp/source", b"the report", owner=ROOT, mode=0o644)

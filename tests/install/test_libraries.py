@@ -8,7 +8,8 @@ from test_protections import output_of
 
 
 def configure(directory, *options):
-    subprocess.run(["cmake", "-S", REPOSITORY, "-B", directory, "-G", "Ninja", *options], capture_output=True, check=True)
+    words = ["cmake", "-S", REPOSITORY, "-B", directory, "-G", "Ninja", *options]
+    subprocess.run(words, capture_output=True, check=True)
 
 
 def linked_libraries(directory):
