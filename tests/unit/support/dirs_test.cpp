@@ -133,8 +133,8 @@ TEST_F(CreateDirTreeTest, DirectoryThatCannotBeMadeEndsTheProcess)
         {"", "Cannot create directory : No such file or directory\nSystem error 2: No such file or directory\n"},
     };
     for (const auto &[path, message] : cases) {
-        const ChildResult child = run_in_child([path = path] {
-            create_dir_tree(path, 1234, 5678, 0700);
+        const ChildResult child = run_in_child([tree = path] {
+            create_dir_tree(tree, 1234, 5678, 0700);
             _exit(7);
         });
         EXPECT_EQ(child.exit_status, 1);
