@@ -5,7 +5,7 @@ import pytest
 from harness import DONE, Result
 from harness.mailboxes import (ADD, DEL, DEL_RESP, DIRECTORY, DOMAIN, FILE, LOOP, MAIL_TREE, MAILBOX, MAILNAME, POPUSER,
                                ROOT, STRANGER, add_attachment_rows, attachment_rows, autoresponder_rows,
-                               make_directories, put_file, put_link)
+                               make_directories, put_chain, put_file, put_link)
 from harness.outcomes import outcome
 
 REFUSALS = {
@@ -327,13 +327,6 @@ def test_text_as_long_as_a_link_can_hold_is_followed(box, args):
     put_link(box, DOMAIN, text, ROOT)
 
     assert_followed(box, args)
-
-
-def put_chain(box, link, count, target):
-    """Makes `link` lead to `target` through `count` links of root's, itself included; the others are in /srv."""
-    links = [link, *(f"/srv/{link.rpartition('/')[2]}{number}" for number in range(1, count))]
-    for path, text in zip(links, [*links[1:], target]):
-        put_link(box, path, text, ROOT)
 
 
 @each_command

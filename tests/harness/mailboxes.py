@@ -104,6 +104,13 @@ def put_link(sandbox, path, target, owner):
     os.chown(sandbox.path(path), *owner, follow_symlinks=False)
 
 
+def put_chain(sandbox, link, count, target):
+    """Makes `link` lead to `target` through `count` links of root's, itself included; the others are in /srv."""
+    links = [link, *(f"/srv/{link.rpartition('/')[2]}{number}" for number in range(1, count))]
+    for path, text in zip(links, [*links[1:], target]):
+        put_link(sandbox, path, text, ROOT)
+
+
 @contextlib.contextmanager
 def copying_from_pipe(sandbox, path, content=b"", **run):
     """A run of --add-attach with the options `run` whose source is a new pipe `path`. The block begins when the copy
