@@ -329,6 +329,19 @@ def test_text_as_long_as_a_link_can_hold_is_followed(box, args):
     assert_followed(box, args)
 
 
+@pytest.mark.parametrize(("inject", "text"), [
+    ("readlinkat:error=EIO", "Input/output error"), ("readlinkat:retval=4096", "File name too long")])
+def test_link_of_roots_whose_text_cannot_be_read_is_not_followed(box, needs_tracing, inject, text):
+    make_target(box, DOMAIN)
+    put_link(box, DOMAIN, "/srv/target", ROOT)
+    before = everything(box)
+
+    result, _ = box.trace(*DEL, inject=[inject], paths=[DOMAIN])
+
+    assert outcome(result) == (1, f"Unable to delete attachment {FILE}: {text}")
+    assert everything(box) == before
+
+
 @each_command
 def test_forty_links_are_followed(box, args):
     make_target(box, DOMAIN)

@@ -9,7 +9,7 @@ import pytest
 from harness import DONE
 from harness.attackers import stopped_after
 from harness.mailboxes import (ADD_NEW, DEL, DEL_RESP, POPUSER, ROOT, SET_EXTRA_HEADERS, SET_RESP, attachment_rows,
-                               autoresponder_rows, make_directories, put_file, put_link)
+                               autoresponder_rows, make_directories, put_chain, put_file, put_link)
 from harness.mailboxes import DIRECTORY as ATTACHMENTS
 from harness.outcomes import outcome, owner_and_mode
 from harness.sandbox import DATABASE
@@ -146,6 +146,21 @@ def test_link_of_roots_is_followed_by_every_command(box):
                                    "responder.db": ("link", 0o777, 0, 0, "../../../../../srv/real.db")}
 
 
+@pytest.mark.parametrize(("count", "ending"), [(40, (0,)), (41, (1, CANNOT_OPEN))])
+def test_forty_links_of_roots_are_followed_and_no_more(box, count, ending):
+    box.path(DATABASE).rename(box.path("/srv/real.db"))
+    put_chain(box, DATABASE, count, "/srv/real.db")
+
+    assert outcome(run(box, SET_RESP)) == ending
+
+
+def test_directory_that_cannot_be_resolved_fails_the_open(box, needs_tracing):
+    result, calls = box.trace(*SET_RESP, inject=["/stat:error=EIO"], paths=["/var/lib/quarn"])
+
+    assert [call.injected for call in calls] == [True]
+    assert outcome(result) == (1, CANNOT_OPEN)
+
+
 def test_journal_is_beside_the_target_of_roots_link(box, needs_tracing):
     move_behind_link_of_roots(box, "/srv/real.db")
 
@@ -215,6 +230,13 @@ def test_entry_put_in_place_before_the_open_or_after_the_commit_is_not_given_awa
     assert outcome(running.wait()) == (1, *texts)
     assert sandbox.tree("/etc") == before
     assert owner_and_mode(sandbox, DATABASE) == planted
+
+
+def test_database_unlinked_after_the_commit_is_not_given_away(sandbox, needs_tracing):
+    with stopped_after(sandbox, "unlink", JOURNAL, "--init-db") as running:
+        sandbox.path(DATABASE).unlink()
+
+    assert outcome(running.wait()) == (1, *not_given_away("No such file or directory (2)"))
 
 
 def test_old_file_that_cannot_be_unlinked_gets_schema_owner_and_mode(sandbox, needs_tracing):

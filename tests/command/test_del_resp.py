@@ -207,7 +207,9 @@ def test_file_in_the_place_of_the_directory_is_logged_and_stays(box):
     ("getdents64:error=EIO", [], "cannot read directory {}: Input/output error", "report.pdf"),
     ("unlinkat:error=EPERM", ["report.pdf"], "cannot remove {}/report.pdf: Operation not permitted", "report.pdf"),
     ("unlinkat:error=EPERM", ["x"], "cannot remove {}/sub/x: Operation not permitted", "sub/x"),
-], ids=["not opened", "not read", "not removed", "not removed below"])
+    ("/fstat:error=EIO:when=2", [DIRECTORY], "cannot open directory {}/sub: Input/output error", "sub/x"),
+    ("openat:error=EACCES", [".."], "cannot leave directory {}/sub: Permission denied", "sub"),
+], ids=["not opened", "not read", "not removed", "not removed below", "not entered", "not left"])
 def test_directory_that_cannot_be_cleared_is_logged_and_the_rows_are_deleted(
         box, needs_tracing, inject, paths, text, kept):
     make_directories(box, DIRECTORY + "/sub")

@@ -1,6 +1,8 @@
 """Status 0 holds after a power cut: which files and directories each command flushes to the disk and when, and what
 remains after a flush that fails."""
 
+import os
+
 import pytest
 from harness import DONE
 from harness.mailboxes import ADD as ADD_AGAIN
@@ -88,12 +90,25 @@ def test_emptied_list_of_headers_is_flushed(box):
     assert (result, steps(calls)) == (DONE, COMMIT_FLUSHED)
 
 
-def test_directory_of_the_file_behind_roots_link_is_flushed(box):
+@pytest.mark.parametrize("directory", ["/srv", "/"])
+def test_directory_of_the_file_behind_roots_link_is_flushed(box, directory):
     make_directories(box, "/srv")
-    box.path(DATABASE).rename(box.path("/srv/real.db"))
-    put_link(box, DATABASE, "/srv/real.db", (0, 0))
+    target = os.path.join(directory, "real.db")
+    box.path(DATABASE).rename(box.path(target))
+    put_link(box, DATABASE, target, (0, 0))
 
-    assert flushed(steps_of(box, SET_RESP))[-1] == "/srv"
+    assert flushed(steps_of(box, SET_RESP))[-1] == directory
+
+
+def test_named_pipe_that_receives_the_copy_is_not_flushed(box):
+    box.path(FILE).unlink()
+    os.mkfifo(box.path(FILE))
+    with open(os.open(box.path(FILE), os.O_RDONLY | os.O_NONBLOCK), "rb") as pipe:
+        result, calls = box.trace(*ADD_AGAIN, calls="openat,fcntl,fsync")
+        assert pipe.read() == b"the report"
+
+    assert result == DONE
+    assert [path for call, path in on_files(calls) if call.name == "fsync"] == [DB_DIRECTORY]
 
 
 @pytest.mark.parametrize(("removed", "parents"), [
@@ -181,6 +196,12 @@ def assert_not_added(box, result):
 @pytest.mark.parametrize(("path", "when"), [(NEW, 1), (DIRECTORY, 2)])
 def test_failed_flush_of_the_copy_or_its_directory_adds_no_row(box, path, when):
     assert_not_added(box, run_failing(box, ADD_NEW, path, when))
+
+
+@pytest.mark.parametrize(("inject", "path"), [
+    ("/fstat:error=EIO:when=3", NEW), ("openat:error=EIO:when=4", "new.pdf"), ("/fstat:error=EIO:when=4", NEW)])
+def test_copy_that_cannot_be_opened_for_its_flush_adds_no_row(box, inject, path):
+    assert_not_added(box, box.trace(*ADD_NEW, inject=[inject], paths=[path])[0])
 
 
 @pytest.mark.parametrize("when", [1, 2, 3, 4, 5])

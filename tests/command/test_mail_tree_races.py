@@ -7,11 +7,11 @@ import select
 import shutil
 
 import pytest
-from harness.attackers import attacked_runs, exchange
+from harness.attackers import attacked_runs, exchange, stopped_after
 from harness.mailboxes import (ADD, DEL, DEL_RESP, DIRECTORY, DOMAIN, FILE, MAIL_TREE, MAILBOX, POPUSER, ROOT, STRANGER,
                                attachment_rows, copying_from_pipe, error_texts, make_directories, put_file, put_link,
                                run_sql)
-from harness.outcomes import outcome
+from harness.outcomes import not_moved, outcome
 from harness.sandbox import PIPE_ROOM
 from harness.waiting import until
 
@@ -203,6 +203,15 @@ def test_name_swapped_while_a_named_pipe_holds_the_copy_gives_nothing_away(repla
         assert len(pipe.readall()) == PIPE_ROOM + 1
 
     assert_not_given_away(replaced, running.wait(), foreign)
+
+
+def test_copy_replaced_after_its_owner_is_set_is_not_taken_for_flushed(mailbox, needs_tracing):
+    with stopped_after(mailbox, "fchownat", FILE, *ADD) as running:
+        mailbox.path(FILE).rename(mailbox.path(FILE + ".old"))
+        put_file(mailbox, FILE, b"other")
+
+    assert outcome(running.wait()) == not_moved("Stale file handle")
+    assert attachment_rows(mailbox) == []
 
 
 # -- a directory that is moved away while its contents are removed

@@ -2,6 +2,7 @@
 
 #include <filesystem>
 #include <string>
+#include <vector>
 
 #include <gtest/gtest.h>
 
@@ -126,6 +127,31 @@ TEST_F(ResponderVfsTest, ConnectionsUnregisterTheirVfs)
         EXPECT_EQ(registered_vfs_count(), before + 1);
     }
     EXPECT_EQ(registered_vfs_count(), before);
+}
+
+TEST_F(ResponderVfsTest, WithoutADefaultVfsOpeningFails)
+{
+    sqlite3_vfs *first = sqlite3_vfs_find(nullptr);
+    std::vector<sqlite3_vfs *> all;
+    for (sqlite3_vfs *vfs = first; vfs != nullptr; vfs = sqlite3_vfs_find(nullptr)) {
+        all.push_back(vfs);
+        sqlite3_vfs_unregister(vfs);
+    }
+    ResponderDb db;
+    EXPECT_EQ(db.open(path_.c_str()), -1);
+    EXPECT_EQ(errors(), Texts{"Unable to open database " + path_ + ": general DB errror"});
+    for (sqlite3_vfs *vfs : all)
+        sqlite3_vfs_register(vfs, vfs == first ? 1 : 0);
+}
+
+TEST_F(ResponderVfsTest, ResolvedPathThatDoesNotFitIsAnError)
+{
+    const ResponderVfs responder_vfs;
+    sqlite3_vfs *vfs = sqlite3_vfs_find(responder_vfs.name());
+    char resolved[] = "0123456";
+    EXPECT_EQ(vfs->xFullPathname(vfs, "/123.db", sizeof resolved, resolved), SQLITE_OK);
+    EXPECT_STREQ(resolved, "/123.db");
+    EXPECT_EQ(vfs->xFullPathname(vfs, "/1234.db", sizeof resolved, resolved), SQLITE_CANTOPEN);
 }
 
 TEST_F(ResponderVfsTest, RelativePathIsOpened)
