@@ -206,7 +206,7 @@ def test_name_swapped_while_a_named_pipe_holds_the_copy_gives_nothing_away(repla
 
 
 def test_copy_replaced_after_its_owner_is_set_is_not_taken_for_flushed(mailbox, needs_tracing):
-    with stopped_after(mailbox, "fchownat", FILE, *ADD) as running:
+    with stopped_after(mailbox, "fchownat", None, *ADD) as running:
         mailbox.path(FILE).rename(mailbox.path(FILE + ".old"))
         put_file(mailbox, FILE, b"other")
 
