@@ -4,9 +4,9 @@
 #include <syslog.h>
 
 #include "cli/run.h"
-#include "cli/startup.h"
 #include "support/conf.h"
 #include "support/log.h"
+#include "support/startup.h"
 #include "support/write_deadline.h"
 
 int main(int argc, char *argv[])

@@ -1,5 +1,5 @@
-#ifndef ARSP_CLI_STARTUP_H
-#define ARSP_CLI_STARTUP_H
+#ifndef ARSP_SUPPORT_STARTUP_H
+#define ARSP_SUPPORT_STARTUP_H
 
 /* Protects the process from closed and broken standard streams. To be called first.
  *

@@ -1,4 +1,4 @@
-#include "cli/startup.h"
+#include "support/startup.h"
 
 #include <cerrno>
 #include <csignal>
