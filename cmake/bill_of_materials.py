@@ -20,6 +20,9 @@ from pathlib import Path
 LICENCES = {
     r"boost[\d.]+": "BSL-1.0",
     r"sqlite3": "blessing",
+    r"cli11": "BSD-3-Clause",
+    r"nlohmann-json3": "MIT",
+    r"util-linux": "LGPL-2.1-or-later",  # of libsmartcols; its programs have other licences
     r"gcc-\d+(-cross)?": "GPL-3.0-or-later WITH GCC-exception-3.1",
     r"glibc|cross-toolchain-base": "LGPL-2.1-or-later",
 }
@@ -85,6 +88,15 @@ def linked_files(link_map, build):
     return found
 
 
+def library_name(path):
+    """The name by which programs load a shared library, or None for another file, such as a linker script."""
+    with open(path, "rb") as file:
+        if file.read(4) != b"\x7fELF":
+            return None
+    found = re.search(r"\(SONAME\)\s+Library soname: \[(.*)\]", output_of("readelf", "-dW", path))
+    return found and found[1]
+
+
 def needed(program):
     """The names of the shared libraries that the program loads."""
     return set(re.findall(r"\(NEEDED\)\s+Shared library: \[(.*)\]", output_of("readelf", "-dW", program)))
@@ -93,11 +105,12 @@ def needed(program):
 def bill(arguments):
     build = os.path.realpath(arguments.build)
     files = linked_files(arguments.map, build)
-    shared = {path for path in files if os.path.basename(path) in needed(arguments.program)}
+    names = {path: library_name(path) for path in files if ".so" in os.path.basename(path)}
+    shared = {path for path, name in names.items() if name in needed(arguments.program)}
     linked = {path for path in files if ".so" not in os.path.basename(path)} | set(arguments.header)
     owners = packages_of(sorted(shared | linked))
     linkage = {"DYNAMIC_LINK": {owners[path] for path in shared}, "STATIC_LINK": {owners[path] for path in linked}}
-    missing = needed(arguments.program) - {os.path.basename(path) for path in shared}
+    missing = needed(arguments.program) - {names[path] for path in shared}
     if missing:
         raise BillError(f"the link map does not list the paths of {' '.join(sorted(missing))}")
 
@@ -134,17 +147,20 @@ def bill(arguments):
             "packages": packages, "relationships": relationships}
 
 
-def built_using(path):
+def built_using(paths):
     """The source packages that are linked in, as the value of Debian's field Static-Built-Using."""
-    document = json.loads(Path(path).read_text(encoding="utf-8"))
-    linked = {relation["relatedSpdxElement"] for relation in document["relationships"]
-              if relation["relationshipType"] == "STATIC_LINK"}
-    return ", ".join(sorted({package["sourceInfo"] for package in document["packages"] if package["SPDXID"] in linked}))
+    sources = set()
+    for path in paths:
+        document = json.loads(Path(path).read_text(encoding="utf-8"))
+        linked = {relation["relatedSpdxElement"] for relation in document["relationships"]
+                  if relation["relationshipType"] == "STATIC_LINK"}
+        sources |= {package["sourceInfo"] for package in document["packages"] if package["SPDXID"] in linked}
+    return ", ".join(sorted(sources))
 
 
 def parse_arguments():
     parser = argparse.ArgumentParser(description=__doc__.splitlines()[0])
-    parser.add_argument("--built-using", metavar="BILL", help="only print the value of Static-Built-Using")
+    parser.add_argument("--built-using", metavar="BILL", nargs="+", help="only print the value of Static-Built-Using")
     parser.add_argument("--program", metavar="FILE")
     parser.add_argument("--version", metavar="VERSION", help="of the program")
     parser.add_argument("--map", metavar="FILE", help="the link map of the program")

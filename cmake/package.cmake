@@ -1,5 +1,5 @@
-# What is installed. The component "runtime" is for who administers the panel: the tool with its manual pages, completions
-# and documents.
+# What is installed. The component "runtime" is for who administers the panel: both programs with their manual pages,
+# completions and documents.
 #
 # The component "development" is for other programs of the panel: the libraries of support/ and store/ with their
 # interface headers, found by find_package(arsp) or as the pkg-config module "arsp". Its files refer to each other by
@@ -8,13 +8,14 @@ set(CMAKE_INSTALL_DOCDIR "share/doc/arspctl" CACHE PATH "Documents")
 include(GNUInstallDirs)
 include(CMakePackageConfigHelpers)
 
-# Makes the program part of the package. What of other packages is linked into it is told by its bill of materials, which
-# a program that leaves this to the loader does not need.
+# Makes the program part of the package. The further arguments are headers of libraries that are compiled into it without
+# being linked. A program with static libraries has a bill of materials, which lists them.
 function(arsp_package_program program)
   install(TARGETS ${program} RUNTIME DESTINATION ${CMAKE_INSTALL_SBINDIR} COMPONENT runtime)
   if(NOT ARSP_STATIC_LIBRARIES)
     return()
   endif()
+  list(TRANSFORM ARGN PREPEND --header=)
   set(map ${CMAKE_CURRENT_BINARY_DIR}/${program}.map)
   set(bill ${CMAKE_CURRENT_BINARY_DIR}/${program}.spdx.json)
   set(script ${PROJECT_SOURCE_DIR}/cmake/bill_of_materials.py)
@@ -22,21 +23,24 @@ function(arsp_package_program program)
   add_custom_command(
     OUTPUT ${bill}
     COMMAND ${script} --program $<TARGET_FILE:${program}> --version ${PROJECT_VERSION} --map ${map} --build
-            ${PROJECT_BINARY_DIR} --header ${Boost_INCLUDE_DIR}/boost/version.hpp --output ${bill}
+            ${PROJECT_BINARY_DIR} ${ARGN} --output ${bill}
     DEPENDS ${program} ${script}
     VERBATIM)
   add_custom_target(${program}_bill_of_materials ALL DEPENDS ${bill})
   install(FILES ${bill} DESTINATION ${CMAKE_INSTALL_DOCDIR} COMPONENT runtime)
 endfunction()
 
-install(FILES doc/arspctl.8 DESTINATION ${CMAKE_INSTALL_MANDIR}/man8 COMPONENT runtime)
+install(FILES doc/arspctl.8 doc/arspinfo.8 DESTINATION ${CMAKE_INSTALL_MANDIR}/man8 COMPONENT runtime)
 install(FILES doc/kel.conf.5 DESTINATION ${CMAKE_INSTALL_MANDIR}/man5 COMPONENT runtime)
-install(
-  FILES completion/arspctl.bash
-  DESTINATION ${CMAKE_INSTALL_DATADIR}/bash-completion/completions
-  RENAME arspctl
-  COMPONENT runtime)
-install(FILES completion/_arspctl DESTINATION ${CMAKE_INSTALL_DATADIR}/zsh/vendor-completions COMPONENT runtime)
+foreach(program IN ITEMS arspctl arspinfo)
+  install(
+    FILES completion/${program}.bash
+    DESTINATION ${CMAKE_INSTALL_DATADIR}/bash-completion/completions
+    RENAME ${program}
+    COMPONENT runtime)
+endforeach()
+install(FILES completion/_arspctl completion/_arspinfo DESTINATION ${CMAKE_INSTALL_DATADIR}/zsh/vendor-completions
+        COMPONENT runtime)
 install(
   FILES CHANGELOG.md LICENSE README.md SECURITY.md docs/database.md docs/failures.md
   DESTINATION ${CMAKE_INSTALL_DOCDIR}

@@ -31,7 +31,8 @@ quietly() {
 # Installs the missing ones of the Debian packages for building and of the given ones: need_packages PACKAGE...
 need_packages() {
   missing=
-  for package in cmake g++ ninja-build libboost-dev libboost-program-options-dev libgtest-dev libsqlite3-dev python3 "$@"; do
+  for package in cmake g++ libboost-dev libboost-program-options-dev libcli11-dev libgtest-dev libsmartcols-dev \
+    libsqlite3-dev ninja-build nlohmann-json3-dev pkgconf python3 "$@"; do
     dpkg-query -W -f '${Status}\n' "$package" 2>/dev/null | grep -q '^install ok installed$' || missing="$missing $package"
   done
   [ -n "$missing" ] || return 0

@@ -176,14 +176,6 @@ int Copy::flushAll()
     return 0;
 }
 
-/* Whether `owner` has a character that the shell interprets between double quotes, or its directory a component "..".
- * --set-resp stores no such address. */
-bool is_harmful(const std::string &owner, const AttachmentDir &dir)
-{
-    return owner.find_first_of("\"$`\\") != std::string::npos ||
-           dir.path().find("/../", dir.rootLength()) != std::string::npos;
-}
-
 /* Runs cp. Only its exit code counts: a shell that a signal ended counts as success. Returns 0; or -1 after logging. */
 int run_cp(const std::string &source, const std::string &path)
 {
@@ -202,6 +194,13 @@ int run_cp(const std::string &source, const std::string &path)
 
 } // namespace
 
+bool is_harmful_owner(const std::string &owner)
+{
+    const AttachmentDir dir(owner);
+    return owner.find_first_of("\"$`\\") != std::string::npos ||
+           dir.path().find("/../", dir.rootLength()) != std::string::npos;
+}
+
 int copy_attachment(const std::string &source, const std::string &real_owner, const std::string &name)
 {
     const AttachmentDir dir(real_owner);
@@ -212,7 +211,7 @@ int copy_attachment(const std::string &source, const std::string &real_owner, co
         log_message(LOG_ERR, "Unable to get uid:gid for %s: %s", MAIL_USER, std::strerror(errno));
         return -1;
     }
-    if (is_harmful(real_owner, dir)) {
+    if (is_harmful_owner(real_owner)) {
         errno = EINVAL;
         return cannot_move();
     }

@@ -5,6 +5,10 @@
 
 namespace arsp {
 
+/* Whether an owner from the database has a character that the shell interprets between double quotes, or its attachment
+ * directory a component "..". --set-resp stores no such address. */
+[[nodiscard]] bool is_harmful_owner(const std::string &owner);
+
 /* Copies the file `source` into the attachment directory of the mailbox `real_owner` under `name`, which holds no "/".
  * Makes the missing directories; these and the copy belong to the mail user. Flushes new directories and the copy. All
  * of it stays after a failure.

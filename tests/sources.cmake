@@ -16,7 +16,7 @@ foreach(folder IN LISTS ARSP_FOLDERS)
   file(CONFIGURE OUTPUT ${all} CONTENT "${text}\"\n" @ONLY)
   add_test(NAME tidy.${folder}
            COMMAND ${ARSP_CLANG_TIDY} --quiet --config-file=${PROJECT_SOURCE_DIR}/.clang-tidy ${all} -- -std=c++20
-                   -D_GNU_SOURCE -D_GLIBCXX_ASSERTIONS -I${PROJECT_SOURCE_DIR})
+                   -D_GNU_SOURCE -D_GLIBCXX_ASSERTIONS -I${PROJECT_SOURCE_DIR} -isystem ${smartcols_INCLUDE_DIRS})
   set_tests_properties(tidy.${folder} PROPERTIES COST 1000000)
 endforeach()
 

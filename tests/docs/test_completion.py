@@ -17,6 +17,7 @@ RESULT = 9  # the descriptor to which a shell writes its line
 BASH = r"""
 PS1='$ '
 source "$COMPLETION/arspctl.bash"
+source "$COMPLETION/arspinfo.bash"
 bind '"\e*": insert-completions'
 send() { printf '%s\0' "$READLINE_LINE" >&9; READLINE_LINE=; READLINE_POINT=0; }
 bind -x '"\C-xt": send'
@@ -84,6 +85,7 @@ def shell(request, tmp_path_factory):
     directory = tmp_path_factory.mktemp(request.param)
     for name in ("map.png", "my prices.pdf"):
         (directory / name).touch()
+    (directory / "spool").mkdir()
     if request.param == "bash":
         (directory / "setup").write_text(BASH)
         shell = Shell(["/bin/bash", "--noprofile", "--rcfile", "setup", "-i"], directory)
@@ -93,6 +95,10 @@ def shell(request, tmp_path_factory):
     shell.name = request.param
     yield shell
     shell.end()
+
+
+COLUMNS = ["MAILNAME", "OWNER", "SUBJECT", "TYPE", "CHARSET", "TRIGGER", "FREQ", "LIMIT", "FORWARD", "REPLYTO", "SIZE",
+           "ATTACHMENTS", "REPLIES"]
 
 
 @pytest.mark.parametrize("line, expected", [
@@ -120,6 +126,35 @@ def test_words_are_completed(shell, line, expected):
     words = shell.complete(f"arspctl {line}")
 
     assert sorted(word.rstrip("=") for word in words) == sorted(expected)  # zsh adds an equals sign to a name
+
+
+@pytest.mark.parametrize("line, expected", [
+    ("", ["check", "export", "list", "show"]),
+    ("ch", ["check"]),
+    ("--", ["--help"]),
+    ("list --", ["--domain", "--help", "--json", "--noheadings", "--output", "--raw"]),
+    ("list --json --no", ["--noheadings"]),
+    ("list --output ", COLUMNS),
+    ("list --output A", ["ATTACHMENTS"]),
+    ("list --domain ", []),
+    ("show --", ["--body", "--help", "--json"]),
+    ("check --", ["--help", "--json"]),
+    ("export --", ["--domain", "--help"]),
+    ("export sp", ["spool"]),
+])
+def test_words_of_arspinfo_are_completed(shell, line, expected):
+    words = shell.complete(f"arspinfo {line}")
+
+    assert sorted(word.rstrip("=/") for word in words) == sorted(expected)
+
+
+def test_scripts_contain_every_option_and_column_of_arspinfo(sandbox):
+    pages = "".join(sandbox.info(command, "--help").stdout.decode() for command in ("list", "show", "check", "export"))
+    words = set(re.findall(r"--[a-z]+", pages)) | set(re.findall(r"^[* ] ([A-Z]+) ", pages, re.MULTILINE))
+
+    assert words >= {"--help", *COLUMNS}
+    for script in ("arspinfo.bash", "_arspinfo"):
+        assert words <= set(re.findall(r"--[a-z]+|\b[A-Z]+\b", (COMPLETION / script).read_text()))
 
 
 def test_scripts_contain_every_option_of_the_help_page(sandbox):

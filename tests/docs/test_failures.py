@@ -7,7 +7,8 @@ from sources import REPOSITORY
 
 CELLS = ["Command", "Failure", "Exit status", "Database", "Files", "Log record", "Test"]
 COMMANDS = ["any", "--init-db", "--set-resp", "--del-resp", "--add-attach", "--del-attach", "--set-extra-headers",
-            "record operation", "library function"]
+            "record operation", "library function", "any of `arspinfo", "arspinfo list", "arspinfo show",
+            "arspinfo export"]
 LINES = re.findall(r"^\| (?!--)(.*) \|$", (REPOSITORY / "docs" / "failures.md").read_text(), re.MULTILINE)
 HEAD, *ROWS = [[cell.strip() for cell in line.split(" | ")] for line in LINES]
 

@@ -10,7 +10,7 @@ from sources import REPOSITORY
 
 README = (REPOSITORY / "README.md").read_text()
 HACKING = (REPOSITORY / "HACKING.md").read_text()
-FOLDERS = "cli|store|support|tests|scripts|docs?|completion|cmake|bench|fuzz|packaging"
+FOLDERS = "cli|info|store|support|tests|scripts|docs?|completion|cmake|bench|fuzz|packaging"
 
 each_document = pytest.mark.parametrize("path", [*REPOSITORY.glob("*.md"), *REPOSITORY.glob("docs/*.md")],
                                         ids=lambda path: path.name)
@@ -28,9 +28,12 @@ def test_example_of_the_readme_works(sandbox):
     sandbox.path("/tmp/reply.html").write_text("<p>I am away.</p>\n")
     example = re.search(r"```sh\n(.*?)```", README, re.DOTALL)[1]
 
+    sandbox.info("--help")  # puts the program into the root
     result = sandbox.execute("/bin/sh", "-euc", example, cwd="/tmp")
 
-    assert (result.status, result.stdout, result.stderr) == (0, b"", b"")
+    assert (result.status, result.stderr) == (0, b"")
+    assert re.search(r"^anna@example\.org Out of office .*^note auto-submitted: .*\n\Z",
+                     re.sub(" +", " ", result.stdout.decode()), re.DOTALL | re.MULTILINE)
     assert sandbox.rows("SELECT mn, subject, content_type, body FROM autoresponder") == [
         ("anna@example.org", "Out of office", "text/html", "<p>I am away.</p>\n")]
 
@@ -41,6 +44,8 @@ def test_first_screen_of_the_readme_has_both_scripts_and_an_example():
     assert "scripts/quickstart" in screen
     assert "scripts/test" in screen
     assert "arspctl --set-resp" in screen
+    assert "arspinfo list" in screen
+    assert "arspinfo check" in screen
 
 
 def test_tables_of_the_readme_have_every_command_and_option(help_page):
@@ -74,10 +79,10 @@ def test_table_of_scripts_is_complete():
 
 
 def test_layout_has_every_source():
-    layout = re.findall(r"`((?:cli|store|support)/[\w.*/-]*)`", HACKING.split("## Layout")[1].split("\n## ")[0])
+    layout = re.findall(r"`((?:cli|info|store|support)/[\w.*/-]*)`", HACKING.split("## Layout")[1].split("\n## ")[0])
     listed = {path for pattern in layout for path in REPOSITORY.glob(pattern + "*" * (pattern == "support/"))}
 
-    assert {path for folder in sources.FOLDERS for path in (REPOSITORY / folder).glob("*.cpp")} <= listed
+    assert {path for folder in (*sources.FOLDERS, "info") for path in (REPOSITORY / folder).glob("*.cpp")} <= listed
 
 
 # -- all documents

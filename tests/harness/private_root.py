@@ -18,11 +18,13 @@ from pathlib import Path
 
 REPOSITORY = Path(__file__).resolve().parents[2]
 PROGRAM = "/usr/sbin/arspctl"
+INFO_PROGRAM = "/usr/sbin/arspinfo"
 POPUSER_UID, POPUSER_GID = 1110, 31
 MARKER = ".private-root"  # an existing directory without it is not a private root and stays untouched
 
-# In a chroot: the tool itself starts sh and cp; tests use the others.
-CHROOT_PROGRAMS = ("/bin/sh", "/bin/cp", "/usr/bin/strace", "/usr/bin/sqlite3")
+# In a chroot: the tool itself starts sh and cp; repairs of arspinfo use setpriv and what follows it, tests the others.
+CHROOT_PROGRAMS = ("/bin/sh", "/bin/cp", "/usr/bin/strace", "/usr/bin/sqlite3", "/usr/bin/setpriv", "/usr/bin/env",
+                   "/usr/bin/xargs", "/bin/chmod", "/bin/chown", "/bin/mkdir", "/bin/mv", "/bin/rm")
 DEVICES = {"null": (1, 3), "zero": (1, 5), "full": (1, 7), "random": (1, 8), "urandom": (1, 9)}
 
 # A build directory whose programs write coverage counts into it; set by scripts/coverage.

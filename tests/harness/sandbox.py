@@ -15,14 +15,16 @@ from pathlib import Path
 from . import private_root, tracing
 from .log_records import LogCatcher, Record, parse_record
 from .preload_library import preload_library
-from .private_root import PROGRAM, REPOSITORY
+from .private_root import INFO_PROGRAM, PROGRAM, REPOSITORY
 
 DATABASE = "/var/lib/quarn/mail/autoresponder/responder.db"
 BUILD_DIRECTORY = Path(os.environ.get("ARSP_BUILD_DIR") or REPOSITORY / "build" / "release").resolve()
 EMULATOR = os.environ.get("ARSP_EMULATOR")  # runs the programs of a cross build
+PROGRAMS_DIRECTORY = BUILD_DIRECTORY / "emulated" if EMULATOR else BUILD_DIRECTORY
 DELETED_CWD = object()  # as `cwd`: a working directory that is deleted
 DEFAULT_ENVIRONMENT = {"PATH": "/usr/sbin:/usr/bin:/sbin:/bin"}
 TRACE, STRACE_LIBRARY = "/.trace", "/.strace.so"
+UTF8_LOCALE = "/usr/lib/locale/C.utf8/LC_CTYPE"
 PIPE_ROOM = 65536  # bytes that a pipe takes without a reader
 SANITIZER_STATUS = 99  # the tool never exits with it
 SANITIZER_REPORTS = "/.sanitizer"
@@ -32,7 +34,7 @@ SANITIZER_MARKS = (b"ERROR: AddressSanitizer", b"ERROR: LeakSanitizer", b"Addres
 
 def program_under_test():
     """The arspctl under test: that of the build directory in ARSP_BUILD_DIR, or of build/release."""
-    program = BUILD_DIRECTORY / ("emulated" if EMULATOR else "cli") / "arspctl"
+    program = PROGRAMS_DIRECTORY / "cli" / "arspctl"
     if not program.exists():
         raise FileNotFoundError(f"{program} does not exist: build it first")
     return program
@@ -105,23 +107,29 @@ class Sandbox:
         ignore        signals that are ignored at the start
         cwd           the working directory inside (default "/"), or DELETED_CWD
         argv0         the tool's own name, instead of its path
+        user          (uid, gid) of the tool, instead of root's
         """
         timeout = options.pop("timeout", 60)
         return self.start(*args, **options).wait(timeout)
 
-    def start(self, *args, **options):
-        """Like run(), but returns a Running at once."""
-        argv0 = options.pop("argv0", PROGRAM)
-        return self.start_command(PROGRAM, [argv0, *args], **options)
+    def start(self, *args, program=PROGRAM, **options):
+        """Like run(), but returns a Running at once; of another program, with `program`."""
+        self._provide(program)
+        argv0 = options.pop("argv0", program)
+        return self.start_command(program, [argv0, *args], **options)
+
+    def info(self, *args, **options):
+        """Like run(), but runs arspinfo."""
+        return self.run(*args, program=INFO_PROGRAM, **options)
 
     def execute(self, *words, **options):
         """Runs another program, by its path, with the options of run()."""
         timeout = options.pop("timeout", 60)
-        self._root.provide(os.fsdecode(words[0]))
+        self._provide(os.fsdecode(words[0]))
         return self.start_command(words[0], words, **options).wait(timeout)
 
-    def trace(self, *args, calls=None, inject=None, paths=(), redirect="", **options):
-        """Like run() under strace; returns (Result, [Call, ...]).
+    def trace(self, *args, calls=None, inject=None, paths=(), redirect="", program=PROGRAM, **options):
+        """Like run() or, with `program`, start() under strace; returns (Result, [Call, ...]).
 
         calls     the system calls to list, as for strace -e trace=; all by default
         inject    strace -e inject= expressions, such as "unlink:error=EACCES:when=1"
@@ -134,9 +142,10 @@ class Sandbox:
             raise RuntimeError("a test that traces asks for the fixture needs_tracing")
         if "argv0" in options or options.get("close_fds") or options.get("stdin", b"") is None:
             raise TypeError("strace passes neither a closed standard descriptor nor another name on to the tool")
+        self._provide(program)
         timeout = options.pop("timeout", 60)
         given = options.pop("env", None)
-        command = ["/bin/sh", "-c", f'exec "$0" "$@" {redirect}', PROGRAM] if redirect else [PROGRAM]
+        command = ["/bin/sh", "-c", f'exec "$0" "$@" {redirect}', program] if redirect else [program]
         settings = [f"{name}={value}" for name, value in (DEFAULT_ENVIRONMENT if given is None else given).items()]
         with contextlib.ExitStack() as ours:
             environment = {}
@@ -157,7 +166,7 @@ class Sandbox:
 
     def start_command(self, path, words, *, stdin=b"", stdout=subprocess.PIPE, stderr=subprocess.PIPE, env=None,
                       umask=0o022, close_fds=(), broken_pipes=(), rlimits=None, ignore=(), cwd=None, traced=False,
-                      pass_fds=()):
+                      pass_fds=(), user=None):
         """Starts the program `path` inside with the argument vector `words`; the options are those of run()."""
         if {resource.RLIMIT_AS, resource.RLIMIT_NOFILE} & set(rlimits or {}):
             needs_native_program("the limit would stop the emulator")
@@ -183,6 +192,10 @@ class Sandbox:
                 resource.setrlimit(number, limit if isinstance(limit, tuple) else (limit, limit))
             for number in close_fds:
                 os.close(number)
+            if user is not None:
+                os.setgroups([])
+                os.setgid(user[1])
+                os.setuid(user[0])
 
         with contextlib.ExitStack() as ours:
             ends = {0: stdin, 1: stdout, 2: stderr}
@@ -202,6 +215,13 @@ class Sandbox:
         running = Running(self, process, first_record, feed, by_pid=not traced and path == PROGRAM)
         self._running.append(running)
         return running
+
+    def _provide(self, program):
+        if program == INFO_PROGRAM:
+            self._root.add_program(str(PROGRAMS_DIRECTORY / "info" / "arspinfo"), INFO_PROGRAM)
+            self._root.provide(UTF8_LOCALE)
+        elif program != PROGRAM:
+            self._root.provide(program)
 
     # -- what is inside
 

@@ -17,6 +17,12 @@ def program():
     return program_under_test()
 
 
+@pytest.fixture(params=["cli/arspctl", "info/arspinfo"])
+def each_program(request):
+    """Returns each program of the build in turn."""
+    return BUILD_DIRECTORY / request.param
+
+
 @pytest.fixture(scope="session")
 def archives():
     """Returns the libraries that other programs link."""

@@ -6,21 +6,26 @@ import subprocess
 from harness.private_root import REPOSITORY
 
 
-def test_the_runtime_is_the_tool_its_pages_completions_and_documents(install):
+def test_runtime_is_both_programs_their_pages_completions_and_documents(install):
     assert install("runtime") == [
         "sbin/arspctl",
+        "sbin/arspinfo",
         "share/bash-completion/completions/arspctl",
+        "share/bash-completion/completions/arspinfo",
         "share/doc/arspctl/CHANGELOG.md",
         "share/doc/arspctl/LICENSE",
         "share/doc/arspctl/README.md",
         "share/doc/arspctl/SECURITY.md",
         "share/doc/arspctl/arspctl.spdx.json",
+        "share/doc/arspctl/arspinfo.spdx.json",
         "share/doc/arspctl/database.md",
         "share/doc/arspctl/examples/responder.py",
         "share/doc/arspctl/failures.md",
         "share/man/man5/kel.conf.5",
         "share/man/man8/arspctl.8",
+        "share/man/man8/arspinfo.8",
         "share/zsh/vendor-completions/_arspctl",
+        "share/zsh/vendor-completions/_arspinfo",
     ]
 
 

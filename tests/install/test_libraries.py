@@ -4,6 +4,7 @@ import re
 import subprocess
 
 from harness.private_root import REPOSITORY
+from harness.sandbox import BUILD_DIRECTORY
 from test_protections import output_of
 
 
@@ -19,11 +20,28 @@ def linked_libraries(directory):
     return set(re.findall(r"/(lib(?:sqlite3|boost_program_options)\.(?:a|so))\b", link))
 
 
+def needed_libraries(program):
+    return re.findall(r"\(NEEDED\)\s+Shared library: \[(.*)\]", output_of("readelf", "-dW", program))
+
+
 def test_only_the_c_library_is_loaded_at_the_start(program):
-    needed = re.findall(r"\(NEEDED\)\s+Shared library: \[(.*)\]", output_of("readelf", "-dW", program))
+    needed = needed_libraries(program)
 
     assert "libc.so.6" in needed
     assert [name for name in needed if not re.fullmatch(r"libc\.so\.6|ld-linux.*", name)] == []
+
+
+def test_arspctl_has_no_library_of_arspinfo(program):
+    text = program.read_bytes()
+
+    assert [name for name in (b"libsmartcols", b"N3CLI", b"nlohmann") if name in text] == []
+
+
+def test_arspinfo_loads_its_table_library_and_those_of_the_c_library_only():
+    needed = needed_libraries(BUILD_DIRECTORY / "info" / "arspinfo")
+
+    assert sorted(name for name in needed if not name.startswith("ld-linux")) == ["libc.so.6", "libm.so.6",
+                                                                                      "libsmartcols.so.1"]
 
 
 def test_configured_folder_switches_to_shared_libraries(tmp_path):

@@ -23,17 +23,18 @@ def calls(archive):
     return set(re.findall(r" U (\S+)", output_of("nm", archive)))
 
 
-def test_program_is_position_independent(program):
-    assert re.search(r"Type:\s+DYN \(Position-Independent Executable file\)", output_of("readelf", "-h", program))
+def test_program_is_position_independent(each_program):
+    assert re.search(r"Type:\s+DYN \(Position-Independent Executable file\)", output_of("readelf", "-h", each_program))
 
 
-def test_relocations_are_resolved_at_start_and_then_read_only(program):
-    assert " GNU_RELRO " in output_of("readelf", "-lW", program)
-    assert re.search(r"\(FLAGS\)\s+BIND_NOW", output_of("readelf", "-dW", program))
+def test_relocations_are_resolved_at_start_and_then_read_only(each_program):
+    assert " GNU_RELRO " in output_of("readelf", "-lW", each_program)
+    assert re.search(r"\(FLAGS\)\s+BIND_NOW", output_of("readelf", "-dW", each_program))
 
 
-def test_no_segment_is_writable_and_executable(program):
-    segments = re.findall(r"^  (\S+) +(?:0x\S+ +){5}([RWE ]{3}) ", output_of("readelf", "-lW", program), re.MULTILINE)
+def test_no_segment_is_writable_and_executable(each_program):
+    headers = output_of("readelf", "-lW", each_program)
+    segments = re.findall(r"^  (\S+) +(?:0x\S+ +){5}([RWE ]{3}) ", headers, re.MULTILINE)
 
     assert ("GNU_STACK", "RW ") in segments
     assert [name for name, rights in segments if "W" in rights and "E" in rights] == []
@@ -78,13 +79,13 @@ def compilations():
     """Returns the compiler command of each product source."""
     commands = json.loads((BUILD_DIRECTORY / "compile_commands.json").read_text())
     return [entry["command"].split() for entry in commands
-            if re.search(r" -o (cli|store|support)/", entry["command"])]
+            if re.search(r" -o (cli|info|store|support)/", entry["command"])]
 
 
 def test_compilations_cover_every_source(compilations):
-    sources = [str(path) for folder in ("cli", "store", "support") for path in (REPOSITORY / folder).glob("*.cpp")]
+    sources = [path for folder in ("cli", "info", "store", "support") for path in (REPOSITORY / folder).glob("*.cpp")]
 
-    assert sorted(Path(words[-1]).name for words in compilations) == sorted(Path(path).name for path in sources)
+    assert sorted(Path(words[-1]).name for words in compilations) == sorted(path.name for path in sources)
 
 
 @pytest.mark.parametrize("protection", PROTECTIONS)

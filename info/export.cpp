@@ -1,0 +1,417 @@
+#include "info/export.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <map>
+#include <set>
+
+#include <fcntl.h>
+#include <sqlite3.h>
+#include <sys/sendfile.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <nlohmann/json.hpp>
+
+#include "info/database.h"
+#include "info/failure.h"
+#include "info/output.h"
+#include "info/printable.h"
+#include "info/records.h"
+#include "info/rights.h"
+#include "store/schema.h"
+#include "support/dir_stream.h"
+
+namespace arsp {
+
+namespace {
+
+constexpr std::size_t ARGUMENT_MAX = 128 * 1024 - 64; /* bytes: the kernel's limit for one argument, less the option */
+constexpr char RESTORE_SCRIPT[] = "restore.sh";
+
+constexpr char SCRIPT_HEAD[] = R"sh(#!/bin/sh
+# Puts autoresponders, attachments and extra headers back with arspctl. Run it as root. It stops at the first failure
+# and may be run again. Autoresponders of the same mail names are replaced. Answer counters are not restored.
+set -eu
+LC_ALL=C
+export LC_ALL
+CDPATH='' cd -P -- "$(dirname -- "$0")"
+say() {
+  printf '%s\n' "$1"
+}
+)sh";
+
+/* The new directory. Only the caller may write it, who is root: what is made in it takes root's rights, and everything
+ * goes through its descriptor. */
+class Target {
+public:
+    explicit Target(const std::string &path);
+
+    void makeDirectory(const char *name);
+
+    /* Makes a file of which the caller is the only owner. */
+    Descriptor create(const std::string &name, mode_t mode = 0600) const;
+
+    void remove(const std::string &name) const;
+    void write(const std::string &name, std::string_view bytes, mode_t mode = 0600) const;
+
+    /* Waits until all files are on the disk, and then writes the last one, which appears complete or not at all. */
+    void complete(const char *name, std::string_view bytes) const;
+
+private:
+    [[noreturn]] void fail(const std::string &name) const;
+    void writeAll(int file, std::string_view bytes, const std::string &name) const;
+
+    std::string path_;
+    Descriptor directory_;
+};
+
+void Target::fail(const std::string &name) const
+{
+    throw Failure("cannot write " + path_ + (name.empty() ? "" : "/" + name) + ": " + std::strerror(errno));
+}
+
+Target::Target(const std::string &path) : path_(path)
+{
+    const RootRights root;
+    const bool made = mkdir(path.c_str(), 0700) == 0;
+    if (!made && errno != EEXIST)
+        fail("");
+    directory_.reset(::open(path.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+    struct stat status = {};
+    if (!directory_ || fstat(directory_.get(), &status) != 0)
+        fail("");
+    if (status.st_uid != geteuid() || (!made && (status.st_mode & (S_IWGRP | S_IWOTH)) != 0))
+        throw Failure(path + " can be written by another user");
+    const DirPtr entries = open_dir_stream(Descriptor(fcntl(directory_.get(), F_DUPFD_CLOEXEC, 0)));
+    if (!entries)
+        fail("");
+    if (next_entry(entries.get()) != nullptr)
+        throw Failure(path + " exists and is not empty");
+    if (fchmod(directory_.get(), 0700) != 0)
+        fail("");
+}
+
+void Target::makeDirectory(const char *name)
+{
+    const RootRights root;
+    if (mkdirat(directory_.get(), name, 0700) != 0)
+        fail(name);
+}
+
+Descriptor Target::create(const std::string &name, mode_t mode) const
+{
+    const RootRights root;
+    Descriptor file(openat(directory_.get(), name.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, mode));
+    if (!file)
+        fail(name);
+    return file;
+}
+
+void Target::remove(const std::string &name) const
+{
+    const RootRights root;
+    if (unlinkat(directory_.get(), name.c_str(), 0) != 0)
+        fail(name);
+}
+
+void Target::writeAll(int file, std::string_view bytes, const std::string &name) const
+{
+    while (!bytes.empty()) {
+        const ssize_t written = ::write(file, bytes.data(), bytes.size());
+        if (written < 0 && errno != EINTR)
+            fail(name);
+        bytes.remove_prefix(static_cast<std::size_t>(std::max<ssize_t>(written, 0)));
+    }
+}
+
+void Target::write(const std::string &name, std::string_view bytes, mode_t mode) const
+{
+    writeAll(create(name, mode).get(), bytes, name);
+}
+
+void Target::complete(const char *name, std::string_view bytes) const
+{
+    const std::string part = std::string(name) + ".part";
+    write(part, bytes, 0700);
+    if (syncfs(directory_.get()) != 0)
+        fail(part);
+    const RootRights root;
+    if (renameat(directory_.get(), part.c_str(), directory_.get(), name) != 0 || fsync(directory_.get()) != 0)
+        fail(name);
+}
+
+std::set<std::string> find_addresses(const ExportOptions &options, Database &db)
+{
+    std::set<std::string> found;
+    for (const std::string &address : options.addresses)
+        found.insert(find_mail_name(db, address));
+    return found;
+}
+
+/* One export: what is written, what the script does, and what it cannot do. */
+class Export {
+public:
+    Export(const ExportOptions &options, Database &db)
+        : options_(options), db_(db), domain_(lower_case(options.domain)), addresses_(find_addresses(options, db)),
+          target_(options.directory)
+    {
+    }
+
+    void run();
+    bool isComplete() const { return not_restored_.empty(); }
+
+private:
+    using Names = std::vector<std::string>;
+
+    bool isWhole() const { return options_.addresses.empty() && options_.domain.empty(); }
+    bool isChosen(const std::string &mn) const;
+    std::map<std::string, Names> readAttachments();
+    void skip(const std::string &text);
+    void skipAttachment(const std::string &mn, const std::string &name, const std::string &reason);
+    void exportAutoresponder(const Autoresponder &row, const Names &attachments);
+    void exportAttachment(const Autoresponder &row, const AttachmentFolder &folder, const std::string &name);
+    void exportHeaders();
+    void showProgress(bool last) const;
+    void step(const std::string &text, const std::string &command);
+
+    const ExportOptions &options_;
+    Database &db_;
+    const std::string domain_;
+    const std::set<std::string> addresses_;
+    Target target_; /* made when all addresses have been found */
+    std::string script_ = SCRIPT_HEAD;
+    std::string not_restored_;
+    std::int64_t autoresponders_ = 0; /* exported */
+    std::int64_t attachments_ = 0;    /* exported */
+    std::int64_t seen_ = 0;           /* autoresponders, exported or not */
+    std::int64_t total_ = 0;
+    const bool terminal_ = isatty(STDERR_FILENO) != 0;
+};
+
+/* A line of progress, which the next line that is written covers. */
+void Export::showProgress(bool last) const
+{
+    constexpr std::int64_t MAILBOXES_BETWEEN = 100;
+    if (terminal_ && (last || seen_ % MAILBOXES_BETWEEN == 0))
+        std::fprintf(stderr, "%lld of %lld mailboxes%s", static_cast<long long>(seen_), static_cast<long long>(total_),
+                     last ? "\n" : "\r");
+}
+
+void Export::skip(const std::string &text)
+{
+    complain("not restored: " + text);
+    not_restored_ += printable(text) + "\n";
+}
+
+void Export::skipAttachment(const std::string &mn, const std::string &name, const std::string &reason)
+{
+    skip(mn + ": attachment " + name + ": " + reason);
+}
+
+void Export::step(const std::string &text, const std::string &command)
+{
+    script_ += "say " + shell_quoted(printable(text)) + "\n" + command + "\n";
+}
+
+bool Export::isChosen(const std::string &mn) const
+{
+    return isWhole() || addresses_.count(mn) != 0 || (!domain_.empty() && mn.substr(mn.find('@') + 1) == domain_);
+}
+
+/* The names of the files that can be exported, by mail name. */
+std::map<std::string, Export::Names> Export::readAttachments()
+{
+    std::map<std::string, Names> attachments;
+    Query rows(db_, "SELECT t.mn,t.filename,a.mn IS NULL FROM attachments t LEFT JOIN autoresponder a ON a.mn=t.mn");
+    while (rows.next()) {
+        const bool text = rows.type(1) == SQLITE_TEXT; /* before text(), which may convert the value */
+        const std::string mn(rows.text(0));
+        const std::string name(rows.text(1));
+        if (!isChosen(mn))
+            continue;
+        if (rows.number(2) != 0)
+            skipAttachment(mn, name, "no autoresponder");
+        else if (!text)
+            skipAttachment(mn, name, "its name is no text");
+        else
+            attachments[mn].push_back(name);
+    }
+    return attachments;
+}
+
+std::string numbered(const char *directory, std::int64_t number)
+{
+    const std::string digits = std::to_string(number);
+    return directory + std::string(digits.size() < 8 ? 8 - digits.size() : 0, '0') + digits;
+}
+
+/* The reason why --set-resp cannot store the row as it is; empty if it can. */
+std::string refusal(const Autoresponder &row)
+{
+    if (!is_stored_address(row.mn))
+        return "its mail name is refused";
+    if (!is_stored_address(row.real_owner))
+        return "its owner " + row.real_owner + " is refused";
+    if (!row.all_text)
+        return "a text is NULL or of another type";
+    if (row.content_type != "text/plain" && row.content_type != "text/html")
+        return "its content type " + row.content_type + " is refused";
+    if (!row.ans_freq.valid || !row.ans_limit.valid)
+        return "a number is not one of 32 bits";
+    for (const std::string *text :
+         {&row.subject, &row.charset, &row.key_where, &row.keystr, &row.forward_to, &row.reply_to}) {
+        if (text->find('\0') != std::string::npos)
+            return "a text holds a NUL byte";
+        if (text->size() > ARGUMENT_MAX)
+            return "a text is too long for an argument";
+    }
+    return "";
+}
+
+/* An option with a value that may be empty or begin with a hyphen. */
+std::string option(const std::string &name, const std::string &value)
+{
+    return value.empty() ? " --" + name + " ''" : " --" + name + "=" + shell_quoted(value);
+}
+
+void Export::exportAutoresponder(const Autoresponder &row, const Names &attachments)
+{
+    const std::string reason = refusal(row);
+    if (!reason.empty()) {
+        skip(row.mn + ": " + reason);
+        for (const std::string &name : attachments)
+            skipAttachment(row.mn, name, "its mailbox is not restored");
+        return;
+    }
+    const std::string file = numbered("bodies/", ++autoresponders_);
+    target_.write(file, row.body);
+    step(row.mn, "arspctl --set-resp" + option("mailname", row.mn) + option("real-owner", row.real_owner) +
+                     option("subj", row.subject) + option("content-type", row.content_type) +
+                     option("charset", row.charset) + option("key-where", row.key_where) +
+                     option("key-str", row.keystr) + option("ans-freq", row.ans_freq.text) +
+                     option("ans-limit", row.ans_limit.text) + option("forward-to", row.forward_to) +
+                     option("reply-to", row.reply_to) + " <" + file);
+    if (!attachments.empty()) {
+        const AttachmentFolder folder(row.real_owner);
+        for (const std::string &name : attachments)
+            exportAttachment(row, folder, name);
+    }
+}
+
+/* Copies bytes from `position` to `end`, or to the end of a file that has become shorter. Returns false with `errno`
+ * set. */
+bool copy_range(int source, int target, off_t position, off_t end)
+{
+    constexpr off_t AT_ONCE = 1 << 30; /* bytes */
+    ssize_t sent = 1;
+    while (position < end && sent != 0) {
+        sent = sendfile(target, source, &position, static_cast<std::size_t>(std::min(end - position, AT_ONCE)));
+        if (sent < 0 && errno != EINTR)
+            return false;
+    }
+    return true;
+}
+
+/* Copies a file and leaves its holes out: a file that claims to be huge takes no more room than the original. Returns
+ * false with `errno` set. */
+bool copy_data(int source, int target, const struct stat &status)
+{
+    constexpr off_t BLOCK = 512; /* bytes, the unit of st_blocks */
+    if (status.st_blocks * BLOCK >= status.st_size)
+        return copy_range(source, target, 0, status.st_size);
+    off_t begin = 0;
+    off_t end = 0;
+    while (end < status.st_size && (begin = lseek(source, end, SEEK_DATA)) >= 0) {
+        end = std::min(lseek(source, begin, SEEK_HOLE), status.st_size);
+        if (end < 0 || lseek(target, begin, SEEK_SET) < 0 || !copy_range(source, target, begin, end))
+            return false;
+    }
+    return (begin >= 0 || errno == ENXIO) && ftruncate(target, status.st_size) == 0;
+}
+
+void Export::exportAttachment(const Autoresponder &row, const AttachmentFolder &folder, const std::string &name)
+{
+    if (!is_file_name(name) || name.find_first_of("\"$`\\") != std::string::npos)
+        return skipAttachment(row.mn, name, "--add-attach cannot take its name");
+    const Descriptor source = folder.open(name);
+    struct stat status = {};
+    if (!source || fstat(source.get(), &status) != 0)
+        return skipAttachment(row.mn, name, errno == EINVAL ? "it is not a regular file" : std::strerror(errno));
+    const std::string file = numbered("attachments/", attachments_ + 1);
+    const Descriptor copy = target_.create(file, (status.st_mode & 0666) | 0600); /* cp takes the mode over */
+    if (!copy_data(source.get(), copy.get(), status)) {
+        const std::string problem = std::string("cannot copy it: ") + std::strerror(errno);
+        if (errno == ENOSPC || errno == EDQUOT)
+            throw Failure(row.mn + ": attachment " + name + ": " + problem);
+        target_.remove(file);
+        return skipAttachment(row.mn, name, problem);
+    }
+    ++attachments_;
+    step(row.mn + ": " + name,
+         "arspctl --add-attach" + option("mailname", row.mn) + option("filename", name) + option("source", file));
+}
+
+void Export::exportHeaders()
+{
+    std::string members;
+    Query rows(db_, "SELECT name,value FROM extra_headers ORDER BY rowid");
+    while (rows.next()) {
+        const bool text = rows.type(0) == SQLITE_TEXT && rows.type(1) == SQLITE_TEXT; /* before text() */
+        const std::string name(rows.text(0));
+        const std::string value(rows.text(1));
+        if (!text || (name + value).find('\0') != std::string::npos || !is_utf8(name) || !is_utf8(value)) {
+            skip("extra header " + name + ": its name or value is no UTF-8 text");
+            continue;
+        }
+        members +=
+            (members.empty() ? "  " : ",\n  ") + nlohmann::json(name).dump() + ": " + nlohmann::json(value).dump();
+    }
+    target_.write("headers.json", members.empty() ? "{}\n" : "{\n" + members + "\n}\n");
+    step("extra headers", "arspctl --set-extra-headers <headers.json");
+}
+
+void Export::run()
+{
+    target_.makeDirectory("bodies");
+    target_.makeDirectory("attachments");
+    const std::string database = RESPONDER_DB_PATH;
+    script_ += "if [ ! -e " + database + " ]; then\n  say 'a new database'\n  arspctl --init-db\nfi\n";
+    std::map<std::string, Names> attachments = readAttachments();
+    for (Query all(db_, "SELECT 1 FROM autoresponder"); all.next();)
+        ++total_; /* SQLite's count(*) cannot be stopped in a tree whose pages lie below themselves */
+    Query rows(db_, std::string(SELECT_AUTORESPONDERS) + "ORDER BY mn");
+    for (; rows.next(); ++seen_) {
+        const Autoresponder row = read_autoresponder(rows);
+        showProgress(false);
+        if (isChosen(row.mn))
+            exportAutoresponder(row, attachments[row.mn]);
+    }
+    if (isWhole())
+        exportHeaders();
+    showProgress(true);
+    script_ += "say " +
+               shell_quoted("restored: " + std::to_string(autoresponders_) + " autoresponders, " +
+                            std::to_string(attachments_) + " attachments") +
+               "\n";
+    if (!not_restored_.empty())
+        target_.write("NOT-RESTORED", not_restored_);
+    target_.complete(RESTORE_SCRIPT, script_);
+    print(std::to_string(autoresponders_) + " autoresponders and " + std::to_string(attachments_) +
+          " attachments exported; answer counters are not" + (isWhole() ? "" : ", nor are the extra headers") + "\n");
+}
+
+} // namespace
+
+int export_everything(const ExportOptions &options)
+{
+    Database db = Database::copyToMemory();
+    Export job(options, db);
+    job.run();
+    finish_output();
+    return job.isComplete() ? 0 : 1;
+}
+
+} // namespace arsp
