@@ -19,6 +19,7 @@ SKIPPED = 77  # ctest shows such a test as skipped
 
 def pytest_addoption(parser):
     parser.addoption("--sandbox-mode", choices=("namespace", "chroot"), help="the mode of the private roots")
+    parser.addoption("--databases", type=int, default=20, help="random databases that are exported and restored")
 
 
 def pytest_configure(config):
@@ -76,15 +77,16 @@ def sandbox_directory():
 
 @pytest.fixture
 def make_sandbox(request, sandbox_mode, sandbox_directory):
-    """Makes further private roots: make_sandbox(mode=..., program=...)."""
+    """Makes further private roots: make_sandbox(mode=..., program=..., parent=...), the last one a directory."""
     made = []
 
-    def make(mode=sandbox_mode, program=None):
+    def make(mode=sandbox_mode, program=None, parent=None):
         program = program or program_under_test()
         if mode == "chroot" and is_sanitized(str(program)):
             pytest.skip("AddressSanitizer needs /proc, which a chroot does not have")
-        sandbox = Sandbox(tempfile.mkdtemp(dir=sandbox_directory), program, mode,
-                          pool=sandbox_directory / "pool", tracing_declared="needs_tracing" in request.fixturenames)
+        sandbox = Sandbox(tempfile.mkdtemp(prefix="arsp", dir=parent or sandbox_directory), program, mode,
+                          pool=None if parent else sandbox_directory / "pool",  # hard links need one file system
+                          tracing_declared="needs_tracing" in request.fixturenames)
         made.append(sandbox)
         return sandbox
 

@@ -1,0 +1,172 @@
+"""What all subcommands of arspinfo have in common: their rights, their outputs, and that they change nothing."""
+
+import os
+import re
+import shutil
+
+import pytest
+
+from harness import INFO_PROGRAM
+from harness.info import put_row
+from harness.mailboxes import MAIL_TREE
+from harness.sandbox import DATABASE
+
+COMMANDS = {"list": ("list",), "show": ("show", "user@example.org"), "check": ("check",), "export": ("export", "/out")}
+FAILED = {name: 2 if name == "check" else 1 for name in COMMANDS}
+
+
+@pytest.fixture(params=[*COMMANDS])
+def command(request):
+    """The name of each subcommand in turn."""
+    return request.param
+
+
+@pytest.fixture
+def box(mailbox_with_attachment):
+    """A root in which every subcommand has something to read: attachments, a counter and an extra header."""
+    put_row(mailbox_with_attachment, "other@example.org")
+    return mailbox_with_attachment
+
+
+class Rights:
+    """The ids of a traced run and the locks that it holds, followed from call to call."""
+
+    def __init__(self):
+        self.user, self.group = 0, 0
+        self.groups_dropped = False
+        self.locked = False
+        self._names = {}
+        self.opened = []  # (path, effective user, effective group, whether something was locked)
+        self.written = []  # whether something was locked
+
+    def follow(self, call):
+        words = call.args_text.split(", ")
+        if call.name in ("setresuid", "setresgid") and words[1] != "-1":
+            setattr(self, "user" if call.name == "setresuid" else "group", int(words[1]))
+        elif call.name == "setgroups":
+            self.groups_dropped = words[0] == "0"
+        elif call.name == "fcntl" and "F_SETLK" in call.args_text:
+            self.locked = "F_UNLCK" not in call.args_text or "l_len=0" not in call.args_text and self.locked
+        elif call.name in ("openat", "open", "mkdir", "mkdirat") and call.strings:
+            base = self._names.get(words[0], "")
+            path = os.path.normpath(os.path.join(base, call.strings[0]))
+            self.opened.append((path, self.user, self.group, self.locked))
+            if call.name == "openat" and call.error is None:
+                self._names[str(call.value)] = path
+        elif call.name == "fcntl" and "F_DUPFD" in call.args_text:
+            self._names[str(call.value)] = self._names.get(words[0], "")
+        elif call.name == "write" and words[0] in ("1", "2"):
+            self.written.append(self.locked)
+
+
+def followed(box, command):
+    result, calls = box.trace(*COMMANDS[command], program=INFO_PROGRAM)
+    assert result.status in (0, 1), result
+    rights = Rights()
+    for call in calls:
+        rights.follow(call)
+    return rights
+
+
+def test_database_and_mail_tree_are_read_with_the_mail_users_rights(box, command, needs_tracing):
+    rights = followed(box, command)
+    customers = [(path, user, group) for path, user, group, _ in rights.opened
+                 if path.startswith((MAIL_TREE, os.path.dirname(DATABASE)))]
+    assert {(user, group) for _, user, group in customers} == {box.popuser}
+    assert DATABASE in [path for path, *_ in customers]
+    assert rights.groups_dropped
+    assert (rights.user, rights.group) == box.popuser
+
+
+def test_export_is_written_with_roots_rights(box, needs_tracing):
+    written = [entry for entry in followed(box, "export").opened if entry[0].startswith("/out")]
+    assert {(user, group) for _, user, group, _ in written} == {(0, 0)}
+    assert [re.sub(r".*/", "", path) for path, *_ in written] == [
+        "out", "out", "bodies", "attachments", "00000001", "headers.json", "NOT-RESTORED", "restore.sh.part"]
+
+
+def test_no_lock_is_held_while_files_are_looked_at_or_anything_is_printed(box, command, needs_tracing):
+    rights = followed(box, command)
+    assert not any(locked for path, _, _, locked in rights.opened if path.startswith((MAIL_TREE, "/out")))
+    assert rights.written and not any(rights.written)
+
+
+def test_mail_user_gets_the_same_output_as_root(box, command):
+    as_root = box.info(*COMMANDS[command])
+    shutil.rmtree(box.path("/out"), ignore_errors=True)
+    box.path("/out").mkdir()
+    os.chown(box.path("/out"), *box.popuser)
+    assert box.info(*COMMANDS[command], user=box.popuser) == as_root
+
+
+def test_other_users_are_refused(box, command):
+    result = box.info(*COMMANDS[command], user=(4321, 4321))
+    assert (result.status, result.stdout, result.stderr) == (
+        FAILED[command], b"", b"arspinfo: must be run as root or as popuser\n")
+
+
+def test_missing_mail_user_is_an_error(box, command):
+    box.popuser_exists(False)
+    result = box.info(*COMMANDS[command])
+    assert (result.status, result.stdout, result.stderr) == (FAILED[command], b"", b"arspinfo: no user popuser\n")
+
+
+def test_nothing_is_changed(box, command):
+    before = {top: box.tree(top) for top in ("/var", "/etc", "/tmp")}
+    times = box.path(DATABASE).stat().st_mtime_ns, box.path(DATABASE).parent.stat().st_mtime_ns
+    assert box.info(*COMMANDS[command]).records == []
+    assert {top: box.tree(top) for top in before} == before
+    assert (box.path(DATABASE).stat().st_mtime_ns, box.path(DATABASE).parent.stat().st_mtime_ns) == times
+
+
+# -- standard streams
+
+
+def test_lost_output_is_an_error(box, command):
+    with open(box.path("/dev/full"), "wb") as full:
+        result = box.info(*COMMANDS[command], stdout=full)
+    lines = result.stderr.decode().splitlines()
+    assert (result.status, lines[-1]) == (FAILED[command], "arspinfo: cannot write the output: No space left on device")
+
+
+def test_closed_output_is_an_error(box, command):
+    result = box.info(*COMMANDS[command], close_fds=(1,))
+    lines = result.stderr.decode().splitlines()
+    assert (result.status, lines[-1]) == (FAILED[command], "arspinfo: cannot write the output: Bad file descriptor")
+
+
+def test_reader_that_went_away_ends_the_run_without_a_message(box, command):
+    result = box.info(*COMMANDS[command], broken_pipes=(1,))
+    assert result.status == -13
+    assert b"cannot write" not in result.stderr
+
+
+@pytest.mark.parametrize("closed", [(0,), (2,), (0, 1, 2)])
+def test_closed_streams_get_none_of_the_files(box, command, closed):
+    database = box.path(DATABASE).read_bytes()
+    expected = box.info(*COMMANDS[command])
+    shutil.rmtree(box.path("/out"), ignore_errors=True)
+    result = box.info(*COMMANDS[command], close_fds=closed)
+    assert result.status == (FAILED[command] if 1 in closed else expected.status)
+    assert box.path(DATABASE).read_bytes() == database
+    if command == "export":
+        assert box.path("/out/restore.sh").read_bytes().startswith(b"#!/bin/sh\n")
+
+
+# -- the command line
+
+
+@pytest.mark.parametrize(("args", "status", "message"), [
+    ([], 1, "A subcommand is required"), (["lst"], 1, "A subcommand is required"),
+    (["check", "--bogus\x1b"], 2, "The following argument was not expected: --bogus\\x1b"),
+    (["export"], 1, "directory is required")])
+def test_wrong_command_line_is_one_line_on_standard_error(box, args, status, message):
+    result = box.info(*args)
+    assert (result.status, result.stdout, result.stderr.decode()) == (status, b"", f"arspinfo: {message}\n")
+
+
+@pytest.mark.parametrize("args", [["--help"], ["-h"], *([name, "--help"] for name in COMMANDS)])
+def test_help_needs_no_rights(box, args):
+    result = box.info(*args, user=(4321, 4321))
+    assert (result.status, result.stderr) == (0, b"")
+    assert b"Usage: arspinfo" in result.stdout

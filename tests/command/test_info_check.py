@@ -1,0 +1,369 @@
+"""arspinfo check: each finding is made by real means, reported, and gone after the command that it printed."""
+
+import json
+import os
+import shutil
+import signal
+import sqlite3
+from dataclasses import dataclass
+from typing import Callable
+
+import pytest
+from harness.mailboxes import DIRECTORY, FILE, MAIL_TREE, POPUSER, ROOT, STRANGER, add_attachment_rows
+from harness.mailboxes import add_autoresponder, corrupt_page_of, make_directories, put_file, put_link, run_sql
+from harness.sandbox import DATABASE
+
+USER = "user@example.org"
+PLACE = os.path.dirname(DATABASE)
+JOURNAL = DATABASE + "-journal"
+SOUND = b"0 errors, 0 warnings, 0 notes\n"
+
+
+@pytest.fixture
+def sound(sandbox):
+    """A root with an autoresponder, an attachment and extra headers that the tool has made."""
+    sandbox.init_db()
+    put_file(sandbox, "/tmp/report.pdf", b"the report", owner=ROOT, mode=0o644)
+    for words, stdin in ((("--set-resp", "--mailname", USER, "--real-owner", USER), b"On holiday.\n"),
+                         (("--add-attach", "--mailname", USER, "--filename", "report.pdf",
+                           "--source", "/tmp/report.pdf"), b""),
+                         (("--set-extra-headers",), b'{"Auto-Submitted": "auto-replied", "X-One": "1"}')):
+        assert sandbox.run(*words, stdin=stdin).status == 0
+    return sandbox
+
+
+def check(sandbox):
+    """The findings as (severity, code, object): repair; the exit status must agree with them."""
+    result = sandbox.info("check", "--json")
+    assert (result.stderr, result.records) == (b"", [])
+    document = json.loads(result.stdout)
+    found = {(entry["severity"], entry["code"], entry["object"]): entry["repair"] for entry in document["findings"]}
+    severities = [severity for severity, _, _ in found]
+    assert document["summary"] == {name + "s": severities.count(name) for name in ("error", "warning", "note")}
+    assert result.status == int(set(severities) - {"note"} != set())
+    return found
+
+
+def repair(sandbox, command):
+    result = sandbox.execute("/bin/sh", "-c", command)
+    assert result.status == 0, (command, result)
+
+
+# -- means
+
+
+def sql(script):
+    return lambda sandbox: run_sql(sandbox, script)
+
+
+def set_column(column, value):
+    return sql(f"UPDATE autoresponder SET {column} = {value}")
+
+
+def add_header(name, value="'1'"):
+    return sql(f"INSERT INTO extra_headers VALUES ({name}, {value})")
+
+
+def both(*means):
+    return lambda sandbox: [make(sandbox) for make in means]
+
+
+def mode(path, bits):
+    return lambda sandbox: sandbox.path(path).chmod(bits)
+
+
+def owner(path, ids):
+    return lambda sandbox: os.chown(sandbox.path(path), *ids)
+
+
+def file(path, content=b"x", **options):
+    return lambda sandbox: put_file(sandbox, path, content, **options)
+
+
+def removed(path):
+    return lambda sandbox: sandbox.path(path).unlink()
+
+
+def link(path, target, ids):
+    return lambda sandbox: put_link(sandbox, path, target, ids)
+
+
+def replaced_by_link(path, ids, target="/var/aside"):
+    def make(sandbox):
+        sandbox.path(path).rename(sandbox.path(target))
+        put_link(sandbox, path, target, ids)
+
+    return make
+
+
+def fifo(path):
+    def make(sandbox):
+        sandbox.path(path).unlink(missing_ok=True)
+        os.mkfifo(sandbox.path(path))
+
+    return make
+
+
+def killed_writer(sandbox):
+    """Leaves a journal that must be rolled back: the writer had begun to change the database."""
+    child = os.fork()
+    if child == 0:
+        with sqlite3.connect(sandbox.path(DATABASE), isolation_level=None) as writer:
+            writer.executescript("PRAGMA cache_size = 1; BEGIN; UPDATE extra_headers SET value = 'lost';"
+                                 "INSERT INTO resp_freq WITH RECURSIVE n(i) AS (SELECT 1 UNION ALL SELECT i + 1 FROM n "
+                                 "WHERE i < 9999) SELECT 'lost', i, 1, 1 FROM n;")
+            os.kill(os.getpid(), signal.SIGKILL)
+    os.waitpid(child, 0)
+    assert sandbox.info("list").status == 1
+
+
+def unindexed_row(sandbox):
+    """Adds a row while its index is out of the schema."""
+    saved = sandbox.rows("SELECT * FROM sqlite_schema WHERE name = 'respfreq'")
+    for script in ("PRAGMA writable_schema = ON; DELETE FROM sqlite_schema WHERE name = 'respfreq';",
+                   f"INSERT INTO resp_freq VALUES ('{USER}', 'a@example.org', 1, 1);"):
+        run_sql(sandbox, script)
+    with sandbox.db() as connection:
+        connection.execute("PRAGMA writable_schema = ON")
+        connection.executemany("INSERT INTO sqlite_schema VALUES (?, ?, ?, ?, ?)", saved)
+    connection.close()
+
+
+def other_owner(sandbox):
+    make_directories(sandbox, f"{MAIL_TREE}/example.org/other/@attachments")
+    put_file(sandbox, f"{MAIL_TREE}/example.org/other/@attachments/report.pdf", b"of the other")
+    run_sql(sandbox, "UPDATE autoresponder SET real_owner = 'other@example.org'")
+    sandbox.path(FILE).unlink()
+
+
+def mailbox_as_link(ids):
+    """The mailbox's directory is moved away and linked."""
+    return replaced_by_link(os.path.dirname(DIRECTORY), ids, f"{MAIL_TREE}/moved")
+
+
+@dataclass
+class Case:
+    make: Callable
+    severity: str
+    code: str
+    object: str = USER
+    others: tuple = ()  # further findings of the same means
+    left: tuple = ()  # what the repair leaves behind, to be repaired in its turn
+
+
+EMPTY = (("note", "auto-submitted"), ("note", "file-orphan"))  # of a new database beside an old mail tree
+CASES = [
+    Case(removed(DATABASE), "error", "db-missing", DATABASE, left=EMPTY),
+    Case(both(owner(DATABASE, ROOT), mode(DATABASE, 0o600)), "error", "db-unreadable", DATABASE,
+         others=[("error", "db-owner")]),
+    Case(mode(DATABASE, 0), "error", "db-unreadable", DATABASE, others=[("error", "db-mode")]),
+    Case(both(owner(PLACE, ROOT), mode(PLACE, 0o700)), "error", "db-unreadable", DATABASE,
+         others=[("error", "db-dir-mode"), ("error", "db-dir-owner")]),
+    Case(sql("DROP TABLE resp_freq"), "error", "db-schema", DATABASE, left=EMPTY),
+    Case(lambda sandbox: corrupt_page_of(sandbox, "autoresponder"), "error", "db-damaged", DATABASE, left=EMPTY),
+    Case(file(DATABASE, b"no database" * 100), "error", "db-damaged", DATABASE, left=EMPTY),
+    Case(unindexed_row, "error", "db-damaged", DATABASE),
+    Case(sql("PRAGMA journal_mode = WAL"), "error", "db-wal", DATABASE),
+    Case(killed_writer, "error", "db-journal", JOURNAL),
+    Case(file(JOURNAL), "error", "db-journal", JOURNAL),
+    Case(file(JOURNAL, owner=ROOT), "error", "db-journal", JOURNAL),
+    Case(fifo(JOURNAL), "error", "db-journal", JOURNAL),
+    Case(fifo(DATABASE), "error", "db-type", DATABASE, left=EMPTY),
+    Case(replaced_by_link(DATABASE, POPUSER), "error", "db-link", DATABASE, others=[("error", "db-unreadable")],
+         left=EMPTY),
+    Case(replaced_by_link(DATABASE, ROOT, PLACE + "/linked"), "warning", "db-link", DATABASE),
+    Case(owner(DATABASE, (POPUSER[0], 0)), "error", "db-owner", DATABASE),
+    Case(mode(DATABASE, 0o644), "error", "db-mode", DATABASE),
+    Case(replaced_by_link(PLACE, ROOT), "warning", "db-dir-link", PLACE),
+    Case(both(replaced_by_link(PLACE, ROOT), removed("/var/aside/responder.db"),
+              lambda sandbox: sandbox.path("/var/aside").rmdir()), "warning", "db-dir-link", PLACE,
+         others=[("error", "db-missing")], left=EMPTY),
+    Case(both(lambda sandbox: sandbox.path(PLACE).rename(sandbox.path("/var/aside")), file(PLACE)),
+         "error", "db-dir-type", PLACE, others=[("error", "db-unreadable")], left=EMPTY),
+    Case(owner(PLACE, (0, 0)), "error", "db-dir-owner", PLACE),
+    Case(mode(PLACE, 0o777), "error", "db-dir-mode", PLACE),
+    Case(sql("INSERT INTO autoresponder (mn, real_owner) VALUES ('No Address', 'b@example.org')"),
+         "error", "mailname-refused", "No Address"),
+    Case(sql("INSERT INTO autoresponder (mn, real_owner) VALUES ('Upper@example.org', 'b@example.org')"),
+         "error", "mailname-refused", "Upper@example.org"),
+    Case(sql(f"INSERT INTO autoresponder (mn, real_owner) VALUES (replace(printf('%{10**6}d', 1), ' ', 'x'), '')"),
+         "error", "mailname-refused", "x" * (10**6 - 1) + "1"),
+    Case(set_column("real_owner", "'`id`@example.org'"), "error", "owner-harmful"),
+    Case(set_column("real_owner", "'..@example.org'"), "error", "owner-harmful"),
+    Case(set_column("real_owner", "'a b@example.org'"), "error", "owner-refused"),
+    Case(other_owner, "note", "owner-differs", left=[("note", "file-orphan")]),
+    Case(set_column("content_type", "'image/png'"), "warning", "content-type"),
+    Case(set_column("key_where", "'head'"), "warning", "trigger-word"),
+    Case(set_column("ans_freq", "'many'"), "warning", "number"),
+    Case(set_column("ans_limit", str(2**31)), "warning", "number"),
+    Case(set_column("ans_limit", "NULL"), "warning", "number"),
+    Case(set_column("subject", "'Hi' || char(13, 10) || 'Bcc: a@example.org'"), "error", "header-injection"),
+    Case(set_column("reply_to", "'a' || char(0) || 'b' || char(10)"), "error", "header-injection"),
+    Case(set_column("forward_to", f"replace(printf('%{10**6}d', 1), ' ', char(7))"), "error", "header-injection"),
+    Case(set_column("charset", "char(127)"), "error", "header-injection"),
+    Case(sql("INSERT INTO resp_freq VALUES ('it''s gone@example.org', 'a@example.org', 1, 1)"),
+         "note", "counter-orphan", "it's gone@example.org"),
+    Case(sql("INSERT INTO attachments VALUES ('gone@example.org', char(10) || 'a''b\"c$d')"),
+         "warning", "attachment-orphan", "gone@example.org"),
+    Case(add_header("'X Two'"), "error", "header-name", "X Two"),
+    Case(add_header("'x-one'"), "warning", "header-twice", "x-one"),
+    Case(add_header("'X-Two'", "'a' || char(10) || 'Bcc: b'"), "error", "header-value", "X-Two"),
+    Case(sql("DELETE FROM extra_headers WHERE name = 'Auto-Submitted'"), "note", "auto-submitted", "Auto-Submitted"),
+    Case(removed(FILE), "error", "attachment-missing"),
+    Case(sql(f"INSERT INTO attachments VALUES ('{USER}', '../x')"), "error", "attachment-missing"),
+    Case(sql(f"INSERT INTO attachments VALUES ('{USER}', '-x' || char(9, 200) || '''$')"),
+         "error", "attachment-missing"),
+    Case(both(removed(FILE), lambda sandbox: make_directories(sandbox, FILE)), "error", "attachment-type",
+         left=[("note", "file-orphan")]),
+    Case(file(FILE, b""), "warning", "attachment-empty"),
+    Case(both(owner(FILE, STRANGER), mode(FILE, 0o644)), "warning", "attachment-owner"),
+    Case(mode(FILE, 0), "error", "attachment-unreadable"),
+    Case(both(owner(FILE, ROOT), mode(FILE, 0o600)), "error", "attachment-unreadable"),
+    Case(file(DIRECTORY + "/a b$c"), "note", "file-orphan", DIRECTORY + "/a b$c"),
+    Case(both(lambda sandbox: make_directories(sandbox, f"{MAIL_TREE}/example.net/gone/@attachments"),
+              file(f"{MAIL_TREE}/example.net/gone/@attachments/x")),
+         "note", "file-orphan", f"{MAIL_TREE}/example.net/gone/@attachments/x"),
+    Case(both(removed(FILE), link(FILE, "/tmp/report.pdf", POPUSER)), "error", "link", FILE,
+         left=[("error", "attachment-missing")]),
+    Case(mailbox_as_link(POPUSER), "error", "link", os.path.dirname(DIRECTORY), left=[("error", "attachment-missing")]),
+    Case(replaced_by_link(MAIL_TREE + "/example.org", STRANGER), "error", "link", MAIL_TREE + "/example.org",
+         left=[("error", "attachment-missing")]),
+    Case(mode(DIRECTORY, 0o750), "warning", "attachments-mode", DIRECTORY),
+    Case(both(owner(DIRECTORY, ROOT), mode(DIRECTORY, 0o755)), "warning", "attachments-mode", DIRECTORY),
+    Case(mode(DIRECTORY, 0), "error", "attachments-unreadable", DIRECTORY),
+    Case(both(owner(DIRECTORY, ROOT), mode(DIRECTORY, 0o700)), "error", "attachments-unreadable", DIRECTORY,
+         left=[("error", "attachment-missing")]),
+    Case(both(owner(MAIL_TREE + "/example.org", ROOT), mode(MAIL_TREE + "/example.org", 0o700)),
+         "error", "attachments-unreadable", MAIL_TREE + "/example.org"),
+]
+
+
+def names(findings):
+    return {(severity, code) for severity, code, _ in findings}
+
+
+@pytest.mark.parametrize("case", CASES, ids=[f"{number}-{case.code}" for number, case in enumerate(CASES)])
+def test_finding_is_reported_until_its_repair_has_run(sound, case):
+    assert check(sound) == {}
+    case.make(sound)
+    found = check(sound)
+    finding = (case.severity, case.code, case.object)
+    assert finding in found and names(found) == {finding[:2], *case.others}
+    repair(sound, found[finding])
+    assert finding not in check(sound)
+    while left := check(sound):  # worst first; each repair takes at least one away
+        assert names(left) <= {*case.others, *case.left}
+        repair(sound, next(iter(left.values())))
+        assert len(check(sound)) < len(left) + len(case.left)
+
+
+IN_MAILBOX = [case for case in CASES if DIRECTORY in case.object or case.object == USER and "attach" in case.code]
+
+
+@pytest.mark.parametrize("case", IN_MAILBOX, ids=lambda case: case.code)
+def test_repair_harms_nothing_where_the_mail_user_exchanges_a_directory(sound, case):
+    case.make(sound)
+    commands = check(sound).values()
+    domain, victim = MAIL_TREE + "/example.org", "/var/victim"
+    shutil.copytree(sound.path(domain), sound.path(victim), symlinks=True)  # of root
+    sound.path(domain).rename(sound.path("/var/own"))
+    put_link(sound, domain, victim, POPUSER)
+    before = sound.tree(victim)
+    for command in commands:
+        sound.execute("/bin/sh", "-c", command)  # it may fail
+    assert sound.tree(victim) == before
+
+
+def test_interrupted_command_is_rolled_back_by_the_repair(sound):
+    rows = sound.rows("SELECT * FROM extra_headers")
+    killed_writer(sound)
+    (command,) = check(sound).values()
+    repair(sound, command)
+    assert sound.rows("SELECT * FROM extra_headers") == rows
+
+
+def test_rows_and_files_of_a_sound_root_survive_the_repairs_around_them(sound):
+    rows = [sound.rows(f"SELECT * FROM {table}") for table in ("autoresponder", "attachments", "extra_headers")]
+    tree = sound.tree(MAIL_TREE)
+    add_autoresponder(sound, "No Address")
+    put_file(sound, DIRECTORY + "/orphan")
+    run_sql(sound, "INSERT INTO extra_headers VALUES ('x-one', '2'), ('X Two', '3')")
+    for command in check(sound).values():
+        repair(sound, command)
+    assert [sound.rows(f"SELECT * FROM {table}") for table in ("autoresponder", "attachments", "extra_headers")] == rows
+    assert sound.tree(MAIL_TREE) == tree
+
+
+def test_attachments_of_another_owner_are_copied_to_the_mailbox(sound):
+    other_owner(sound)
+    (command,) = check(sound).values()
+    repair(sound, command)
+    assert sound.path(FILE).read_bytes() == b"of the other"
+    assert sound.rows("SELECT real_owner FROM autoresponder") == [(USER,)]
+
+
+def test_a_repair_that_is_too_long_for_one_command_runs_no_attachment(sound):
+    other = f"{MAIL_TREE}/example.org/other/@attachments"
+    make_directories(sound, other)
+    put_file(sound, other + "/first", b"#!/bin/sh\n: >/tmp/owned\n", mode=0o755)
+    attachments = [str(number) + "\1" * 90 for number in range(1500)]
+    for name in attachments:
+        os.link(sound.path(other + "/first"), sound.path(f"{other}/{name}"))
+    add_attachment_rows(sound, USER, *attachments)
+    set_column("real_owner", "'other@example.org'")(sound)
+    result = sound.execute("/bin/sh", stdin=check(sound)["note", "owner-differs", USER].encode())
+    assert result.status != 0 and not sound.path("/tmp/owned").exists()
+
+
+@pytest.mark.parametrize("means", [sql("DROP TABLE resp_freq"), file(DATABASE, b"no database" * 100)])
+def test_an_unusable_database_is_kept_beside_the_new_one(sound, means):
+    means(sound)
+    put_file(sound, DATABASE + ".set-aside", b"an older one")
+    content = sound.path(DATABASE).read_bytes()
+    repair(sound, next(iter(check(sound).values())))
+    assert sound.path(DATABASE + ".set-aside").read_bytes() == content
+    assert sound.path(DATABASE + ".set-aside.~1~").read_bytes() == b"an older one"
+
+
+def test_links_that_arspctl_follows_are_no_finding(sound):
+    mailbox_as_link(ROOT)(sound)
+    assert check(sound) == {}
+
+
+def test_a_database_that_is_in_use_has_no_journal_left_behind(sound):
+    with sound.db() as writer:
+        writer.execute("BEGIN IMMEDIATE")
+        writer.execute("DELETE FROM extra_headers WHERE name = 'X-One'")
+        assert sound.path(JOURNAL).exists()
+        assert check(sound) == {}
+        writer.execute("ROLLBACK")
+    writer.close()
+
+
+def test_text_is_one_line_per_finding_worst_first_and_a_summary(sound):
+    assert sound.info("check").stdout == SOUND
+    run_sql(sound, "UPDATE autoresponder SET subject = 'a' || char(10) || 'error x', key_where = char(27) || '[2J';"
+                   "INSERT INTO resp_freq VALUES ('gone@example.org', 'a@example.org', 1, 1)")
+    put_file(sound, DIRECTORY + "/a\nb")
+    result = sound.info("check", env={"LC_ALL": "C.UTF-8"})
+    assert (result.status, result.stderr) == (1, b"")
+    lines = [line.partition("; repair: ")[0] for line in result.stdout.decode("ascii").splitlines()]
+    assert lines == [
+        rf"error header-injection: {USER} has line feeds or control bytes in subject: a\x0aerror x",
+        rf"warning trigger-word: {USER} looks for its trigger in \x1b[2J",
+        rf"note file-orphan: {DIRECTORY}/a\x0ab is not the attachment of any mailbox",
+        "note counter-orphan: gone@example.org has answer counters (1) and no autoresponder",
+        "1 error, 1 warning, 2 notes"]
+
+
+def test_a_check_that_cannot_be_made_ends_with_status_2(sound):
+    sound.popuser_exists(False)
+    results = [sound.info("check"), sound.info("check", "--unknown")]
+    sound.popuser_exists(True)
+    with sound.db() as writer:
+        writer.execute("BEGIN EXCLUSIVE")
+        results.append(sound.info("check"))
+    writer.close()
+    for result in results:
+        assert (result.status, result.stdout, result.stderr.count(b"\n")) == (2, b"", 1), result
+        assert result.stderr.startswith(b"arspinfo: ")
