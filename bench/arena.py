@@ -13,7 +13,7 @@ from pathlib import Path
 
 import competitors
 from competitors import BARE_C, DATABASE, FIXTURE, MAILNAMES, PROGRAMS, PYTHON, REPOSITORY, RUNNER, SHARED, SHELL, TOOL
-from harness.private_root import POPUSER_GID, POPUSER_UID, PrivateRoot, choose_mode
+from harness.private_root import INFO_PROGRAM, POPUSER_GID, POPUSER_UID, PrivateRoot, choose_mode
 
 ENVIRONMENT = {"PATH": "/usr/sbin:/usr/bin:/sbin:/bin", "HOME": "/root"}
 
@@ -49,6 +49,7 @@ class Arena:
         self._root.prepare()
         for source, inside in ((build / "cli/arspctl", PROGRAMS[TOOL][-1]),
                                (shared_build / "cli/arspctl", PROGRAMS[SHARED][-1]),
+                               (build / "info/arspinfo", INFO_PROGRAM),
                                (build / "bench/bench_bare", PROGRAMS[BARE_C][-1]),
                                (build / "bench/bench_fixture", FIXTURE), (build / "bench/bench_runner", RUNNER),
                                (REPOSITORY / "bench/sqlite3_way.sh", PROGRAMS[SHELL][-1]),

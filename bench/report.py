@@ -56,6 +56,22 @@ def instructions(totals, names):
            for command, counts in totals.items()])
 
 
+def reading(title, samples):
+    """`samples` is {command: {program: Sample}}, arspinfo first."""
+    rows = []
+    for name, figures in samples.items():
+        own, other = figures.values()
+        rows.append([name, list(figures)[1], f"{own.median('wall'):.2f}", f"{other.median('wall'):.2f}",
+                     f"{own.median('wall') / other.median('wall'):.3f}", f"{own.median('memory'):.1f}"])
+    table(title, ["command", "competitor", "arspinfo, ms", "competitor, ms", "ratio", "arspinfo, MiB"], rows)
+
+
+def waits(figures):
+    """`figures` is {command: (longest shared lock, longest write)} in ms."""
+    table("Waiting for arspinfo, ms", ["command", "longest shared lock", "longest write of another program"],
+          [[name, *(f"{value:.1f}" for value in values)] for name, values in figures.items()])
+
+
 def curve(measured, points):
     """The figures of one curve; `points` in the order of the sizes."""
     compared = BARE_C in measured.names
