@@ -12,6 +12,7 @@ from harness.mailboxes import (DEL_RESP, DIRECTORY, DOMAIN, FILE, MAIL_TREE, MAI
                                add_autoresponder, make_directories, put_file, put_link, run_sql)
 from harness.outcomes import outcome
 from harness.sandbox import DATABASE
+from harness.tracing import on_files
 
 EMPTIED = {".": ("dir", 0o700, 1110, 31, None)}
 COUNTS = [1, 2, 2]  # rows of user@example.org in the fixture
@@ -291,6 +292,16 @@ def test_missing_attachments_table_keeps_rows_and_files(box):
 
     assert counts(box) == [1, None, 2]
     assert sorted(box.tree(DIRECTORY)) == [".", "report.pdf"]
+
+
+def test_missing_attachments_table_closes_the_database_between_the_records(box, needs_tracing):
+    run_sql(box, "DROP TABLE attachments")
+
+    _, calls = box.trace(*DEL_RESP, calls="openat,close,sendto")
+
+    names = [call.name for call, path in on_files(calls)
+             if call.name == "sendto" or (call.name == "close" and path == DATABASE)]
+    assert names[-3:] == ["sendto", "close", "sendto"]
 
 
 def test_failures_of_attachment_rows_and_files_are_logged_in_their_order(box):
