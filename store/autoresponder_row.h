@@ -18,7 +18,7 @@ struct AutoresponderRow {
     std::string_view content_type;
     std::string_view charset;
     std::string_view body;
-    int ans_freq = 0;  /* answers per sender address and day */
+    int ans_freq = 0;  /* replies per sender address and day */
     int ans_limit = 0; /* deprecated, still stored */
     std::string_view real_owner;
     std::string_view mn; /* mail name, the key; NUL-terminated, for the messages */

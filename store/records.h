@@ -34,7 +34,7 @@ struct AutoresponderRecord {
     const char *content_type = "";
     const char *charset = "";
     const char *body = "";
-    int ans_freq = 0;  /* answers per sender address and day */
+    int ans_freq = 0;  /* replies per sender address and day */
     int ans_limit = 0; /* deprecated, still stored */
     const char *forward_to = "";
     const char *owner_local_part = ""; /* the real owner is this, "@" and the record's own domain */
