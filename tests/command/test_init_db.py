@@ -174,6 +174,17 @@ def test_unlink_is_first_and_changes_of_owner_and_mode_are_last(sandbox, needs_t
     ]
 
 
+def test_file_after_a_deleted_one_is_made_exclusively(sandbox, needs_tracing):
+    """Another file that takes the place in between is not opened."""
+    sandbox.init_db()
+    sandbox.conf("QUARN_MAILNAMES_D /srv/mail\n")  # so that no missing file leaves its errno
+
+    result, calls = sandbox.trace("--init-db", calls="openat", paths=[DATABASE])
+
+    assert result == DONE
+    assert ["O_EXCL" in call.args_text for call in calls if "O_CREAT" in call.args_text][:1] == [True]
+
+
 def test_one_connection_with_a_timeout_runs_the_script_and_is_closed(sandbox):
     assert sandbox.run("--init-db", env=sqlite_shim.environment(sandbox)) == DONE
 
