@@ -448,6 +448,7 @@ def export_disturbed(sandbox, name, when, fault):
     return sandbox.trace("export", OUT, program=INFO_PROGRAM, calls=name, inject=[f"{name}:{fault}:when={when}"])[0]
 
 
+@pytest.mark.unsanitized
 def test_export_killed_at_any_call_has_no_script_or_is_complete(two, needs_tracing):
     complete = 0
     for name, when in own_calls(two):
@@ -458,6 +459,7 @@ def test_export_killed_at_any_call_has_no_script_or_is_complete(two, needs_traci
     assert 2 < complete < 12  # from the rename on
 
 
+@pytest.mark.unsanitized
 @pytest.mark.parametrize("error", ["EIO", "ENOSPC"])
 def test_failed_call_is_reported_or_does_no_harm(two, needs_tracing, error):
     for name, when in own_calls(two):

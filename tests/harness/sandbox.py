@@ -172,7 +172,8 @@ class Sandbox:
             needs_native_program("the limit would stop the emulator")
         environment = dict(DEFAULT_ENVIRONMENT if env is None else env)
         if self._sanitized:
-            environment.update(self._sanitizer_options(leaks=not traced))
+            # The search for leaks cannot trace arspinfo either, once that has another user's rights.
+            environment.update(self._sanitizer_options(leaks=not traced and path != private_root.INFO_PROGRAM))
 
         if private_root.COUNTED_BUILD and resource.RLIMIT_FSIZE in (rlimits or {}):
             environment["GCOV_PREFIX"] = "/tmp"  # a count that is cut off would spoil those of all runs
