@@ -117,7 +117,7 @@ void check_shell(std::string_view text)
         words.emplace_back(c_text(take_line(text)));
     const std::string line = shell_command(words);
     expect_equal(printable(line), line, "a command as it is printed");
-    constexpr std::string_view END = "' | xargs -0 env";
+    const std::string END = "' | xargs -0 -x -n " + std::to_string(words.size()) + " env";
     const bool formatted = line.starts_with("printf '") && line.ends_with(END);
     expect((formatted ? printf_words(std::string_view(line).substr(8, line.size() - 8 - END.size()))
                       : shell_words(line)) == words,
