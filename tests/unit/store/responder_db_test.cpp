@@ -5,6 +5,8 @@
 #include <limits>
 #include <string>
 
+#include <malloc.h>
+
 #include <gtest/gtest.h>
 
 #include "store/run_statement.h"
@@ -72,6 +74,17 @@ TEST_F(ResponderDbTest, ClosingDiscardsAnOpenTransaction)
     run("INSERT INTO t VALUES (1)");
     EXPECT_EQ(db_.close(), 0);
     EXPECT_EQ(other_.values("SELECT count(*) FROM t"), "0");
+}
+
+TEST_F(ResponderDbTest, OpeningAgainDiscardsAnOpenTransactionThroughItsOwnVfs)
+{
+    ASSERT_EQ(db_.begin(), 0);
+    run("INSERT INTO t VALUES (1)");
+    mallopt(M_PERTURB, 0x5a); /* overwrites freed memory: a VFS freed too early crashes */
+    EXPECT_EQ(db_.open(path_.c_str()), 0);
+    mallopt(M_PERTURB, 0);
+    EXPECT_EQ(other_.exec("INSERT INTO t VALUES (2)"), SQLITE_OK);
+    EXPECT_EQ(other_.values("SELECT x FROM t"), "2");
 }
 
 TEST_F(ResponderDbTest, GoingOutOfScopeCloses)
