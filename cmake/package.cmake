@@ -8,8 +8,8 @@ set(CMAKE_INSTALL_DOCDIR "share/doc/arspctl" CACHE PATH "Documents")
 include(GNUInstallDirs)
 include(CMakePackageConfigHelpers)
 
-# Makes the program part of the package. The further arguments are headers of libraries that are compiled into it without
-# being linked. A program with static libraries has a bill of materials, which lists them.
+# Makes the program part of the package. The further arguments are headers of libraries that are compiled into it
+# without being linked. A program with static libraries has a bill of materials, which lists them.
 function(arsp_package_program program)
   install(TARGETS ${program} RUNTIME DESTINATION ${CMAKE_INSTALL_SBINDIR} COMPONENT runtime)
   if(NOT ARSP_STATIC_LIBRARIES)

@@ -33,7 +33,8 @@ need_packages() {
   missing=
   for package in cmake g++ libboost-dev libboost-program-options-dev libcli11-dev libgtest-dev libsmartcols-dev \
     libsqlite3-dev ninja-build nlohmann-json3-dev pkgconf python3 "$@"; do
-    dpkg-query -W -f '${Status}\n' "$package" 2>/dev/null | grep -q '^install ok installed$' || missing="$missing $package"
+    dpkg-query -W -f '${Status}\n' "$package" 2>/dev/null | grep -q '^install ok installed$' ||
+      missing="$missing $package"
   done
   [ -n "$missing" ] || return 0
   command -v apt-get >/dev/null || fail "needs these Debian packages:$missing"

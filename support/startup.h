@@ -12,6 +12,6 @@
  *
  * Returns 0; or -1 when a closed descriptor cannot be opened: the process must then end. Logs and prints nothing. The
  * descriptors stay open and are inherited by programs started later. */
-int secure_standard_streams();
+[[nodiscard]] int secure_standard_streams();
 
 #endif

@@ -26,8 +26,8 @@ def pytest_configure(config):
     config.addinivalue_line("markers", "tracing: traces system calls; given to every test that asks for needs_tracing")
     config.addinivalue_line("markers", "shared: replaces functions of a library that only some builds load; given to "
                                        "every test that names sqlite_shim")
-    config.addinivalue_line("markers", "unsanitized: takes memory away, which AddressSanitizer does not survive, or counts "
-                                       "calls, of which it makes its own")
+    config.addinivalue_line("markers", "unsanitized: takes memory away, which AddressSanitizer does not survive, or "
+                                       "counts calls, of which it makes its own")
 
 
 def pytest_collection_modifyitems(config, items):
