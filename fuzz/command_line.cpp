@@ -3,11 +3,14 @@
  * between two runs of the tool, and after a line "|" the standard input of all runs. */
 
 #include <algorithm>
+#include <cerrno>
 #include <cstdint>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
+#include <iterator>
 #include <memory>
+#include <sstream>
 #include <string>
 #include <string_view>
 #include <system_error>
@@ -15,9 +18,12 @@
 
 #include <fcntl.h>
 #include <linux/capability.h>
+#include <spawn.h>
 #include <sqlite3.h>
 #include <sys/mman.h>
 #include <sys/syscall.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
 #include "cli/run.h"
 #include "fuzz/check.h"
@@ -311,13 +317,36 @@ void make_start()
 
 } // namespace
 
+namespace {
+
+/* Starts a program without a shell and returns its wait status. */
+int start_program(const std::string &line)
+{
+    std::istringstream words(line);
+    std::vector<std::string> arguments(std::istream_iterator<std::string>(words), {});
+    std::vector<char *> argv;
+    for (std::string &argument : arguments)
+        argv.push_back(argument.data());
+    argv.push_back(nullptr);
+    pid_t pid = 0;
+    int status = 0;
+    expect(posix_spawn(&pid, argv[0], nullptr, nullptr, argv.data(), environ) == 0 && waitpid(pid, &status, 0) == pid,
+           "libFuzzer cannot start itself");
+    return status;
+}
+
+} // namespace
+
 /* Copies without a shell, which would run whatever the quotes and dollar signs of the arguments make of the command
- * line, with the rights of this process, and would take a hundred times as long. */
+ * line, with the rights of this process, and would take a hundred times as long. libFuzzer calls the function, too, and
+ * starts this program again for each attempt to merge corpora. */
 extern "C" int system(const char *command)
 {
     constexpr int REFUSED = 1 << 8; /* the wait status of exit(1) */
     constexpr std::string_view BEFORE = "/bin/cp \"";
     const std::string_view line = command;
+    if (line.starts_with(program_invocation_name))
+        return start_program(command);
     const std::size_t between = line.find("\" \"" + MAILNAMES + "/");
     expect(line.starts_with(BEFORE) && line.ends_with('"') && between != std::string_view::npos, "the copy's command");
     const std::string source(line.substr(BEFORE.size(), between - BEFORE.size()));
