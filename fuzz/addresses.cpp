@@ -65,15 +65,6 @@ std::string address_rule(const std::string &token)
     return lower_case(token);
 }
 
-std::string content_type_rule(const std::string &token)
-{
-    if (token == "plain" || token == "text/plain")
-        return "text/plain";
-    if (token == "html" || token == "text/html")
-        return "text/html";
-    return "!invalid";
-}
-
 /* Passes `tokens` to the option; returns its text, or its message after "!". */
 template <typename Option>
 std::string given(const std::vector<std::string> &tokens, std::string Option::*text)

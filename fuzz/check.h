@@ -58,6 +58,41 @@ inline void write_file(const std::string &path, std::string_view bytes)
     expect(file.good(), "a file of the private root cannot be written");
 }
 
+/* The content type that an option value selects, or "!invalid". */
+inline std::string content_type_rule(const std::string &token)
+{
+    if (token == "plain" || token == "text/plain")
+        return "text/plain";
+    if (token == "html" || token == "text/html")
+        return "text/html";
+    return "!invalid";
+}
+
+/* A JSON text for the bytes of `text`, each of which is a character. */
+inline std::string json_string(std::string_view text)
+{
+    std::string json = "\"";
+    for (const char c : text) {
+        char escape[7];
+        std::snprintf(escape, sizeof escape, "\\u%04x", static_cast<unsigned char>(c));
+        json += escape;
+    }
+    return json + "\"";
+}
+
+/* The UTF-8 text of that JSON text, up to the first NUL. */
+inline std::string utf8(std::string_view text)
+{
+    std::string encoded;
+    for (const char c : c_text(text)) {
+        const auto byte = static_cast<unsigned char>(c);
+        if (byte >= 0x80)
+            encoded += static_cast<char>(0xc0 | (byte >> 6));
+        encoded += static_cast<char>(byte >= 0x80 ? 0x80 | (byte & 0x3f) : byte);
+    }
+    return encoded;
+}
+
 } // namespace arsp
 
 #endif

@@ -98,30 +98,6 @@ int set_headers(const std::string &text)
     return import_extra_headers_json(&database(), text);
 }
 
-/* A JSON text for the bytes of `text`, each of which is a character. */
-std::string quoted(std::string_view text)
-{
-    std::string json = "\"";
-    for (const char c : text) {
-        char escape[7];
-        std::snprintf(escape, sizeof escape, "\\u%04x", static_cast<unsigned char>(c));
-        json += escape;
-    }
-    return json + "\"";
-}
-
-std::string utf8(std::string_view text)
-{
-    std::string encoded;
-    for (const char c : c_text(text)) {
-        const auto byte = static_cast<unsigned char>(c);
-        if (byte >= 0x80)
-            encoded += static_cast<char>(0xc0 | (byte >> 6));
-        encoded += static_cast<char>(byte >= 0x80 ? 0x80 | (byte & 0x3f) : byte);
-    }
-    return encoded;
-}
-
 void check_document(const std::string &text)
 {
     Rows members;
@@ -147,7 +123,7 @@ void check_written(std::string_view lines)
         const std::size_t equals = std::min(line.find('='), line.size());
         const std::string_view name = line.substr(0, equals);
         const std::string_view value = line.substr(std::min(equals + 1, line.size()));
-        json += (wanted.empty() ? "" : ",") + quoted(name) + ":" + quoted(value);
+        json += (wanted.empty() ? "" : ",") + json_string(name) + ":" + json_string(value);
         wanted.emplace_back(utf8(name), utf8(value));
     }
     expect(set_headers(json + "}") == 0 && syslog_capture.records.empty(), "a written document is refused");
