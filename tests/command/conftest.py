@@ -13,6 +13,7 @@ sys.path.insert(0, str(Path(__file__).resolve().parents[1]))
 from harness import Sandbox, mailboxes, tracing  # noqa: E402
 from harness.private_root import choose_mode, is_sanitized, loads_library  # noqa: E402
 from harness.sandbox import program_under_test, sanitized  # noqa: E402
+from torture.scene import Scene  # noqa: E402
 
 SKIPPED = 77  # ctest shows such a test as skipped
 
@@ -114,3 +115,12 @@ def mailbox_with_attachment(mailbox):
     """The root `mailbox` with the attachment report.pdf of user@example.org and the extra header X-Old: yes."""
     mailboxes.add_attachment(mailbox)
     return mailbox
+
+
+@pytest.fixture
+def scene(request, sandbox):
+    """The scene of the command that the test is parametrized with."""
+    made = Scene(sandbox, request.getfixturevalue("command"))
+    made.begin()
+    yield made
+    made.close()

@@ -55,7 +55,7 @@ def printed(status, text, number, error):
 
 @pytest.mark.parametrize(("umask", "source_mode", "mode"), [
     (0o000, 0o666, 0o666), (0o022, 0o666, 0o644), (0o077, 0o666, 0o600),
-    (0o000, 0o640, 0o640), (0o022, 0o400, 0o400), (0o077, 0o777, 0o700),
+    (0o000, 0o640, 0o640), (0o022, 0o400, 0o400), (0o077, 0o777, 0o700), (0o000, 0o6777, 0o777),
 ])
 def test_directories_are_the_mail_users_alone_and_the_copy_keeps_the_mode_of_cp(mailbox, umask, source_mode, mode):
     mailbox.path("/tmp/source").chmod(source_mode)

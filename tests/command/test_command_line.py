@@ -7,6 +7,7 @@ import shutil
 import pytest
 from harness import DONE, Result
 from harness.sandbox import DATABASE
+from torture import scene as scenes
 
 ADDRESS = ["--mailname", "user@example.org"]
 SET_RESP = ["--set-resp", *ADDRESS, "--real-owner", "user@example.org"]
@@ -168,9 +169,9 @@ def test_refused_argument_is_reported_and_nothing_is_done(sandbox, arguments, me
 
 
 def test_error_is_shown_byte_for_byte(sandbox):
-    result = sandbox.run(b"--ans-freq", b"\xff%s\n")
+    result = sandbox.run(b"--ans-freq", b"\xff%s\n\x1b[2J")
 
-    assert result == Result(1, b"Error: the argument ('\xff%s\n') for option '--ans-freq' is invalid\n", b"", [])
+    assert result == Result(1, b"Error: the argument ('\xff%s\n\x1b[2J') for option '--ans-freq' is invalid\n", b"", [])
 
 
 # -- the choice of the command
@@ -248,11 +249,12 @@ def test_value_is_stored_unchanged(sandbox, arguments, subject):
 
 @pytest.mark.parametrize("argv0, ident", [
     ("/usr/sbin/arspctl", "arspctl"), ("arspctl", "arspctl"), ("../sbin/other-name", "other-name"),
-    ("two words/and more", "and more"), ("/usr/sbin/", ""), ("", "")])
+    ("two words/and more", "and more"), ("/usr/sbin/", ""), ("", ""), ("%n%s%1$n%99999d", "%n%s%1$n%99999d"),
+    pytest.param("x" * 100_000, "x" * 63, id="100000 bytes")])
 def test_records_contain_the_last_component_of_the_program_name(sandbox, argv0, ident):
     [record] = sandbox.run(*SET_RESP, argv0=argv0).records
 
-    assert record.ident == ident
+    assert (record.ident, record.text) == (ident, f"Unable to open database {DATABASE}: unable to open database file")
 
 
 @pytest.mark.parametrize("arguments", [SET_RESP, ["--set-extra-headers"]], ids=str)
@@ -269,8 +271,8 @@ def test_failed_command_exits_with_1_and_copies_its_mail_error_to_standard_error
 
 # -- standard streams of any kind
 
-each_set_of_closed_streams = pytest.mark.parametrize(
-    "closed", [fds for count in (1, 2, 3) for fds in itertools.combinations((0, 1, 2), count)], ids=str)
+SETS_OF_STREAMS = [fds for count in (1, 2, 3) for fds in itertools.combinations((0, 1, 2), count)]
+each_set_of_closed_streams = pytest.mark.parametrize("closed", SETS_OF_STREAMS, ids=str)
 
 
 @pytest.fixture
@@ -297,6 +299,21 @@ def test_closed_streams_affect_neither_status_nor_files_nor_log(sandbox, no_leak
     result = sandbox.run("--init-db", close_fds=closed, env=no_leak_of_libc)
     assert [(record.ident, record.priority) for record in result.records] == [("arspctl", 18), ("arspctl", 18)]
     assert result.status == 1
+
+
+@pytest.mark.parametrize("command", scenes.COMMANDS)
+def test_closed_streams_leave_rows_and_files_as_a_usual_run_does(scene, no_leak_of_libc, command):
+    for closed in SETS_OF_STREAMS:
+        scene.begin()
+        fails = 0 in closed and scene.command.stdin != b""  # there is nothing to read
+
+        result = scene.sandbox.run(*scene.command.args, stdin=scene.command.stdin, close_fds=closed, env=no_leak_of_libc)
+
+        assert (result.status, [record.text for record in result.records]) == (
+            (1, ["Unable to read standard input: Bad file descriptor"]) if fails else (0, []))
+        rows = scene.rows()
+        assert rows == (scene.command.before if fails else scene.command.after)
+        assert scene.files_problem(rows) is None
 
 
 @each_set_of_closed_streams

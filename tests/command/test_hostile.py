@@ -13,7 +13,7 @@ import pytest
 from harness import DELETED_CWD, DONE, Result
 from harness.mailboxes import DIRECTORY, MAILNAME, SET_RESP, error_texts, put_file, run_sql
 from torture import errors
-from torture.scene import COMMANDS, Scene
+from torture.scene import COMMANDS
 
 ADD_ATTACH = ("--add-attach", *MAILNAME, "--source", "/tmp/source", "--filename")
 DEL_ATTACH = ("--del-attach", *MAILNAME, "--filename")
@@ -24,15 +24,6 @@ ALL_BYTES = bytes(range(1, 256))  # 0 ends an argument
 LONGEST = 128 * 1024 - 1  # bytes of an argument, without the final 0
 TOO_LONG = b"x" * LONGEST
 SHELL_BYTES = b'"$`\\'  # special between double quotes
-
-
-@pytest.fixture
-def scene(request, sandbox):
-    """The scene of the command that the test is parametrized with."""
-    made = Scene(sandbox, request.getfixturevalue("command"))
-    made.begin()
-    yield made
-    made.close()
 
 
 each_command = pytest.mark.parametrize("command", COMMANDS)
@@ -148,13 +139,17 @@ HOSTILE = {
     "TMPDIR": "/nonexistent", "SQLITE_TMPDIR": "/nonexistent", "HOME": "/nonexistent", "LD_BIND_NOW": "1",
     "TZ": "../../../../etc/passwd", "LANG": "%n", "LC_ALL": "tr_TR.UTF-8", "LANGUAGE": "%s", "NLSPATH": "/tmp/source",
     "LOCPATH": "/tmp", "MALLOC_PERTURB_": "165", "QUARN_LOG_LEVEL": "7777", "QUARN_LOG_TRACE_ID": "%n" * 100,
-    "HOSTALIASES": "/tmp/source", "": "no name", "WITHOUT": "\n=\x01\x7f",
+    "HOSTALIASES": "/tmp/source", "GLIBC_TUNABLES": "glibc.malloc.mxfast=" * 2 + "x:" * 5000, "": "no name", "WITHOUT": "\n=\x01\x7f",
     **{f"HUGE{i}": "x" * 100000 for i in range(10)},
 }
 
 
-@pytest.mark.parametrize("options", [{"env": {}}, {"env": HOSTILE}, {"cwd": DELETED_CWD}],
-                         ids=["empty environment", "hostile environment", "deleted working directory"])
+OUTSIDE = os.open("/", os.O_PATH | os.O_DIRECTORY)  # as a working directory, one without a path inside
+
+
+@pytest.mark.parametrize("options", [{"env": {}}, {"env": HOSTILE}, {"cwd": DELETED_CWD}, {"cwd": OUTSIDE}],
+                         ids=["empty environment", "hostile environment", "deleted working directory",
+                              "working directory outside"])
 @each_command
 def test_environment_and_working_directory_affect_no_command(scene, command, options):
     result = scene.sandbox.run(*scene.command.args, stdin=scene.command.stdin, **options)
