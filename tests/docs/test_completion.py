@@ -48,6 +48,7 @@ class Shell:
         self._terminal, terminal = pty.openpty()
         self._results, results = os.pipe()
         self._rest = b""
+        self.directory = directory
 
         self._process = subprocess.Popen(
             words, stdin=terminal, stdout=terminal, stderr=terminal, cwd=directory, start_new_session=True,
@@ -59,6 +60,13 @@ class Shell:
 
     def complete(self, line):
         """Types `line`, inserts all completions of its last word and returns them."""
+        typed = re.match(r"(.*\s)?", line)[0]
+        completed = self.completed_line(line)
+        assert completed.startswith(typed)
+        return completed[len(typed):].split()
+
+    def completed_line(self, line):
+        """Types `line`, inserts all completions of its last word and returns the line."""
         os.write(self._terminal, f"{line}\x1b*\x18t".encode())
         while b"\0" not in self._rest:
             ready, _, _ = select.select([self._results, self._terminal], [], [], 30)
@@ -68,9 +76,7 @@ class Shell:
             if self._results in ready:
                 self._rest += os.read(self._results, 4096)
         completed, self._rest = self._rest.split(b"\0", 1)
-        typed = re.match(r"(.*\s)?", line)[0]
-        assert completed.decode().startswith(typed)
-        return completed.decode()[len(typed):].split()
+        return completed.decode()
 
     def end(self):
         os.killpg(self._process.pid, signal.SIGKILL)
@@ -95,6 +101,21 @@ def shell(request, tmp_path_factory):
     shell.name = request.param
     yield shell
     shell.end()
+
+
+HOSTILE_NAMES = ["$(>x)", "`>x`", ";>x", "|>x", "a\n$(>x)\n`>x`\n>x", "'$(>x)'\"$(>x)", "-$(>x)", "${x[$(>x)]}", "*"]
+
+
+@pytest.mark.parametrize("line", ["arspctl --add-attach --source hostile/", "arspinfo export hostile/"])
+def test_completion_runs_nothing_of_a_file_name(shell, line):
+    for name in HOSTILE_NAMES:
+        (shell.directory / "hostile" / f"{name}.d").mkdir(parents=True, exist_ok=True)
+        (shell.directory / "hostile" / name).touch()
+
+    completed = shell.completed_line(line)
+
+    assert completed.count(">x") >= len(HOSTILE_NAMES) - 1  # the last has none
+    assert not (shell.directory / "x").exists()
 
 
 COLUMNS = ["MAILNAME", "OWNER", "SUBJECT", "TYPE", "CHARSET", "TRIGGER", "FREQ", "LIMIT", "FORWARD", "REPLYTO", "SIZE",
