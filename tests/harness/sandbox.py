@@ -217,6 +217,10 @@ class Sandbox:
         self._running.append(running)
         return running
 
+    def enter(self):
+        """Moves the calling process, a forked one, into the root for good."""
+        self._root.enter()
+
     def _provide(self, program):
         if program == INFO_PROGRAM:
             self._root.add_program(str(PROGRAMS_DIRECTORY / "info" / "arspinfo"), INFO_PROGRAM)
