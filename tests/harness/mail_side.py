@@ -1,6 +1,5 @@
 """The mail delivery side of the database: tests/outside/mail_side.py as a process, and requests to it."""
 
-import contextlib
 import json
 import subprocess
 import sys
@@ -35,11 +34,3 @@ class MailSide:
         status = self._process.wait()
         self._process.stdout.close()
         assert status == 0
-
-
-@contextlib.contextmanager
-def mail_side_at_work(sandbox):
-    """A MailSide for the duration of the block."""
-    side = MailSide(sandbox)
-    yield side
-    side.leave()

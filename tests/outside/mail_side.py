@@ -7,14 +7,18 @@ Each line of standard input is a request in JSON, each line of standard output i
     ["answer", MAILBOX, SENDER, TIME]         the reply to one mail; null without an autoresponder, and when the sender
                                               has received enough replies
     ["answers", MAILBOX, SENDER, TIME, COUNT] how many of COUNT mails were replied to
-    ["count", MAILBOX, SENDER]                counts replies, one short transaction each, until more input or the end of
-                                              input; returns the number
+    ["read", MAILBOXES, RATE]                 reads RATE replies a second, each of one of the mailboxes, until more
+                                              input; returns [begin, end, mailbox, outcome] of each: whether there is an
+                                              autoresponder, or an error
+    ["count", MAILBOXES, RATE]                the same, but counts replies
     ["sql", SQL]                              the rows, over the same connection
     ["reconnect"]                             null; the connection is new
 """
 
+import contextlib
 import json
 import os
+import random
 import select
 import sqlite3
 import sys
@@ -23,12 +27,12 @@ import time
 DATABASE = "/var/lib/quarn/mail/autoresponder/responder.db"
 MAILNAMES = "/var/qmail/mailnames"
 TIMEOUT = 30  # seconds that this side waits for a lock
-PATIENCE = 5  # seconds within which another reply must be counted
-PAUSE = 0.002  # seconds between two counted replies
+PAUSE = 0.001  # seconds between two attempts of a step that a lock refuses
+SENDER = "sender@example.net"  # of the mails to many mailboxes
 
 
-def connect():
-    return sqlite3.connect(f"file:{DATABASE}?mode=rw", uri=True, timeout=TIMEOUT, isolation_level=None)
+def connect(timeout=TIMEOUT):
+    return sqlite3.connect(f"file:{DATABASE}?mode=rw", uri=True, timeout=timeout, isolation_level=None)
 
 
 def answer(db, mailbox, sender, when):
@@ -69,30 +73,56 @@ def attachment(real_owner, name):
         return file.read()
 
 
-def count_one(db, mailbox, sender):
-    """Counts one reply; returns whether it did. A transaction that has read cannot write after another writer's
-    commit."""
+def repeated(step, *arguments):
+    """Repeats a step until no lock refuses it, more often than SQLite: its pauses grow to a tenth of a second."""
+    while True:
+        try:
+            return step(*arguments)
+        except sqlite3.OperationalError as error:
+            if str(error) != "database is locked":
+                raise
+        time.sleep(PAUSE)
+
+
+def read_one(db, mailbox):
+    """Reads what a reply consists of. Every list of extra headers consists of two with the same value."""
     db.execute("BEGIN")
-    db.execute("SELECT num FROM resp_freq WHERE mn = ? AND email = ?", (mailbox, sender)).fetchall()
-    try:
-        db.execute("UPDATE resp_freq SET num = num + 1 WHERE mn = ? AND email = ?", (mailbox, sender))
-    except sqlite3.OperationalError as error:
-        if "locked" not in str(error):
-            raise
-        db.execute("ROLLBACK")
-        return False
+    found = repeated(lambda: db.execute("SELECT * FROM autoresponder WHERE mn = ?", (mailbox,)).fetchall())
+    db.execute("SELECT filename FROM attachments WHERE mn = ?", (mailbox,)).fetchall()
+    values = db.execute("SELECT value FROM extra_headers ORDER BY rowid").fetchall()
     db.execute("COMMIT")
-    return True
+    return bool(found) if values[::2] == values[1::2] else f"torn extra headers: {values}"
 
 
-def count_replies(db, mailbox, sender):
-    counted, last = 0, time.monotonic()
-    while not select.select([sys.stdin], [], [], PAUSE)[0]:
-        if count_one(db, mailbox, sender):
-            counted, last = counted + 1, time.monotonic()
-        elif time.monotonic() > last + PATIENCE:
-            sys.exit(f"kept from writing for {PATIENCE} seconds")
-    return counted
+def count_one(db, mailbox):
+    """Counts a reply to SENDER. A transaction that has read cannot write after another writer's commit: it starts
+    again."""
+    if db.in_transaction:
+        db.execute("ROLLBACK")
+    db.execute("BEGIN")
+    found = db.execute("SELECT 1 FROM autoresponder WHERE mn = ?", (mailbox,)).fetchall()
+    if found:
+        db.execute("INSERT INTO resp_freq VALUES (?, ?, 1, 0) ON CONFLICT (mn, email) DO UPDATE SET num = num + 1",
+                   (mailbox, SENDER))
+    repeated(db.execute, "COMMIT")
+    return bool(found)
+
+
+def serve(transaction, mailboxes, rate):
+    """Opens the database for each transaction: --init-db may have replaced it."""
+    chance, done, start = random.Random(0), [], time.monotonic()
+    while not select.select([sys.stdin], [], [], max(0, start + len(done) / rate - time.monotonic()))[0]:
+        mailbox, begin = chance.choice(mailboxes), time.monotonic()
+        try:
+            with contextlib.closing(connect(timeout=0)) as db:
+                outcome = repeated(transaction, db, mailbox)
+        except sqlite3.Error as error:
+            outcome = str(error)
+        done.append([begin, time.monotonic(), mailbox, outcome])
+    return done
+
+
+SERVED = {"read": read_one, "count": count_one}
 
 
 def main():
@@ -111,8 +141,8 @@ def main():
         elif what == "answers":
             *mail, count = args
             result = sum(answer(db, *mail) is not None for _ in range(count))
-        elif what == "count":
-            result = count_replies(db, *args)
+        elif what in SERVED:
+            result = serve(SERVED[what], *args)
         elif what == "sql":
             result = db.execute(*args).fetchall()
         elif what == "reconnect":
