@@ -69,7 +69,7 @@ def installed(sandbox_directory):
 @pytest.fixture(scope="session")
 def compiler_flags():
     """The flags that a program needs to link libraries that were built like those under test."""
-    flags = {"ARSP_SANITIZE": "-fsanitize=address,undefined", "ARSP_COVERAGE": "--coverage"}
+    flags = {"ARSP_SANITIZE": "-fsanitize=address,undefined", "ARSP_COVERAGE": "-fprofile-instr-generate"}
     return [flag for option, flag in flags.items() if in_build_cache(option) == "ON"]
 
 

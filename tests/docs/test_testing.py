@@ -14,5 +14,5 @@ import check  # noqa: E402
 def test_excluded_line_exists_and_has_a_reason(exclusion):
     file, line, reason = exclusion
 
-    assert check.places(file, line)
+    assert check.numbers(file, line)
     assert reason

@@ -27,8 +27,8 @@ CHROOT_PROGRAMS = ("/bin/sh", "/bin/cp", "/usr/bin/strace", "/usr/bin/sqlite3", 
                    "/usr/bin/xargs", "/bin/chmod", "/bin/chown", "/bin/mkdir", "/bin/mv", "/bin/rm")
 DEVICES = {"null": (1, 3), "zero": (1, 5), "full": (1, 7), "random": (1, 8), "urandom": (1, 9)}
 
-# A build directory whose programs write coverage counts into it; set by scripts/coverage.
-COUNTED_BUILD = os.environ.get("ARSP_COUNTED_BUILD")
+# The directory into which the programs of the preset "coverage" write their counts; set by scripts/coverage.
+PROFILES = os.environ.get("ARSP_PROFILES")
 
 CLONE_NEWNS = 0x00020000
 MS_RDONLY, MS_REMOUNT, MS_BIND, MS_MOVE, MS_REC, MS_PRIVATE = 0x1, 0x20, 0x1000, 0x2000, 0x4000, 0x40000
@@ -227,9 +227,9 @@ class PrivateRoot:
         for path in [*_shown_directories(), "/proc"]:
             os.makedirs(self._outside(path), exist_ok=True)
             bind_read_only(path, self._outside(path))
-        if COUNTED_BUILD:
-            os.makedirs(self._outside(COUNTED_BUILD), exist_ok=True)
-            mount(COUNTED_BUILD, self._outside(COUNTED_BUILD), MS_BIND)
+        if PROFILES:
+            os.makedirs(self._outside(PROFILES), exist_ok=True)
+            mount(PROFILES, self._outside(PROFILES), MS_BIND)
         os.chdir(self.directory)
         mount(".", "/", MS_MOVE)  # unlike pivot_root this also works where "/" is the kernel's first file system
         os.chroot(".")

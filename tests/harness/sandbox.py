@@ -175,9 +175,6 @@ class Sandbox:
             # The search for leaks cannot trace arspinfo either, once that has another user's rights.
             environment.update(self._sanitizer_options(leaks=not traced and path != private_root.INFO_PROGRAM))
 
-        if private_root.COUNTED_BUILD and resource.RLIMIT_FSIZE in (rlimits or {}):
-            environment["GCOV_PREFIX"] = "/tmp"  # a count that is cut off would spoil those of all runs
-
         def go_in():
             self._root.enter()
             if cwd is DELETED_CWD:
