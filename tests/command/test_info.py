@@ -1,5 +1,6 @@
 """What all subcommands of arspinfo have in common: their rights, their outputs, and that they change nothing."""
 
+import json
 import os
 import re
 import shutil
@@ -8,7 +9,7 @@ import pytest
 
 from harness import INFO_PROGRAM
 from harness.info import put_row
-from harness.mailboxes import MAIL_TREE
+from harness.mailboxes import MAIL_TREE, run_sql
 from harness.sandbox import DATABASE
 
 COMMANDS = {"list": ("list",), "show": ("show", "user@example.org"), "check": ("check",), "export": ("export", "/out")}
@@ -151,6 +152,19 @@ def test_closed_streams_get_none_of_the_files(box, command, closed):
     assert box.path(DATABASE).read_bytes() == database
     if command == "export":
         assert box.path("/out/restore.sh").read_bytes().startswith(b"#!/bin/sh\n")
+
+
+@pytest.mark.parametrize("value", ["NULL", "x'00ff'", "'no number'", "1e400", "9223372036854775807", "-0.0"])
+def test_json_is_valid_whatever_type_a_value_has(box, value):
+    run_sql(box, f"""UPDATE autoresponder SET (subject, body, keystr, ans_freq, ans_limit) =
+        ({value}, {value}, {value}, {value}, {value}) WHERE mn = 'user@example.org';
+        INSERT INTO resp_freq VALUES ('user@example.org', 'x', {value}, 9e15)""")
+    columns = "MAILNAME,SUBJECT,TRIGGER,FREQ,LIMIT,SIZE,REPLIES"
+    *_, row = json.loads(box.info("list", "--json", "-o", columns).stdout)["autoresponders"]
+    assert row["mailname"] == "user@example.org"
+    assert isinstance(row["freq"], int | None)
+    assert json.loads(box.info("show", "--json", "user@example.org").stdout)["mailname"] == "user@example.org"
+    assert json.loads(box.info("check", "--json").stdout)["summary"].keys() == {"errors", "warnings", "notes"}
 
 
 # -- the command line
