@@ -12,8 +12,8 @@ import pytest
 
 from harness import INFO_PROGRAM
 from harness.info import ASCII, in_terminal, put_row, texts
-from harness.mailboxes import (DIRECTORY, FILE, MAIL_TREE, STRANGER, add_attachment_rows, make_directories, put_file,
-                               put_link, run_sql)
+from harness.mailboxes import (DIRECTORY, FILE, MAIL_TREE, ROOT, STRANGER, add_attachment_rows, make_directories,
+                               put_file, put_link, run_sql)
 
 OUT = "/tmp/out"
 MEMORY = "/dev/shm"
@@ -374,18 +374,19 @@ def make_sparse(sandbox, path, size):
 
 
 @pytest.mark.parametrize(("make", "reason"), [
-    (lambda root: put_link(root, FILE, "/root/secret", owner=root.popuser), "it is not a regular file"),
-    (lambda root: put_link(root, FILE, "/root/secret", owner=(0, 0)), "it is not a regular file"),
+    (lambda root: put_link(root, FILE, "/srv/secret", owner=root.popuser), "it is not a regular file"),
+    (lambda root: put_link(root, FILE, "/srv/secret", owner=(0, 0)), "it is not a regular file"),
     (lambda root: os.mkfifo(root.path(FILE), 0o666), "it is not a regular file"),
     (lambda root: root.path(FILE).mkdir(), "it is not a regular file"),
     (lambda root: put_file(root, FILE, b"secret", owner=(0, 0)), "Permission denied"),
-    (lambda root: (root.path(DIRECTORY).rmdir(), put_link(root, DIRECTORY, "/root", owner=root.popuser)),
+    (lambda root: (root.path(DIRECTORY).rmdir(), put_link(root, DIRECTORY, "/srv", owner=root.popuser)),
      "Too many levels of symbolic links"),
     (lambda root: root.path(DIRECTORY).chmod(0), "Permission denied"),
 ], ids=["link", "link of root", "fifo", "directory", "file of root", "link in the path", "closed directory"])
 def test_attachment_that_the_mail_user_cannot_read_is_left_out(two, make, reason):
-    put_file(two, "/root/secret", b"secret", owner=(0, 0))
-    put_file(two, "/root/report.pdf", b"secret", owner=(0, 0), mode=0o644)
+    make_directories(two, "/srv", owner=ROOT, mode=0o755)
+    put_file(two, "/srv/secret", b"secret", owner=(0, 0))
+    put_file(two, "/srv/report.pdf", b"secret", owner=(0, 0), mode=0o644)
     two.path(FILE).unlink()
     make(two)
     result = export(two, timeout=10)

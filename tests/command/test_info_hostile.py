@@ -20,10 +20,11 @@ from harness.sandbox import DATABASE
 USER = "user@example.org"
 PLACE = os.path.dirname(DATABASE)
 JOURNAL = DATABASE + "-journal"
+EXPORT = ("export", "/export")
 PAGE = 4096
 SUBCOMMANDS = [("list",), ("list", "--json"), ("list", "--raw", "--output", "+OWNER,CHARSET,LIMIT,FORWARD,REPLYTO"),
                ("show", USER), ("show", "--json", USER), ("show", "--body", USER), ("check",), ("check", "--json"),
-               ("export", "/root/export")]
+               EXPORT]
 
 
 def state(sandbox):
@@ -285,12 +286,12 @@ def test_every_subcommand_ends_with_a_result_or_an_error_and_changes_nothing(mai
         else:  # a part may be readable
             assert result.status == 0 or (result.status == 1 and result.stderr), (words, result)
     if case.usable or case.code != "db-damaged":
-        assert mailbox.path("/root/export/restore.sh").exists() == case.usable
+        assert mailbox.path(EXPORT[1] + "/restore.sh").exists() == case.usable
 
 
 def test_a_check_ends_when_the_database_is_too_large_to_be_copied(mailbox):
     sparse(keep=True)(mailbox)
-    for words in (("check",), ("export", "/root/export")):
+    for words in (("check",), EXPORT):
         assert_is_error(words, mailbox.info(*words))
 
 
