@@ -112,6 +112,18 @@ def test_missing_mail_user_is_an_error(box, command):
     assert (result.status, result.stdout, result.stderr) == (FAILED[command], b"", b"arspinfo: no user popuser\n")
 
 
+def test_user_database_that_cannot_be_read_is_an_error(box):
+    box.path("/etc/passwd").unlink()
+    assert box.info("check").stderr == b"arspinfo: no user popuser: No such file or directory\n"
+
+
+@pytest.mark.parametrize("call", ["setgroups", "setresgid", "setresuid"])
+def test_rights_that_cannot_be_taken_end_the_run(box, needs_tracing, call):
+    result, _ = box.trace("check", program=INFO_PROGRAM, calls=call, inject=[f"{call}:error=EPERM:when=1"])
+    assert (result.status, result.stdout, result.stderr) == (
+        2, b"", b"arspinfo: cannot take the rights of popuser: Operation not permitted\n")
+
+
 def test_nothing_is_changed(box, command):
     before = {top: box.tree(top) for top in ("/var", "/etc", "/tmp")}
     times = box.path(DATABASE).stat().st_mtime_ns, box.path(DATABASE).parent.stat().st_mtime_ns

@@ -4,6 +4,7 @@ changes nothing."""
 import contextlib
 import json
 import os
+import resource
 import socket
 import sqlite3
 import stat
@@ -202,9 +203,23 @@ class Case:
     make: Callable
     code: str | None  # of the finding, if any
     usable: bool = False  # whether the other subcommands have a result
+    message: str | None = None  # of the other subcommands, unless it is that of the code
+
+
+MESSAGES = {
+    "db-missing": f"cannot open {DATABASE}: No such file or directory",
+    "db-unreadable": f"cannot open {DATABASE}: Permission denied",
+    "db-type": f"{DATABASE} is no regular file",
+    "db-wal": f"{DATABASE} uses a write-ahead log, which only a writer can read",
+    "db-schema": f"{DATABASE} has not the tables of arspctl --init-db",
+    "db-journal": f"cannot read {DATABASE}: an interrupted command left a journal that must be rolled back first",
+}
 
 
 CASES = [
+    Case("missing", lambda sandbox: sandbox.path(DATABASE).unlink(), "db-missing"),
+    Case("closed", lambda sandbox: sandbox.path(DATABASE).chmod(0), "db-unreadable"),
+    Case("closed directory", lambda sandbox: sandbox.path(PLACE).chmod(0), "db-unreadable"),
     Case("trigger", changed_schema("CREATE TRIGGER t AFTER UPDATE ON autoresponder BEGIN DELETE FROM attachments; END"),
          "db-schema"),
     Case("endless view", changed_schema("DROP TABLE autoresponder; CREATE VIEW autoresponder AS "
@@ -243,9 +258,11 @@ CASES = [
     Case("socket", instead(DATABASE, unix_socket), "db-type"),
     Case("device", instead(DATABASE, lambda path: os.mknod(path, stat.S_IFCHR | 0o666, os.makedev(1, 5))), "db-type"),
     Case("link to itself", lambda sandbox: (sandbox.path(DATABASE).unlink(),
-                                            put_link(sandbox, DATABASE, DATABASE, sandbox.popuser)), "db-link"),
+                                            put_link(sandbox, DATABASE, DATABASE, sandbox.popuser)), "db-link",
+         message=f"cannot open {DATABASE}: Too many levels of symbolic links"),
     Case("link to a device", lambda sandbox: (sandbox.path(DATABASE).unlink(),
-                                              put_link(sandbox, DATABASE, "/dev/zero", sandbox.popuser)), "db-link"),
+                                              put_link(sandbox, DATABASE, "/dev/zero", sandbox.popuser)), "db-link",
+         message=MESSAGES["db-type"]),
     Case("sparse file", sparse(keep=False), "db-damaged"),
 ]
 
@@ -283,6 +300,7 @@ def test_every_subcommand_ends_with_a_result_or_an_error_and_changes_nothing(mai
             assert result.status in (0, 1) and result.stdout, (words, result)
         elif case.code != "db-damaged":
             assert_is_error(words, result)
+            assert result.stderr.decode() == f"arspinfo: {case.message or MESSAGES[case.code]}\n", words
         else:  # a part may be readable
             assert result.status == 0 or (result.status == 1 and result.stderr), (words, result)
     if case.usable or case.code != "db-damaged":
@@ -292,20 +310,31 @@ def test_every_subcommand_ends_with_a_result_or_an_error_and_changes_nothing(mai
 def test_a_check_ends_when_the_database_is_too_large_to_be_copied(mailbox):
     sparse(keep=True)(mailbox)
     for words in (("check",), EXPORT):
-        assert_is_error(words, mailbox.info(*words))
-
-
-def test_reading_ends_when_counting_never_would(mailbox):
-    pages_below_themselves("respfreq", 0x02)(mailbox)
-    for words, result in run_all(mailbox, [("list",), ("show", USER)]).items():
+        result = mailbox.info(*words)
         assert_is_error(words, result)
+        assert result.stderr.decode() == f"arspinfo: {DATABASE} is too large to be copied to memory\n"
 
 
-def test_more_rows_than_the_file_can_hold_are_not_read(mailbox):
-    pages_below_themselves("extra_headers", 0x05)(mailbox)
-    result = mailbox.info("show", USER)
-    assert_is_error(("show",), result)
-    assert result.stderr.endswith(b"it has more rows than room\n")
+@pytest.mark.unsanitized
+@pytest.mark.parametrize(("words", "message"), [
+    (("show", USER), "std::bad_alloc"), (("check",), f"cannot read {DATABASE}: out of memory"),
+    (EXPORT, f"cannot read {DATABASE}: out of memory")], ids=["show", "check", "export"])
+def test_lack_of_memory_is_an_error(mailbox, words, message):
+    run_sql(mailbox, "UPDATE autoresponder SET body = zeroblob(40000000)")
+    result = mailbox.info(*words, rlimits={resource.RLIMIT_AS: 60_000_000})
+    assert_is_error(words, result)
+    assert result.stderr.decode() == f"arspinfo: {message}\n"
+
+
+@pytest.mark.parametrize(("name", "kind", "words", "problem"), [
+    ("respfreq", 0x02, ("list",), "it takes too long"),
+    ("respfreq", 0x02, ("show", USER), "it has more rows than room"),
+    ("extra_headers", 0x05, ("show", USER), "it has more rows than room")])
+def test_reading_ends_where_a_tree_has_no_end(mailbox, name, kind, words, problem):
+    pages_below_themselves(name, kind)(mailbox)
+    result = mailbox.info(*words)
+    assert_is_error(words, result)
+    assert result.stderr.decode() == f"arspinfo: cannot read {DATABASE}: {problem}\n"
 
 
 def test_a_locked_database_is_waited_for_only_some_seconds(mailbox):

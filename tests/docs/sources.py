@@ -13,6 +13,10 @@ SQL = re.compile(r"(SELECT|REPLACE|DELETE|BEGIN|END|CREATE)\b")
 NO_MESSAGES = {"cli/options.cpp", "store/schema.h"}  # the help page and the schema
 FILE_TYPES = {"regular file", "character device", "block device", "symbolic link"}
 
+# Statements of info/ with a message that ends a run, and with the reasons of `export` for leaving something out.
+INFO_FAILURE = r"\b(?:Database)?Failure\([^;]*;|text \+= [^;]*;"
+INFO_REASON = r'\bskip\w*\([^;]*;|return "(?:its|a) [^;]*;'
+
 # Messages that the code composes from more than one literal.
 COMPOSED = {
     "Error: ": "Error: Missing option: %s",
@@ -60,6 +64,12 @@ def messages():
             if path.suffix in (".cpp", ".h") and name not in NO_MESSAGES:
                 found.update((literal, name) for literal in literals(path) if is_message(literal))
     return found
+
+
+def info_messages(statement):
+    """The words of each message of arspinfo that is in a statement of this pattern."""
+    return {words for path in (REPOSITORY / "info").glob("*.cpp") for text in re.findall(statement, path.read_text())
+            for words in (literal.strip(" :/") for literal in re.findall(r'"((?:\\.|[^"\\])*)"', text)) if " " in words}
 
 
 def as_pattern(literal):

@@ -8,7 +8,7 @@ from sources import REPOSITORY
 CELLS = ["Command", "Failure", "Exit status", "Database", "Files", "Log record", "Test"]
 COMMANDS = ["any", "--init-db", "--set-resp", "--del-resp", "--add-attach", "--del-attach", "--set-extra-headers",
             "record operation", "library function", "any of `arspinfo", "arspinfo list", "arspinfo show",
-            "arspinfo export"]
+            "arspinfo check", "arspinfo export"]
 LINES = re.findall(r"^\| (?!--)(.*) \|$", (REPOSITORY / "docs" / "failures.md").read_text(), re.MULTILINE)
 HEAD, *ROWS = [[cell.strip() for cell in line.split(" | ")] for line in LINES]
 
@@ -34,6 +34,8 @@ def test_named_tests_exist():
 
 def test_every_message_is_in_the_table():
     records = " ".join(row[5] for row in ROWS)
+    printed = " ".join(row[5] for row in ROWS if "arspinfo" in row[0])
 
     assert [literal for literal in sources.messages()
             if literal not in sources.PARTS and not sources.as_pattern(literal).search(records)] == []
+    assert {words for words in sources.info_messages(sources.INFO_FAILURE) if words not in printed} == set()

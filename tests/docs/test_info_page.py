@@ -5,10 +5,10 @@ import subprocess
 
 import manual
 import pytest
+import sources
 from sources import REPOSITORY
 
 INFO = REPOSITORY / "info"
-MESSAGE = re.compile(r"(?:Failure|skip|excuse|refuse)\((?!const)[^;]*;|return \"[^;]*;|text \+= [^;]*;", re.DOTALL)
 CODE = re.compile(r"[a-z]+(?:-[a-z]+)+|link|number")
 
 
@@ -58,12 +58,6 @@ def test_findings_are_those_of_the_code(page):
 
 def test_messages_of_the_code_are_in_the_page(page):
     diagnostics = " ".join(manual.section(page, "DIAGNOSTICS").split())
-    missing = []
-    for name in ("database", "export", "list", "output", "records", "rights"):
-        for statement in MESSAGE.findall((INFO / f"{name}.cpp").read_text()):
-            for literal in re.findall(r'"((?:\\.|[^"\\])*)"', statement):
-                words = literal.strip(" :/")
-                if " " in words and words not in diagnostics:
-                    missing.append(f"{name}: {words}")
+    messages = sources.info_messages(f"{sources.INFO_FAILURE}|{sources.INFO_REASON}")
 
-    assert missing == []
+    assert {words for words in messages if words not in diagnostics} == set()
