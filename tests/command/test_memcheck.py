@@ -1,11 +1,15 @@
-"""valgrind's memcheck over each command: no error and no leak."""
+"""valgrind's memcheck over each command of both programs: no error and no leak."""
 
+import os
 import subprocess
 
 import pytest
-from harness.mailboxes import (ADD_NEW, DEL, DEL_RESP, DIRECTORY, MAILNAME, SET_EXTRA_HEADERS, error_texts,
+from harness import INFO_PROGRAM
+from harness.info import put_row
+from harness.mailboxes import (ADD_NEW, DEL, DEL_RESP, DIRECTORY, FILE, MAILNAME, SET_EXTRA_HEADERS, error_texts,
                                make_directories, run_sql)
 from harness.private_root import PROGRAM
+from harness.sandbox import DATABASE
 
 STATUS = 98  # the tool never exits with it
 REPORT = "/.memcheck"
@@ -34,9 +38,18 @@ def mailbox(mailbox_with_attachment):
     return mailbox_with_attachment
 
 
-def memcheck(sandbox, *args, stdin=b""):
-    """Runs the tool under memcheck; fails with its report after an error or a leak."""
-    result = sandbox.execute(*VALGRIND, PROGRAM, *args, stdin=stdin, timeout=120)
+@pytest.fixture
+def readable(mailbox):
+    """The root `mailbox` with arspinfo in it and a value in every column."""
+    run_sql(mailbox, "DELETE FROM autoresponder")
+    put_row(mailbox, "user@example.org")
+    mailbox.info("--help")  # provides it
+    return mailbox
+
+
+def memcheck(sandbox, *args, stdin=b"", program=PROGRAM):
+    """Runs the program under memcheck; fails with its report after an error or a leak."""
+    result = sandbox.execute(*VALGRIND, program, *args, stdin=stdin, timeout=120)
     report = sandbox.path(REPORT).read_text(errors="replace")
     assert not report and result.status != STATUS, f"memcheck reports:\n{report}"
     return result
@@ -72,6 +85,34 @@ def test_command_that_fails_makes_no_error_and_loses_nothing(mailbox, args, stdi
     result = memcheck(mailbox, *args, stdin=stdin)
 
     assert (result.status, error_texts(result)) == (1, texts)
+
+
+@pytest.mark.parametrize("args", [
+    ("list",), ("list", "--json"), ("show", "user@example.org"), ("show", "--json", "user@example.org"), ("check",),
+    ("export", "/out")], ids=" ".join)
+def test_arspinfo_that_succeeds_makes_no_error_and_loses_nothing(readable, args):
+    result = memcheck(readable, *args, program=INFO_PROGRAM)
+
+    assert (result.status, result.stderr) == (0, b"")
+    assert result.stdout
+
+
+@pytest.mark.parametrize(("args", "spoil", "status", "message"), [
+    (("list",), lambda box: run_sql(box, "DROP TABLE resp_freq"), 1,
+     f"{DATABASE} has not the tables of arspctl --init-db"),
+    (("show", "a@example.org"), lambda box: None, 1, "a@example.org has no autoresponder"),
+    (("check",), lambda box: os.truncate(box.path(DATABASE), 1 << 40), 2,
+     f"{DATABASE} is too large to be copied to memory"),
+    (("export", "/out"), lambda box: box.path(FILE).unlink(), 1,
+     "not restored: user@example.org: attachment report.pdf: No such file or directory"),
+    (("export", "/var"), lambda box: None, 1, "/var exists and is not empty"),
+], ids=["list", "show", "check", "export with a loss", "export"])
+def test_arspinfo_that_fails_makes_no_error_and_loses_nothing(readable, args, spoil, status, message):
+    spoil(readable)
+
+    result = memcheck(readable, *args, program=INFO_PROGRAM)
+
+    assert (result.status, result.stderr.decode()) == (status, f"arspinfo: {message}\n")
 
 
 def test_refused_command_line_makes_no_error_and_loses_nothing(sandbox):
