@@ -10,7 +10,7 @@ from dataclasses import dataclass
 
 # What is never changed, except for the texts of string and character literals.
 MASKED = re.compile(r"""
-    (?P<string>"(?:\\.|[^"\\\n])*") | (?P<char>'(?:\\.|[^'\\\n])') |
+    (?P<raw>R"(?P<end>\w*)\((?P<text>.*?)\)(?P=end)") | (?P<string>"(?:\\.|[^"\\\n])*") | (?P<char>'(?:\\.|[^'\\\n])') |
     //[^\n]* | /\*.*?\*/ | ^[ \t]*\#(?:\\\n|[^\n])* | \bstatic_assert\b[^;]*; | __attribute__\(\(.*?\)\)\)?
 """, re.DOTALL | re.MULTILINE | re.VERBOSE)
 COMMENT = re.compile(r"\s*(?://.*|/\*.*?(?:\*/|$))")
@@ -94,6 +94,8 @@ def places(text):
     for match in MASKED.finditer(text):
         if match.lastgroup == "string" and (others := with_another_letter(match[0])):
             yield "letter", match.start(), match[0], others
+        elif match.lastgroup == "raw":
+            yield "letter", match.start("text"), match["text"], with_another_letter(match["text"])
         elif match.lastgroup == "char" and "\\" not in match[0]:
             yield "constant", match.start(), match[0], ["'#'" if match[0] != "'#'" else "'+'"]
     for match in OPERATOR.finditer(masked):

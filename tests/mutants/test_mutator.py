@@ -8,7 +8,7 @@ import pytest
 
 sys.path.insert(0, str(Path(__file__).resolve().parents[1]))
 
-from mutants import cage  # noqa: E402
+from mutants import cage, workshop  # noqa: E402
 from mutants.mutator import MASKED, drawn, places  # noqa: E402
 from mutants.workshop import known_equivalents, sources  # noqa: E402
 
@@ -20,6 +20,7 @@ CHANGES = {
         "'x' -> '#'", "1 -> 0", "1 -> 2"},
     'return "Ab";': {'"Ab" -> "bb"', '"Ab" -> "Aa"'},
     r'return "%-5ld\n a%%";': {r'"%-5ld\n a%%" -> "%-5ld\naa%%"', r'"%-5ld\n a%%" -> "%-5ld\n b%%"'},
+    'return R"x("a" !=\n)x";': {'"a" !=\n -> "b" !=\n', '"a" !=\n -> "a"a!=\n'},
     "std::string c = a;\n    g(c);": {"g(c); -> {}"},  # no declaration is removed
     "if (b)\n        h();": {"b -> !(b)", "h(); -> {}"},
     "g(a);\n    h(b);": {"g(a); -> {}", "h(b); -> {}", "g(a);\n    h(b); -> h(b);\n    g(a);"},
@@ -56,6 +57,16 @@ def test_mutant_differs_in_its_place_only():
         assert new != old
         assert new[:mutant.start] == old[:mutant.start]
         assert new[mutant.start + len(mutant.after):] == old[mutant.start + len(mutant.before):]
+
+
+@pytest.mark.parametrize(("path", "first", "all_tests"), [
+    ("info/show.cpp", "test_info_show.py", "test_info*.py"), ("cli/conf.cpp", "test_conf.py", "test_*.py")])
+def test_tests_of_the_changed_file_run_first(path, first, all_tests):
+    names = [test.name for test in workshop.test_files(path)]
+
+    assert names[0] == first
+    assert {*names} == {test.name for test in (workshop.REPOSITORY / "tests/command").glob(all_tests)
+                        } - {"test_sandbox.py"} | {"docs"}
 
 
 def test_seed_decides_order_and_changes():

@@ -10,9 +10,10 @@ from pathlib import Path
 from .cage import caged
 
 REPOSITORY = Path(__file__).resolve().parents[2]
-FOLDERS = ("support", "store", "cli")  # the unit tests of a folder and of those after it detect its mutants
+FOLDERS = {"support": ("support", "store", "cli", "info"), "store": ("store", "cli", "info"), "cli": ("cli",),
+           "info": ("info",)}  # the unit tests of which folders detect the mutants of a folder
 NOT_COPIED = {".git", "build", "__pycache__", ".pytest_cache"}
-SLOW = re.compile(r"mail_side|records|torture|load")
+SLOW = re.compile(r"mail_side|records|torture|load|info_export|info_hostile")
 UNIT_SECONDS, PYTEST_SECONDS = 100, 2400  # ten times what a sound tree takes
 
 
@@ -43,9 +44,11 @@ def files(top):
 
 
 def test_files(path):
-    """The tests of the tool, first those with a word of the name of the source `path` in theirs, slow ones last."""
+    """The tests of both programs, or for info/ those of arspinfo: first those with a word of the name of the source
+    `path` in theirs, slow ones last."""
     words = Path(path).stem.split("_")
-    tests = [test.relative_to(REPOSITORY) for test in (REPOSITORY / "tests/command").glob("test_*.py")
+    pattern = "test_info*.py" if path.startswith("info/") else "test_*.py"
+    tests = [test.relative_to(REPOSITORY) for test in (REPOSITORY / "tests/command").glob(pattern)
              if test.stem != "test_sandbox"]  # it tests the private root
     return sorted([*tests, Path("tests/docs")], key=lambda test: (
         not any(word.startswith(name) for word in words for name in test.stem.split("_")),
@@ -78,11 +81,11 @@ class Workshop:
 
         Returns the name of the test that failed, or None. Raises DoesNotCompile.
         """
-        for folder in FOLDERS[FOLDERS.index(path.partition("/")[0]):]:
+        for folder in FOLDERS[path.partition("/")[0]]:
             self._build(f"{folder}_test")
             if failure := self._confirmed(lambda only, unit=folder: self._unit_test(unit, only)):
                 return failure
-        self._build("arspctl")
+        self._build("arspctl", "arspinfo")
         return self._confirmed(lambda only: self._pytest([only] if only else test_files(path)))
 
     def failure_with(self, mutant):
@@ -95,8 +98,8 @@ class Workshop:
         finally:
             copy.write_text(original)
 
-    def _build(self, target):
-        result = subprocess.run(["ninja", "-j1", "-C", self.build, target], stdout=subprocess.PIPE,
+    def _build(self, *targets):
+        result = subprocess.run(["ninja", "-j1", "-C", self.build, *targets], stdout=subprocess.PIPE,
                                 stderr=subprocess.STDOUT, text=True, check=False)
         if result.returncode != 0:
             raise DoesNotCompile(result.stdout)
