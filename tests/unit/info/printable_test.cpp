@@ -1,5 +1,8 @@
 #include "info/printable.h"
 
+#include <initializer_list>
+#include <utility>
+
 #include <gtest/gtest.h>
 
 namespace arsp {
@@ -29,6 +32,73 @@ TEST_P(Utf8Test, OnlyValidCharactersPassUnchanged)
 {
     EXPECT_EQ(GetParam().valid, is_utf8(GetParam().bytes));
     EXPECT_EQ(GetParam().valid, json_text(GetParam().bytes) == GetParam().bytes);
+}
+
+using Expected = std::pair<std::string, std::string>; /* a text, and what becomes of it */
+
+TEST(PrintableTest, EscapesWhatIsNotPrintableAscii)
+{
+    for (const auto &[text, escaped] : std::initializer_list<Expected>{{"\x1F", "\\x1f"},
+                                                                       {" ~", " ~"},
+                                                                       {"\x7F\x80", "\\x7f\\x80"},
+                                                                       {"\xC3\xA9", "\\xc3\\xa9"},
+                                                                       {"\\y\\x", "\\y\\x5cx"}})
+        EXPECT_EQ(escaped, printable(text));
+}
+
+TEST(JsonTextTest, ReplacesTheBytesOfThePrivateCharactersThatStandForBytes)
+{
+    for (const auto &[text, expected] : std::initializer_list<Expected>{{std::string(1, '\0'), "\uEF00"},
+                                                                        {"\x01", "\x01"},
+                                                                        {"\x80", "\uEF80"},
+                                                                        {"\uEEFF", "\uEEFF"},
+                                                                        {"\uEF00", "\uEFEE\uEFBC\uEF80"},
+                                                                        {"\uEFFF", "\uEFEE\uEFBF\uEFBF"},
+                                                                        {"\uF000", "\uF000"}})
+        EXPECT_EQ(expected, json_text(text));
+}
+
+TEST(AsciiJsonTest, EscapesCharactersAsUtf16)
+{
+    for (const auto &[json, escaped] : std::initializer_list<Expected>{{"~\n", "~\n"},
+                                                                       {"\x7F", "\\u007f"},
+                                                                       {"\u0080", "\\u0080"},
+                                                                       {"\uFFFF", "\\uffff"},
+                                                                       {"\U00010000", "\\ud800\\udc00"},
+                                                                       {"\U0010FFFF", "\\udbff\\udfff"}})
+        EXPECT_EQ(escaped, ascii_json(json));
+}
+
+TEST(ShellCommandTest, QuotesWordsThatTheShellWouldChange)
+{
+    for (const auto &[word, quoted] : std::initializer_list<Expected>{{"azAZ09@%+=:,./_-", "azAZ09@%+=:,./_-"},
+                                                                      {"", "''"},
+                                                                      {"a b", "'a b'"},
+                                                                      {"`", "'`'"},
+                                                                      {"{", "'{'"},
+                                                                      {"[", "'['"},
+                                                                      {"it's", "\"it's\""},
+                                                                      {"'$x", "''\\''$x'"},
+                                                                      {"'\"", "''\\''\"'"}})
+        EXPECT_EQ("run " + quoted + " x", shell_command({"run", word, "x"}));
+}
+
+TEST(ShellCommandTest, PassesWordsThroughPrintfIfOneIsNotPrintable)
+{
+    EXPECT_EQ("printf '-a/Z.9\\072\\000\\012\\000' | xargs -0 -x -n 2 env", shell_command({"-a/Z.9:", "\n"}));
+}
+
+TEST(ShellQuotedTest, KeepsEveryByteBetweenSingleQuotes)
+{
+    EXPECT_EQ("'a'\\''\n\xFF'", shell_quoted("a'\n\xFF"));
+}
+
+TEST(HasControlBytesTest, FindsBytesBelow32And127)
+{
+    for (const char *text : {"a\x1F", "\x7F", "\n"})
+        EXPECT_TRUE(has_control_bytes(text)) << text;
+    for (const char *text : {"", " ", "~", "\x80", "\xFF"})
+        EXPECT_FALSE(has_control_bytes(text)) << text;
 }
 
 } // namespace
