@@ -24,6 +24,12 @@ namespace arsp {
 
 namespace {
 
+/* Returns the name of the next entry, or null at the end of the directory or if it could not be opened. */
+const char *next_entry_of(const DirPtr &directory)
+{
+    return directory ? next_entry(directory.get()) : nullptr;
+}
+
 class FileCheck {
 public:
     FileCheck(const MailUser &mail_user, Findings &findings)
@@ -86,10 +92,11 @@ void FileCheck::checkPath(const AttachmentFolder &folder)
     while (passed != path) {
         const std::string next = path.substr(0, path.find('/', passed.size() + 1));
         if (!MailTree().resolve(next, folder.rootLength()).fd) {
-            if (errno == ELOOP && reported_.insert(next).second)
+            const int error = errno;
+            if (error == ELOOP && reported_.insert(next).second)
                 findings_.add(Severity::error, "link", next, "is a symbolic link that arspctl does not follow",
                               remove(next));
-            if (errno != EACCES)
+            if (error != EACCES)
                 return;
             break;
         }
@@ -109,7 +116,8 @@ void FileCheck::checkPath(const AttachmentFolder &folder)
 void FileCheck::checkDirectory(const AttachmentFolder &folder, const std::vector<AttachmentRow> &rows)
 {
     struct stat status = {};
-    if (fstat(folder.get(), &status) == 0 && (status.st_mode & 077) != 0) {
+    fstat(folder.get(), &status); /* it is open: this cannot fail */
+    if ((status.st_mode & 077) != 0) {
         char mode[16];
         std::snprintf(mode, sizeof mode, "%04o", static_cast<unsigned>(status.st_mode & 07777));
         findings_.add(Severity::warning, "attachments-mode", folder.path(),
@@ -121,7 +129,7 @@ void FileCheck::checkDirectory(const AttachmentFolder &folder, const std::vector
     for (const AttachmentRow &row : rows)
         registered.insert(row.name);
     const DirPtr stream = open_dir_stream(Descriptor(fcntl(folder.get(), F_DUPFD_CLOEXEC, 0)));
-    while (const char *name = stream ? next_entry(stream.get()) : nullptr) {
+    while (const char *name = next_entry_of(stream)) {
         if (fstatat(folder.get(), name, &status, AT_SYMLINK_NOFOLLOW) != 0)
             continue; /* removed meanwhile */
         const std::string path = folder.pathOf(name);
@@ -194,14 +202,14 @@ std::string FileCheck::copyDirectory(const std::string &path) const
 void FileCheck::checkOthers(const AttachmentRows &rows)
 {
     const DirPtr domains = open_dir_stream(Descriptor(open(root_.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC)));
-    while (const char *domain = domains ? next_entry(domains.get()) : nullptr)
+    while (const char *domain = next_entry_of(domains))
         checkDomain(domain, rows);
 }
 
 void FileCheck::checkDomain(const std::string &domain, const AttachmentRows &rows)
 {
     const DirPtr mailboxes = open_dir_stream(open_mail_directory(root_ + "/" + domain, root_.size()));
-    while (const char *mailbox = mailboxes ? next_entry(mailboxes.get()) : nullptr) {
+    while (const char *mailbox = next_entry_of(mailboxes)) {
         const std::string address = std::string(mailbox) + "@" + domain;
         if (rows.count(address) != 0)
             continue;

@@ -3,6 +3,7 @@
 #include <cstdio>
 #include <string>
 #include <string_view>
+#include <tuple>
 
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -103,7 +104,7 @@ bool is_being_written()
     lock.l_whence = SEEK_SET;
     lock.l_start = 0x40000000;
     lock.l_len = 512;
-    return database && fcntl(database.get(), F_OFD_GETLK, &lock) == 0 && lock.l_type != F_UNLCK;
+    return fcntl(database.get(), F_OFD_GETLK, &lock) == 0 && lock.l_type != F_UNLCK;
 }
 
 void PlaceCheck::checkJournal()
@@ -113,12 +114,13 @@ void PlaceCheck::checkJournal()
     struct stat after = {};
     if (lstat(journal.c_str(), &before) != 0 || is_being_written() || lstat(journal.c_str(), &after) != 0)
         return;
-    const bool same = before.st_dev == after.st_dev && before.st_ino == after.st_ino &&
-                      before.st_ctim.tv_sec == after.st_ctim.tv_sec && before.st_ctim.tv_nsec == after.st_ctim.tv_nsec;
+    const auto state = [](const struct stat &status) {
+        return std::tuple(status.st_dev, status.st_ino, status.st_ctim.tv_sec, status.st_ctim.tv_nsec);
+    };
     if (!S_ISREG(after.st_mode))
         findings_.add(Severity::error, "db-journal", journal, "is no regular file",
                       repair_.asMailUser({"rm", "-r", "--", journal}));
-    else if (same) /* otherwise a writer came in between */
+    else if (state(before) == state(after)) /* otherwise a writer came in between */
         findings_.add(Severity::error, "db-journal", journal, "was left behind by an interrupted command",
                       repair_.journal());
 }

@@ -62,7 +62,8 @@ private:
 void RowCheck::checkIntegrity()
 {
     Query lines(db_, "PRAGMA integrity_check(1)");
-    if (!lines.next() || lines.text(0) == "ok")
+    lines.next(); /* there is at least one row */
+    if (lines.text(0) == "ok")
         return;
     const std::string message(lines.text(0));
     const bool of_index = message.find(" missing from index ") != std::string::npos ||

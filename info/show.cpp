@@ -96,9 +96,9 @@ std::string time_text(time_t seconds)
 {
     tm parts = {};
     std::array<char, 64> text = {};
-    if (localtime_r(&seconds, &parts) == nullptr ||
-        std::strftime(text.data(), text.size(), "%Y-%m-%d %H:%M:%S %z", &parts) == 0)
-        return std::to_string(seconds);
+    if (localtime_r(&seconds, &parts) == nullptr)
+        return std::to_string(seconds); /* a year beyond the range of int */
+    std::strftime(text.data(), text.size(), "%Y-%m-%d %H:%M:%S %z", &parts);
     return text.data();
 }
 
