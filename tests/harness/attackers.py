@@ -19,12 +19,12 @@ libc = ctypes.CDLL(None, use_errno=True)
 
 
 @contextlib.contextmanager
-def stopped_after(sandbox, call, path, *args, when=1):
-    """A run of the tool that is stopped for the duration of the block, after its `when`-th system call `call` with the
-    argument `path`, or with any if that is None. For tests that need tracing."""
+def stopped_after(sandbox, call, path, *args, when=1, program=PROGRAM):
+    """A run of the tool, or of `program`, that is stopped for the duration of the block, after its `when`-th system call
+    `call` with the argument `path`, or with any if that is None. For tests that need tracing."""
     words = tracing.strace_arguments(STOPPED_LOG, call, [f"{call}:signal=SIGSTOP:when={when}"], [path] if path else [])
     words.remove("-f")
-    running = sandbox.start_command("/usr/bin/strace", [*words, "-e", "signal=SIGSTOP", PROGRAM, *args], traced=True)
+    running = sandbox.start_command("/usr/bin/strace", [*words, "-e", "signal=SIGSTOP", program, *args], traced=True)
     log = sandbox.path(STOPPED_LOG)
 
     def stopped():
