@@ -112,6 +112,11 @@ def test_missing_mail_user_is_an_error(box, command):
     assert (result.status, result.stdout, result.stderr) == (FAILED[command], b"", b"arspinfo: no user popuser\n")
 
 
+def test_closed_stream_that_cannot_be_replaced_ends_the_run_silently(box, needs_tracing):
+    result, _ = box.trace("list", program=INFO_PROGRAM, redirect="1>&-", paths=["/"], inject=["openat:error=EMFILE"])
+    assert (result.status, result.stdout, result.stderr) == (1, b"", b"")
+
+
 def test_user_database_that_cannot_be_read_is_an_error(box):
     box.path("/etc/passwd").unlink()
     assert box.info("check").stderr == b"arspinfo: no user popuser: No such file or directory\n"
@@ -133,6 +138,13 @@ def test_nothing_is_changed(box, command):
 
 
 # -- standard streams
+
+
+@pytest.mark.parametrize("args", [["--help"], ["list", "--help"]])
+def test_lost_help_is_an_error(box, args):
+    with open(box.path("/dev/full"), "wb") as full:
+        result = box.info(*args, stdout=full)
+    assert (result.status, result.stderr) == (1, b"arspinfo: cannot write the output: No space left on device\n")
 
 
 def test_lost_output_is_an_error(box, command):

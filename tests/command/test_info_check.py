@@ -9,6 +9,8 @@ from dataclasses import dataclass
 from typing import Callable
 
 import pytest
+from harness import INFO_PROGRAM
+from harness.attackers import stopped_after
 from harness.mailboxes import DIRECTORY, FILE, MAIL_TREE, POPUSER, ROOT, STRANGER, add_attachment_rows
 from harness.mailboxes import add_autoresponder, corrupt_page_of, make_directories, put_file, put_link, run_sql
 from harness.sandbox import DATABASE
@@ -117,16 +119,19 @@ def killed_writer(sandbox):
     assert sandbox.info("list").status == 1
 
 
-def unindexed_row(sandbox):
-    """Adds a row while its index is out of the schema."""
-    saved = sandbox.rows("SELECT * FROM sqlite_schema WHERE name = 'respfreq'")
-    for script in ("PRAGMA writable_schema = ON; DELETE FROM sqlite_schema WHERE name = 'respfreq';",
-                   f"INSERT INTO resp_freq VALUES ('{USER}', 'a@example.org', 1, 1);"):
+def unindexed(script):
+    """Runs the SQL while the index of resp_freq is out of the schema."""
+
+    def make(sandbox):
+        saved = sandbox.rows("SELECT * FROM sqlite_schema WHERE name = 'respfreq'")
+        run_sql(sandbox, "PRAGMA writable_schema = ON; DELETE FROM sqlite_schema WHERE name = 'respfreq'")
         run_sql(sandbox, script)
-    with sandbox.db() as connection:
-        connection.execute("PRAGMA writable_schema = ON")
-        connection.executemany("INSERT INTO sqlite_schema VALUES (?, ?, ?, ?, ?)", saved)
-    connection.close()
+        with sandbox.db() as connection:
+            connection.execute("PRAGMA writable_schema = ON")
+            connection.executemany("INSERT INTO sqlite_schema VALUES (?, ?, ?, ?, ?)", saved)
+        connection.close()
+
+    return make
 
 
 def other_owner(sandbox):
@@ -151,18 +156,22 @@ class Case:
     left: tuple = ()  # what the repair leaves behind, to be repaired in its turn
 
 
+COUNTER = f"INSERT INTO resp_freq VALUES ('{USER}', 'a@example.org', 1, 1)"
 EMPTY = (("note", "auto-submitted"), ("note", "file-orphan"))  # of a new database beside an old mail tree
 CASES = [
     Case(removed(DATABASE), "error", "db-missing", DATABASE, left=EMPTY),
     Case(both(owner(DATABASE, ROOT), mode(DATABASE, 0o600)), "error", "db-unreadable", DATABASE,
          others=[("error", "db-owner")]),
+    Case(both(owner(DATABASE, ROOT), file(JOURNAL)), "error", "db-unreadable", DATABASE,
+         others=[("error", "db-owner"), ("error", "db-journal")]),
     Case(mode(DATABASE, 0), "error", "db-unreadable", DATABASE, others=[("error", "db-mode")]),
     Case(both(owner(PLACE, ROOT), mode(PLACE, 0o700)), "error", "db-unreadable", DATABASE,
          others=[("error", "db-dir-mode"), ("error", "db-dir-owner")]),
     Case(sql("DROP TABLE resp_freq"), "error", "db-schema", DATABASE, left=EMPTY),
     Case(lambda sandbox: corrupt_page_of(sandbox, "autoresponder"), "error", "db-damaged", DATABASE, left=EMPTY),
     Case(file(DATABASE, b"no database" * 100), "error", "db-damaged", DATABASE, left=EMPTY),
-    Case(unindexed_row, "error", "db-damaged", DATABASE),
+    Case(unindexed(COUNTER), "error", "db-damaged", DATABASE),
+    Case(both(sql(COUNTER), unindexed("DELETE FROM resp_freq")), "error", "db-damaged", DATABASE),
     Case(sql("PRAGMA journal_mode = WAL"), "error", "db-wal", DATABASE),
     Case(killed_writer, "error", "db-journal", JOURNAL),
     Case(file(JOURNAL), "error", "db-journal", JOURNAL),
@@ -192,10 +201,15 @@ CASES = [
     Case(set_column("real_owner", "'..@example.org'"), "error", "owner-harmful"),
     Case(set_column("real_owner", "'a b@example.org'"), "error", "owner-refused"),
     Case(other_owner, "note", "owner-differs", left=[("note", "file-orphan")]),
+    Case(both(set_column("real_owner", "'other@example.org'"), sql("DELETE FROM attachments")), "note", "owner-differs",
+         others=[("note", "file-orphan")]),
+    Case(both(set_column("real_owner", "'other@example.org'"), sql("UPDATE attachments SET filename = '../x'")),
+         "note", "owner-differs", others=[("note", "file-orphan"), ("error", "attachment-missing")]),
     Case(set_column("content_type", "'image/png'"), "warning", "content-type"),
     Case(set_column("key_where", "'head'"), "warning", "trigger-word"),
     Case(set_column("ans_freq", "'many'"), "warning", "number"),
     Case(set_column("ans_limit", str(2**31)), "warning", "number"),
+    Case(set_column("ans_limit", str(-2**31 - 1)), "warning", "number"),
     Case(set_column("ans_limit", "NULL"), "warning", "number"),
     Case(set_column("subject", "'Hi' || char(13, 10) || 'Bcc: a@example.org'"), "error", "header-injection"),
     Case(set_column("reply_to", "'a' || char(0) || 'b' || char(10)"), "error", "header-injection"),
@@ -213,6 +227,7 @@ CASES = [
     Case(sql(f"INSERT INTO attachments VALUES ('{USER}', '../x')"), "error", "attachment-missing"),
     Case(sql(f"INSERT INTO attachments VALUES ('{USER}', '-x' || char(9, 200) || '''$')"),
          "error", "attachment-missing"),
+    Case(sql(f"INSERT INTO attachments VALUES ('{USER}', '{'x' * 256}')"), "error", "attachment-missing"),
     Case(both(removed(FILE), lambda sandbox: make_directories(sandbox, FILE)), "error", "attachment-type",
          left=[("note", "file-orphan")]),
     Case(file(FILE, b""), "warning", "attachment-empty"),
@@ -220,6 +235,7 @@ CASES = [
     Case(mode(FILE, 0), "error", "attachment-unreadable"),
     Case(both(owner(FILE, ROOT), mode(FILE, 0o600)), "error", "attachment-unreadable"),
     Case(file(DIRECTORY + "/a b$c"), "note", "file-orphan", DIRECTORY + "/a b$c"),
+    Case(link(DIRECTORY + "/link", "/tmp/report.pdf", ROOT), "note", "file-orphan", DIRECTORY + "/link"),
     Case(both(lambda sandbox: make_directories(sandbox, f"{MAIL_TREE}/example.net/gone/@attachments"),
               file(f"{MAIL_TREE}/example.net/gone/@attachments/x")),
          "note", "file-orphan", f"{MAIL_TREE}/example.net/gone/@attachments/x"),
@@ -325,9 +341,60 @@ def test_an_unusable_database_is_kept_beside_the_new_one(sound, means):
     assert sound.path(DATABASE + ".set-aside.~1~").read_bytes() == b"an older one"
 
 
-def test_links_that_arspctl_follows_are_no_finding(sound):
-    mailbox_as_link(ROOT)(sound)
+@pytest.mark.parametrize("means", [
+    mailbox_as_link(ROOT), both(removed(FILE), link(FILE, "/tmp/report.pdf", ROOT)),  # links that arspctl follows
+    set_column("(content_type, key_where, ans_freq, ans_limit)", f"('text/html', 'subj', {-2**31}, {2**31 - 1})"),
+    set_column("key_where", "'body'"),
+    both(sql("DELETE FROM attachments"), lambda sandbox: sandbox.path(MAIL_TREE).rename(sandbox.path("/var/aside"))),
+    file(MAIL_TREE + "/file"), file(MAIL_TREE + "/example.org/file")])
+def test_what_arspctl_takes_or_ignores_is_no_finding(sound, means):
+    means(sound)
     assert check(sound) == {}
+
+
+def test_header_names_are_printable_ascii_without_a_colon(sound):
+    for name in ("''", "'X Y'", "'X:Y'", "char(127)", "char(233)", "'!~'"):
+        add_header(name)(sound)
+    assert {entry for _, code, entry in check(sound) if code == "header-name"} == {"", "X Y", "X:Y", "\x7f", "\xe9"}
+
+
+def test_mailbox_whose_name_holds_an_at_sign_is_not_taken_for_another(sound):
+    make_directories(sound, MAIL_TREE + "/c/a@b")
+    orphan = MAIL_TREE + "/b@c/a/@attachments/x"
+    make_directories(sound, os.path.dirname(orphan))
+    put_file(sound, orphan)
+    assert [*check(sound)] == [("note", "file-orphan", orphan)]
+
+
+@pytest.mark.parametrize(("means", "code"), [
+    (replaced_by_link(MAIL_TREE + "/example.org", STRANGER), "link"),
+    (both(owner(MAIL_TREE + "/example.org", ROOT), mode(MAIL_TREE + "/example.org", 0o700)), "attachments-unreadable")],
+    ids=["link", "mode"])
+def test_place_on_the_path_of_several_mailboxes_is_one_finding(sound, means, code):
+    add_autoresponder(sound, "other@example.org")
+    means(sound)
+    assert [code for _, code, _ in check(sound)] == [code]
+
+
+@pytest.mark.parametrize(("means", "path"), [
+    (file(JOURNAL, b""), JOURNAL), (file(DIRECTORY + "/x"), "x"), (mode(DIRECTORY, 0), DIRECTORY)],
+    ids=["journal", "file", "directory"])
+def test_what_disappears_during_the_check_is_no_finding(sound, needs_tracing, means, path):
+    means(sound)
+    assert check(sound)
+    calls = [call.args_text for call in sound.trace("check", program=INFO_PROGRAM)[1] if call.name == "newfstatat"]
+    when = max(number for number, text in enumerate(calls, 1) if f'"{path}"' in text and "SYMLINK_NOFOLLOW" in text)
+    result, _ = sound.trace("check", program=INFO_PROGRAM, inject=[f"newfstatat:error=ENOENT:when={when}"])
+    assert result.stdout == SOUND
+
+
+def test_journal_that_is_replaced_during_the_check_is_no_finding(sound, needs_tracing):
+    file(JOURNAL, b"")(sound)
+    assert check(sound)
+    with stopped_after(sound, "newfstatat", JOURNAL, "check", program=INFO_PROGRAM) as running:
+        removed(JOURNAL)(sound)
+        file(JOURNAL, b"")(sound)
+    assert running.wait().stdout == SOUND
 
 
 def test_a_database_that_is_in_use_has_no_journal_left_behind(sound):

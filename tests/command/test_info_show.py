@@ -112,6 +112,18 @@ def test_trigger_is_described(sandbox, where, shown_as):
     assert f"\nTrigger:        {shown_as}\n" in sandbox.info("show", "user@example.org").stdout.decode()
 
 
+def test_file_of_unknown_owners_has_their_numbers(full):
+    os.chown(full.path(FILE), 4321, 1234)
+    assert b", 4321:1234, " in full.info("show", "user@example.org").stdout
+    assert [(entry["owner"], entry["group"]) for entry in shown(full, "user@example.org")["attachments"][2:]] == [
+        ("4321", "1234")]
+
+
+def test_directory_that_popuser_cannot_read_is_a_problem_of_each_attachment(full):
+    full.path(DIRECTORY).chmod(0)
+    assert {entry["problem"] for entry in shown(full, "user@example.org")["attachments"]} == {"Permission denied"}
+
+
 @pytest.mark.parametrize(("args", "message"), [
     (["x@\x1bexample.org"], "x@\\x1bexample.org has no autoresponder"), ([b"\xff"], "\\xff has no autoresponder"),
     ([], "address is required"), (["a@example.org", "b"], "The following argument was not expected: b"),
