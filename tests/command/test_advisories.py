@@ -44,7 +44,7 @@ def test_environment_is_no_command_line(sandbox, words):
 @each_command
 def test_no_file_is_opened_in_the_working_directory(scene, command, needs_tracing):
     make_directories(scene.sandbox, "/srv/here", owner=ROOT, mode=0o755)
-    for name in ("DB_CONFIG", ".sqliterc", "kel.conf", "responder.db", "responder.db-journal", "passwd", "cp", "libm.so.6"):
+    for name in ("DB_CONFIG", ".sqliterc", "kel.conf", "responder.db", "responder.db-journal", "passwd", "cp"):
         put_file(scene.sandbox, "/srv/here/" + name, b"planted", owner=ROOT, mode=0o755)
     before = scene.sandbox.tree("/srv")
 
@@ -86,14 +86,13 @@ HARM = "echo >/tmp/harm"
 
 
 @pytest.mark.parametrize("env", [
-    {"PATH": "/tmp/evil"}, {"PATH": ":.", "CDPATH": "/tmp/evil"}, {"ENV": "/tmp/evil/cp"}, {"BASH_ENV": "/tmp/evil/cp"},
+    {"PATH": "/tmp/evil"}, {"PATH": ":."}, {"ENV": "/tmp/evil/cp"}, {"BASH_ENV": "/tmp/evil/cp"},
     {"SHELLOPTS": "xtrace", "PS4": f"$({HARM})"},
-    {f"BASH_FUNC_{name}%%": f"() {{ {HARM}; }}" for name in ("cp", "/bin/cp", "sh")}, {"IFS": "/bn"},
+    {f"BASH_FUNC_{name}%%": f"() {{ {HARM}; }}" for name in ("cp", "/bin/cp")},
 ], ids=lambda env: next(iter(env)))
 def test_environment_makes_the_copy_run_nothing_else(mailbox, env):
     make_directories(mailbox, "/tmp/evil", owner=ROOT, mode=0o755)
-    for name in ("sh", "cp", "n/cp"):
-        mailbox.path("/tmp/evil/" + name).parent.mkdir(exist_ok=True)
+    for name in ("sh", "cp"):
         put_file(mailbox, "/tmp/evil/" + name, f"#!/bin/sh\n{HARM}\n".encode(), owner=ROOT, mode=0o755)
 
     assert mailbox.run(*ADD, env={"PATH": "/usr/bin:/bin", **env}, cwd="/tmp/evil") == DONE
@@ -162,7 +161,8 @@ def test_damaged_database_ends_each_command_with_success_or_a_record(scene, comm
     statuses = set()
     for number in range(DAMAGED_COPIES):
         put_file(scene.sandbox, DATABASE, damage(content, chance))
-        scene.sandbox.path(DATABASE + "-journal").unlink(missing_ok=True)
+        for suffix in ("-journal", "-wal", "-shm"):
+            scene.sandbox.path(DATABASE + suffix).unlink(missing_ok=True)
 
         result = scene.sandbox.run(*scene.command.args, stdin=scene.command.stdin, timeout=20)
 
@@ -232,8 +232,8 @@ def test_deletion_of_a_hard_link_removes_its_name_only(mailbox_with_attachment, 
     assert box.tree("/srv/precious") == {".": PRECIOUS}
 
 
-@pytest.mark.parametrize(("args", "path"), [
-    (ADD, FILE), (SET_RESP, DATABASE + "-journal"), (SET_RESP, DATABASE + "-wal")], ids=lambda value: str(value)[-7:])
+@pytest.mark.parametrize(("args", "path"), [(ADD, FILE), *((SET_RESP, DATABASE + end) for end in ("-journal", "-wal"))],
+                         ids=["attachment", "journal", "wal"])
 def test_hard_link_is_given_away(mailbox_with_attachment, args, path):
     """A known risk where the kernel does not protect hard links, described in SECURITY.md."""
     box = mailbox_with_attachment

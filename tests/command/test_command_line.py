@@ -7,7 +7,6 @@ import shutil
 import pytest
 from harness import DONE, Result
 from harness.sandbox import DATABASE
-from torture import scene as scenes
 
 ADDRESS = ["--mailname", "user@example.org"]
 SET_RESP = ["--set-resp", *ADDRESS, "--real-owner", "user@example.org"]
@@ -271,8 +270,8 @@ def test_failed_command_exits_with_1_and_copies_its_mail_error_to_standard_error
 
 # -- standard streams of any kind
 
-SETS_OF_STREAMS = [fds for count in (1, 2, 3) for fds in itertools.combinations((0, 1, 2), count)]
-each_set_of_closed_streams = pytest.mark.parametrize("closed", SETS_OF_STREAMS, ids=str)
+each_set_of_closed_streams = pytest.mark.parametrize(
+    "closed", [fds for count in (1, 2, 3) for fds in itertools.combinations((0, 1, 2), count)], ids=str)
 
 
 @pytest.fixture
@@ -299,21 +298,6 @@ def test_closed_streams_affect_neither_status_nor_files_nor_log(sandbox, no_leak
     result = sandbox.run("--init-db", close_fds=closed, env=no_leak_of_libc)
     assert [(record.ident, record.priority) for record in result.records] == [("arspctl", 18), ("arspctl", 18)]
     assert result.status == 1
-
-
-@pytest.mark.parametrize("command", scenes.COMMANDS)
-def test_closed_streams_leave_rows_and_files_as_a_usual_run_does(scene, no_leak_of_libc, command):
-    for closed in SETS_OF_STREAMS:
-        scene.begin()
-        fails = 0 in closed and scene.command.stdin != b""  # there is nothing to read
-
-        result = scene.sandbox.run(*scene.command.args, stdin=scene.command.stdin, close_fds=closed, env=no_leak_of_libc)
-
-        assert (result.status, [record.text for record in result.records]) == (
-            (1, ["Unable to read standard input: Bad file descriptor"]) if fails else (0, []))
-        rows = scene.rows()
-        assert rows == (scene.command.before if fails else scene.command.after)
-        assert scene.files_problem(rows) is None
 
 
 @each_set_of_closed_streams

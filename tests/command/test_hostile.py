@@ -139,12 +139,10 @@ HOSTILE = {
     "TMPDIR": "/nonexistent", "SQLITE_TMPDIR": "/nonexistent", "HOME": "/nonexistent", "LD_BIND_NOW": "1",
     "TZ": "../../../../etc/passwd", "LANG": "%n", "LC_ALL": "tr_TR.UTF-8", "LANGUAGE": "%s", "NLSPATH": "/tmp/source",
     "LOCPATH": "/tmp", "MALLOC_PERTURB_": "165", "QUARN_LOG_LEVEL": "7777", "QUARN_LOG_TRACE_ID": "%n" * 100,
-    "HOSTALIASES": "/tmp/source", "GLIBC_TUNABLES": "glibc.malloc.mxfast=" * 2 + "x:" * 5000, "": "no name", "WITHOUT": "\n=\x01\x7f",
-    **{f"HUGE{i}": "x" * 100000 for i in range(10)},
+    "HOSTALIASES": "/tmp/source", "GLIBC_TUNABLES": "glibc.malloc.mxfast=" * 2 + "x:" * 5000, "": "no name",
+    "WITHOUT": "\n=\x01\x7f", **{f"HUGE{i}": "x" * 100000 for i in range(10)},
 }
-
-
-OUTSIDE = os.open("/", os.O_PATH | os.O_DIRECTORY)  # as a working directory, one without a path inside
+OUTSIDE = os.open("/", os.O_PATH | os.O_DIRECTORY)  # a working directory that no path inside leads to
 
 
 @pytest.mark.parametrize("options", [{"env": {}}, {"env": HOSTILE}, {"cwd": DELETED_CWD}, {"cwd": OUTSIDE}],
