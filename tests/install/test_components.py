@@ -66,6 +66,13 @@ def test_installed_headers_include_only_installed_headers(install, tmp_path):
                    input=source, text=True, check=True)
 
 
+def test_the_debian_packages_have_no_maintainer_scripts():
+    """scripts/package examines the built packages."""
+    scripts = r"(.*\.)?(preinst|postinst|prerm|postrm|config|triggers|tmpfiles|service|cron\.\w+)"
+
+    assert [path.name for path in (REPOSITORY / "debian").iterdir() if re.fullmatch(scripts, path.name)] == []
+
+
 def test_the_debian_packages_have_the_version_of_the_project():
     version = re.search(r"project\(arsp VERSION ([\d.]+)", (REPOSITORY / "CMakeLists.txt").read_text())[1]
 
