@@ -35,6 +35,14 @@ PARTS = {"cannot open directory", "cannot read directory", "cannot leave directo
          "nested too deeply", "general DB errror", "\nSystem error %d: %s"}  # of other messages
 
 
+def named_tests():
+    """Every test below tests/ as PATH::FUNCTION or, of GoogleTest, PATH::SUITE.NAME."""
+    patterns = {"test_*.py": r"^ *def (test_\w+)\(", "*_test.cpp": r"^TEST(?:_F|_P)?\((\w+), (\w+)\)"}
+    return {f"{path.relative_to(REPOSITORY)}::{'.'.join(match.groups())}"
+            for files, pattern in patterns.items() for path in (REPOSITORY / "tests").rglob(files)
+            for match in re.finditer(pattern, path.read_text(), re.MULTILINE)}
+
+
 def literals(path):
     """The string literals of a source, adjacent ones joined."""
     text = re.sub(r"^\s*#.*$", "", path.read_text(), flags=re.MULTILINE)

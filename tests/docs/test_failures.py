@@ -24,12 +24,10 @@ def test_rows_are_complete_unique_and_ordered_by_command():
 
 
 def test_named_tests_exist():
-    functions = {f"{path.name}::{name}" for path in (REPOSITORY / "tests" / "command").glob("test_*.py")
-                 for name in re.findall(r"^ *def (\w+)\(", path.read_text(), re.MULTILINE)}
-    units = {".".join(names) for path in (REPOSITORY / "tests" / "unit").glob("*/*_test.cpp")
-             for names in re.findall(r"^TEST(?:_F|_P)?\((\w+), (\w+)\)", path.read_text(), re.MULTILINE)}
+    names = {name.removeprefix("tests/command/") if name.startswith("tests/command/") else name.partition("::")[2]
+             for name in sources.named_tests()}
 
-    assert {row[6].strip("`") for row in ROWS} - functions - units == set()
+    assert {row[6].strip("`") for row in ROWS} - names == set()
 
 
 def test_every_message_is_in_the_table():
