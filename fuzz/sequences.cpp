@@ -94,14 +94,17 @@ struct Command {
     bool refused = false; /* by the command line's rules */
     std::optional<Expected> expected = Expected();
 
-    void add(const char *name, const char *value)
+    /* An empty value is an argument of its own, as the parser requires. */
+    void add(const std::string &name, const char *value)
     {
         if (value == nullptr)
             refused = true;
+        else if (*value == '\0')
+            arguments.insert(arguments.end(), {name, ""});
         else
-            arguments.insert(arguments.end(), {name, value});
+            arguments.push_back(name + "=" + value);
     }
-    std::string add(const char *name, const Address &address)
+    std::string add(const std::string &name, const Address &address)
     {
         add(name, address.given);
         refused = refused || address.stored == nullptr;
@@ -121,10 +124,7 @@ AutoresponderValues add_options(Command &command, std::string_view text)
         if (option == std::end(OPTIONS))
             continue;
         const std::string given = word.substr(1);
-        if (given.empty())
-            command.add(option->name, "");
-        else
-            command.arguments.push_back(std::string(option->name) + "=" + given);
+        command.add(option->name, given.c_str());
         std::string &value = values[option->column];
         value = given;
         if (option->column == CONTENT_TYPE)
