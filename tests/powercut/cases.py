@@ -33,6 +33,10 @@ PREPARE = (
 )
 
 
+# Rolls an interrupted transaction back, and does nothing else: the mail name has no autoresponder.
+ROLL_BACK = "! arspctl --del-attach --mailname nobody@example.org --filename none"
+
+
 @dataclass(frozen=True)
 class Case:
     """One command in one situation.
@@ -42,6 +46,8 @@ class Case:
     before   what the guest runs, and flushes, before the command
     between  makes the other rows that a cut during the run may leave from the old rows
     proof    "new": new rows prove that the files are new; "old": old rows prove that the files are old
+    recover  what the guest runs after a cut during the run, before it checks the database and the files
+    finding  of that check, besides files without rows
     """
 
     command: str
@@ -49,11 +55,15 @@ class Case:
     before: str = "true"
     between: Callable = lambda _: ()
     proof: str = ""
+    recover: str = ROLL_BACK
+    finding: str = ""
 
 
 CASES = {
-    "init-db": Case("arspctl --init-db", "lib/quarn", between=lambda _: (ABSENT, NO_TABLES)),
-    "init-db, first": Case("arspctl --init-db", "lib/quarn", "rm -r /var/lib/quarn", lambda _: (NO_TABLES,)),
+    "init-db": Case("arspctl --init-db", "lib/quarn", between=lambda _: (ABSENT, NO_TABLES),
+                    recover="arspctl --init-db"),
+    "init-db, first": Case("arspctl --init-db", "lib/quarn", "rm -r /var/lib/quarn", lambda _: (NO_TABLES,),
+                           recover="arspctl --init-db"),
     "set-resp": Case(f"arspctl --set-resp {USER} --real-owner user@example.org --subj New </in/new-body"),
     "add-attach, new": Case(f"arspctl --add-attach {USER} --filename new.pdf --source /in/source",
                             f"{ATTACHMENTS}/new.pdf", proof="new"),
@@ -61,9 +71,9 @@ CASES = {
         "arspctl --add-attach --mailname other@example.org --filename new.pdf --source /in/source",
         "qmail/mailnames/example.com", proof="new"),
     "add-attach, replaced": Case(f"arspctl --add-attach {USER} --filename report.pdf --source /in/new-source",
-                                 f"{ATTACHMENTS}/report.pdf"),
+                                 f"{ATTACHMENTS}/report.pdf", finding="attachment-empty"),
     "del-attach": Case(f"arspctl --del-attach {USER} --filename report.pdf", f"{ATTACHMENTS}/report.pdf", proof="old"),
-    "del-resp": Case(f"arspctl --del-resp {USER}", f"{ATTACHMENTS}/", proof="new"),
+    "del-resp": Case(f"arspctl --del-resp {USER}", f"{ATTACHMENTS}/", proof="new", finding="attachment-missing"),
     "set-extra-headers": Case("arspctl --set-extra-headers </in/new-headers",
                               between=lambda rows: ({**rows, "extra_headers": []},)),
 }
@@ -107,6 +117,22 @@ def read_rows(content, journal):
             rows = {name: connection.execute(f"SELECT * FROM {name} ORDER BY rowid").fetchall() for name, in tables}
             # Only the extra headers have an order; a replaced row moves to the end.
             return {name: found if name == "extra_headers" else sorted(found) for name, found in rows.items()}
+
+
+def read_findings(archive):
+    """The lines of `arspinfo check`, without the summary, in a tar archive with its output."""
+    with tarfile.open(archive) as members:
+        return members.extractfile("findings").read().decode().splitlines()[:-1]
+
+
+def problem_of_findings(case, new, found, acknowledged):
+    """What `arspinfo check` found after a cut and should not have; None for nothing. Notes do not matter, except after
+    an acknowledged command: then its lines are those of an undisturbed run."""
+    if acknowledged:
+        wrong = sorted({*new} ^ {*found})
+    else:
+        wrong = [line for line in found if not line.startswith("note ") and line.split(" ")[1] != f"{case.finding}:"]
+    return "arspinfo check: " + "; ".join(wrong) if wrong else None
 
 
 def problem(case, old, new, found, acknowledged):

@@ -6,7 +6,7 @@ import subprocess
 import tempfile
 from pathlib import Path
 
-from harness.private_root import PrivateRoot
+from harness.private_root import INFO_PROGRAM, PrivateRoot
 
 PACKAGES = ("btrfs-progs", "busybox-static", "e2fsprogs", "kmod", "qemu-system-x86", "xfsprogs")
 KERNEL_PACKAGE = "linux-image-cloud-amd64"
@@ -72,13 +72,16 @@ class Kernel:
             files.rename(self._files)
 
 
-def make_archive(archive, kernel, file_system, program, inputs):
-    """Writes the archive that the kernel unpacks as its root: `program` and what it needs, and `inputs` in /in."""
+def make_archive(archive, kernel, file_system, programs, inputs):
+    """Writes the archive that the kernel unpacks as its root: arspctl and arspinfo, which are `programs`, with what they
+    need, and `inputs` in /in."""
     with tempfile.TemporaryDirectory() as scratch:
+        program, info_program = programs
         root = PrivateRoot(f"{scratch}/root", program, "chroot")
         root.prepare()
+        root.add_program(info_program, INFO_PROGRAM)
         root.add_program("/bin/busybox")
-        for name in ("applets", "in", "modules", "old"):
+        for name in ("applets", "in", "modules"):
             Path(root.directory, name).mkdir()
         for number, module in enumerate(kernel.modules((*MODULES, file_system))):
             shutil.copy(module, f"{root.directory}/modules/{number:02}")

@@ -7,7 +7,7 @@ import tarfile
 
 from torture.report import Report
 
-from .cases import CASES, PREPARE, problem, read_state
+from .cases import CASES, PREPARE, problem, problem_of_findings, read_findings, read_state
 from .guest import GuestError, output
 from .machine import RUN_SECONDS, Machine, make_image
 
@@ -33,20 +33,20 @@ class Series:
             dump.truncate(32 << 20)
         make_image(self._base, file_system)
         with Machine(*self._machine, [self._base, self._dump]) as guest:
-            for line in (self._mount("vda", "/var"), *PREPARE, "umount /var"):
+            for line in (self._mount("vda"), *PREPARE, "umount /var"):
                 guest.run(line)
 
     def run(self, trials):
         """Cuts the power `trials` times for each kind of moment; returns the report."""
         report = empty_report()
-        old, new, seconds = self._run_undisturbed()
+        old, new, findings, seconds = self._run_undisturbed()
         acknowledged = None
         for kind in [*[AFTER] * trials, *[DURING] * trials, None]:
             os.replace(self._fresh, self._cut)
             self._copy_base()
             with Machine(*self._machine, [self._fresh, self._dump, self._cut]) as guest:
                 if acknowledged is not None:
-                    self._judge(report, acknowledged, self._look(guest, old, new, acknowledged))
+                    self._judge(report, acknowledged, self._look(guest, old, new, findings, acknowledged))
                 if kind is not None:
                     acknowledged = self._cut_power(guest, kind, seconds)
         return report
@@ -54,28 +54,32 @@ class Series:
     def _copy_base(self):
         output("/bin/cp", "--sparse=always", self._base, self._fresh)
 
-    def _mount(self, disk, place):
-        return f"mount -t {self._file_system} /dev/{disk} {place}"
+    def _mount(self, disk):
+        return f"mount -t {self._file_system} /dev/{disk} /var"
 
-    def _state(self, guest, place):
-        guest.run(f"tar -C {place} -cf /dev/vdb lib qmail && sync")
+    def _state(self, guest):
+        guest.run("tar -C /var -cf /dev/vdb lib qmail && sync")
         return read_state(self._dump)
 
+    def _findings(self, guest):
+        guest.run("{ arspinfo check >/findings || [ $? -eq 1 ]; } && tar -C / -cf /dev/vdb findings && sync")
+        return read_findings(self._dump)
+
     def _begin(self, guest):
-        guest.run(self._mount("vda", "/var"))
+        guest.run(self._mount("vda"))
         guest.run(f"{self._case.before} && sync")
 
     def _run_undisturbed(self):
-        """Returns the state before the command, the state after it, and the seconds that it takes."""
+        """Returns the state before the command, the state and the findings after it, and the seconds that it takes."""
         self._copy_base()
         with Machine(*self._machine, [self._fresh, self._dump]) as guest:
             self._begin(guest)
-            old = self._state(guest, "/var")
+            old = self._state(guest)
             seconds = guest.run(self._case.command)
-            new = self._state(guest, "/var")
+            new, findings = self._state(guest), self._findings(guest)
         if old == new:
             raise GuestError(f"{self._name} changes nothing")
-        return old, new, seconds
+        return old, new, findings, seconds
 
     def _cut_power(self, guest, kind, seconds):
         """Cuts the power after or during the command; returns whether the command was acknowledged before."""
@@ -87,16 +91,20 @@ class Series:
             raise GuestError(f"{self._name} fails with status {status}")
         return acknowledged
 
-    def _look(self, guest, old, new, acknowledged):
+    def _look(self, guest, old, new, findings, acknowledged):
         """The first fault after the last cut; None when there is none."""
         try:
-            guest.run(self._mount("vdc", "/old"))
-            found = self._state(guest, "/old")
-            guest.run("umount /old")
+            guest.run(self._mount("vdc"))
+            found = self._state(guest)
+            if not acknowledged:
+                guest.run(self._case.recover)
+            left = self._findings(guest)
+            guest.run("umount /var")
         except (GuestError, sqlite3.Error, tarfile.TarError) as error:
             guest.restart()
             return str(error)
-        return problem(self._case, old, new, found, acknowledged)
+        return problem(self._case, old, new, found, acknowledged) or (
+            problem_of_findings(self._case, findings, left, acknowledged))
 
     def _judge(self, report, acknowledged, trouble):
         row = (self._file_system, self._name)
