@@ -73,7 +73,7 @@ class Kernel:
 
 
 def make_archive(archive, kernel, file_system, programs, inputs):
-    """Writes the archive that the kernel unpacks as its root: arspctl and arspinfo, which are `programs`, with what they
+    """Writes the archive that the kernel unpacks as its root: the arspctl and the arspinfo in `programs`, what they
     need, and `inputs` in /in."""
     with tempfile.TemporaryDirectory() as scratch:
         program, info_program = programs

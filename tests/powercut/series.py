@@ -1,6 +1,5 @@
 """A series of cuts of one command on one file system."""
 
-import os
 import random
 import sqlite3
 import tarfile
@@ -9,7 +8,7 @@ from torture.report import Report
 
 from .cases import CASES, PREPARE, problem, problem_of_findings, read_findings, read_state
 from .guest import GuestError, output
-from .machine import RUN_SECONDS, Machine, make_image
+from .machine import DUMP_MEGABYTES, RUN_SECONDS, make_disk, make_image
 
 AFTER, DURING = "after status 0", "during the run"
 
@@ -19,43 +18,45 @@ def empty_report():
 
 
 class Series:
-    """Images and boots for one command on one file system, with their files in `directory`.
+    """Images and machines for one command on one file system, with their files in `directory`.
 
-    /dev/vda  a fresh copy of the prepared image, for the command
+    /dev/vda  a copy of the prepared image, for one cut
     /dev/vdb  receives the archives that the host reads
-    /dev/vdc  the image of the last cut: each boot checks one cut and makes the next
     """
 
-    def __init__(self, machine, file_system, name, directory):
-        self._machine, self._file_system, self._name, self._case = machine, file_system, name, CASES[name]
-        self._base, self._fresh, self._dump, self._cut = (directory / file for file in ("base", "fresh", "dump", "cut"))
-        with open(self._dump, "wb") as dump:
-            dump.truncate(32 << 20)
-        make_image(self._base, file_system)
-        with Machine(*self._machine, [self._base, self._dump]) as guest:
-            for line in (self._mount("vda"), *PREPARE, "umount /var"):
+    def __init__(self, booted, file_system, name, directory):
+        self._booted, self._file_system, self._name, self._case = booted, file_system, name, CASES[name]
+        self._base, self._disk, self._dump = (directory / file for file in ("base", "disk", "dump"))
+        make_disk(self._dump, DUMP_MEGABYTES)
+        make_image(self._disk, file_system)
+        with self._guest() as guest:
+            for line in (self._mount(), *PREPARE, "umount /var"):
                 guest.run(line)
+        self._disk.rename(self._base)
 
     def run(self, trials):
-        """Cuts the power `trials` times for each kind of moment; returns the report."""
+        """Cuts the power until there are `trials` cuts of each kind; returns the report."""
         report = empty_report()
         old, new, findings, seconds = self._run_undisturbed()
-        acknowledged = None
-        for kind in [*[AFTER] * trials, *[DURING] * trials, None]:
-            os.replace(self._fresh, self._cut)
+        missing = {AFTER: trials, DURING: trials}
+        while kind := next((kind for kind, count in missing.items() if count > 0), None):
             self._copy_base()
-            with Machine(*self._machine, [self._fresh, self._dump, self._cut]) as guest:
-                if acknowledged is not None:
-                    self._judge(report, acknowledged, self._look(guest, old, new, findings, acknowledged))
-                if kind is not None:
-                    acknowledged = self._cut_power(guest, kind, seconds)
+            with self._guest() as guest:
+                acknowledged = self._cut_power(guest, kind, seconds)
+            with self._guest() as guest:
+                trouble = self._look(guest, old, new, findings, acknowledged)
+            self._judge(report, acknowledged, trouble)
+            missing[AFTER if acknowledged else DURING] -= 1
         return report
 
-    def _copy_base(self):
-        output("/bin/cp", "--sparse=always", self._base, self._fresh)
+    def _guest(self):
+        return self._booted.machine([self._disk, self._dump])
 
-    def _mount(self, disk):
-        return f"mount -t {self._file_system} /dev/{disk} /var"
+    def _copy_base(self):
+        output("/bin/cp", "--sparse=always", self._base, self._disk)
+
+    def _mount(self):
+        return f"mount -t {self._file_system} /dev/vda /var"
 
     def _state(self, guest):
         guest.run("tar -C /var -cf /dev/vdb lib qmail && sync")
@@ -66,13 +67,13 @@ class Series:
         return read_findings(self._dump)
 
     def _begin(self, guest):
-        guest.run(self._mount("vda"))
+        guest.run(self._mount())
         guest.run(f"{self._case.before} && sync")
 
     def _run_undisturbed(self):
         """Returns the state before the command, the state and the findings after it, and the seconds that it takes."""
         self._copy_base()
-        with Machine(*self._machine, [self._fresh, self._dump]) as guest:
+        with self._guest() as guest:
             self._begin(guest)
             old = self._state(guest)
             seconds = guest.run(self._case.command)
@@ -94,14 +95,12 @@ class Series:
     def _look(self, guest, old, new, findings, acknowledged):
         """The first fault after the last cut; None when there is none."""
         try:
-            guest.run(self._mount("vdc"))
+            guest.run(self._mount())
             found = self._state(guest)
             if not acknowledged:
                 guest.run(self._case.recover)
             left = self._findings(guest)
-            guest.run("umount /var")
         except (GuestError, sqlite3.Error, tarfile.TarError) as error:
-            guest.restart()
             return str(error)
         return problem(self._case, old, new, found, acknowledged) or (
             problem_of_findings(self._case, findings, left, acknowledged))
