@@ -20,8 +20,8 @@ libc = ctypes.CDLL(None, use_errno=True)
 
 @contextlib.contextmanager
 def stopped_after(sandbox, call, path, *args, when=1, program=PROGRAM):
-    """A run of the tool, or of `program`, that is stopped for the duration of the block, after its `when`-th system call
-    `call` with the argument `path`, or with any if that is None. For tests that need tracing."""
+    """A run of the tool, or of `program`, that is stopped for the duration of the block, after its `when`-th system
+    call `call` with the argument `path`, or with any if that is None. For tests that need tracing."""
     words = tracing.strace_arguments(STOPPED_LOG, call, [f"{call}:signal=SIGSTOP:when={when}"], [path] if path else [])
     words.remove("-f")
     running = sandbox.start_command("/usr/bin/strace", [*words, "-e", "signal=SIGSTOP", program, *args], traced=True)
