@@ -388,13 +388,14 @@ def test_what_disappears_during_the_check_is_no_finding(sound, needs_tracing, me
     assert result.stdout == SOUND
 
 
-def test_journal_that_is_replaced_during_the_check_is_no_finding(sound, needs_tracing):
+@pytest.mark.parametrize(("content", "codes"), [(b"", []), (b"x", ["db-journal"])])
+def test_journal_that_is_replaced_during_the_check_is_a_finding_if_it_is_hot(sound, needs_tracing, content, codes):
     file(JOURNAL, b"")(sound)
     assert check(sound)
-    with stopped_after(sound, "newfstatat", JOURNAL, "check", program=INFO_PROGRAM) as running:
+    with stopped_after(sound, "newfstatat", JOURNAL, "check", "--json", program=INFO_PROGRAM) as running:
         removed(JOURNAL)(sound)
-        file(JOURNAL, b"")(sound)
-    assert running.wait().stdout == SOUND
+        file(JOURNAL, content)(sound)
+    assert [finding["code"] for finding in json.loads(running.wait().stdout)["findings"]] == codes
 
 
 def test_a_database_that_is_in_use_has_no_journal_left_behind(sound):
