@@ -2,6 +2,7 @@
 
 import json
 import os
+import re
 import shutil
 import signal
 import sqlite3
@@ -34,11 +35,58 @@ def sound(sandbox):
     return sandbox
 
 
+# The meaning of each code in these tests, as a regular expression.
+IN_DATABASE = f"cannot read {DATABASE}: "
+WITH_FILE = f"has the attachment {DIRECTORY}/"
+PLACES = {"owner": r"belongs to (0|1110|4321):\d+ instead of 1110:", "mode": "has mode 0[0-7]{3} instead of "}
+MEANINGS = {
+    "db-missing": f"cannot open {DATABASE}: No such file or directory",
+    "db-unreadable": f"cannot open {DATABASE}: (Permission denied|Not a directory)|"
+                     + IN_DATABASE + "unable to open database file",
+    "db-schema": f"{DATABASE} has not the tables of arspctl --init-db",
+    "db-damaged": "is damaged: ((row 1 missing from|wrong # of entries in) index respfreq|[*]{3} in database main .*)|"
+                  + IN_DATABASE + "(database disk image is malformed|file is not a database)",
+    "db-wal": f"{DATABASE} uses a write-ahead log, which only a writer can read",
+    "db-journal": "was left behind by an interrupted command|is no regular file|"
+                  + IN_DATABASE + "an interrupted command left a journal that must be rolled back first",
+    "db-type": "is no regular file", "db-dir-type": "is no directory",
+    "db-link": "is a symbolic link", "db-dir-link": "is a symbolic link",
+    "db-owner": PLACES["owner"] + "31", "db-dir-owner": PLACES["owner"] + "0",
+    "db-mode": PLACES["mode"] + "0600", "db-dir-mode": PLACES["mode"] + "0755",
+    "mailname-refused": "is no mail name that --set-resp stores",
+    "owner-harmful": r"has the owner (`id`|[.]{2})@example[.]org, which --add-attach refuses",
+    "owner-refused": "has the owner a b@example.org, which is no address that --set-resp stores",
+    "owner-differs": "has the owner other@example.org: --del-attach leaves the files of attachments in "
+                     f"{MAIL_TREE}/example.org/other/@attachments",
+    "content-type": "has the content type image/png", "trigger-word": "looks for its trigger in head",
+    "number": r"has the (daily limit (many|-2147483649)|old limit (|2147483648|-2147483649))",
+    "header-injection": "has line feeds or control bytes in (subject: Hi\r\nBcc: a@example.org|reply_to: a\uef00b\n|"
+                        "forward_to: \a{100}[.]{3}|charset: \x7f)",
+    "counter-orphan": r"has answer counters \(1\) and no autoresponder",
+    "attachment-orphan": "has the attachment \na'b\"c[$]d and no autoresponder",
+    "header-name": "is no name of a header", "header-twice": "is given more than once",
+    "header-value": "has line feeds or control bytes: a\nBcc: b",
+    "auto-submitted": "is not among the extra headers: replies can start a loop",
+    "attachment-missing": f"has the attachment {MAIL_TREE}/example.org/(user|other)/@attachments/.*: "
+                          "(No such file or directory|File name too long)",
+    "attachment-type": WITH_FILE + "report.pdf, which is no regular file",
+    "attachment-empty": WITH_FILE + "report.pdf, which is empty",
+    "attachment-owner": WITH_FILE + "report.pdf, which belongs to user 4321",
+    "attachment-unreadable": WITH_FILE + "report.pdf, which the mail user cannot read",
+    "file-orphan": "is not the attachment of any mailbox",
+    "link": "is a symbolic link that (arspctl does not follow|root does not own)",
+    "attachments-mode": "lets other users in: mode 075[05]",
+    "attachments-unreadable": "cannot be read by the mail user",
+}
+
+
 def check(sandbox):
     """The findings as (severity, code, object): repair; the exit status must agree with them."""
     result = sandbox.info("check", "--json")
     assert (result.stderr, result.records) == (b"", [])
     document = json.loads(result.stdout)
+    for entry in document["findings"]:
+        assert re.fullmatch(MEANINGS[entry["code"]], entry["meaning"], re.DOTALL), entry
     found = {(entry["severity"], entry["code"], entry["object"]): entry["repair"] for entry in document["findings"]}
     severities = [severity for severity, _, _ in found]
     assert document["summary"] == {name + "s": severities.count(name) for name in ("error", "warning", "note")}

@@ -77,13 +77,6 @@ def test_noheadings_prints_the_rows_alone(mailboxes, output):
     assert mailboxes.info("list", "--noheadings", *output).stdout.splitlines(True) == rows
 
 
-def test_help_names_the_columns(sandbox):
-    lines = sandbox.info("list", "--help").stdout.decode().splitlines()
-    names = [line.split()[:2] for line in lines[lines.index("Columns (* by default):") + 1:] if line]
-    assert [words[words[0] == "*"].lower() for words in names] == [*EXPECTED]
-    assert [words[1].lower() for words in names if words[0] == "*"] == BY_DEFAULT
-
-
 @pytest.mark.parametrize(("args", "message"), [
     (["--output", "SIZE,COLOUR"], "unknown column: COLOUR"), (["--output", ","], "unknown column: "),
     (["--json", "--raw"], "--json excludes --raw"), (["x\x1b"], "The following argument was not expected: x\\x1b")])
