@@ -154,6 +154,14 @@ def test_lost_output_is_an_error(box, command):
     assert (result.status, lines[-1]) == (FAILED[command], "arspinfo: cannot write the output: No space left on device")
 
 
+def test_output_of_which_a_part_is_lost_is_an_error(box):
+    run_sql(box, "UPDATE autoresponder SET body = hex(zeroblob(100000)); "
+                 "UPDATE autoresponder SET body = replace(body, '0', 'line' || char(10))")
+    with open(box.path("/dev/full"), "wb") as full:
+        result = box.info("show", "user@example.org", stdout=full)
+    assert (result.status, result.stderr) == (1, b"arspinfo: cannot write the output: No space left on device\n")
+
+
 def test_closed_output_is_an_error(box, command):
     result = box.info(*COMMANDS[command], close_fds=(1,))
     lines = result.stderr.decode().splitlines()

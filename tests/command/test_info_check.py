@@ -11,7 +11,7 @@ from typing import Callable
 
 import pytest
 from harness import INFO_PROGRAM
-from harness.attackers import stopped_after
+from harness.attackers import moment, stopped_after
 from harness.mailboxes import DIRECTORY, FILE, MAIL_TREE, POPUSER, ROOT, STRANGER, add_attachment_rows
 from harness.mailboxes import add_autoresponder, corrupt_page_of, make_directories, put_file, put_link, run_sql
 from harness.sandbox import DATABASE
@@ -430,8 +430,7 @@ def test_place_on_the_path_of_several_mailboxes_is_one_finding(sound, means, cod
 def test_what_disappears_during_the_check_is_no_finding(sound, needs_tracing, means, path):
     means(sound)
     assert check(sound)
-    calls = [call.args_text for call in sound.trace("check", program=INFO_PROGRAM)[1] if call.name == "newfstatat"]
-    when = max(number for number, text in enumerate(calls, 1) if f'"{path}"' in text and "SYMLINK_NOFOLLOW" in text)
+    when = moment(sound, "newfstatat", f'"{path}".*SYMLINK_NOFOLLOW', "check", program=INFO_PROGRAM)
     result, _ = sound.trace("check", program=INFO_PROGRAM, inject=[f"newfstatat:error=ENOENT:when={when}"])
     assert result.stdout == SOUND
 

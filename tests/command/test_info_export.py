@@ -11,6 +11,7 @@ from collections import Counter
 import pytest
 
 from harness import INFO_PROGRAM
+from harness.attackers import moment, stopped_after
 from harness.info import ASCII, in_terminal, put_row, texts
 from harness.mailboxes import (DIRECTORY, FILE, MAIL_TREE, ROOT, STRANGER, add_attachment_rows, make_directories,
                                put_file, put_link, run_sql)
@@ -396,6 +397,16 @@ def test_attachment_that_the_mail_user_cannot_read_is_left_out(two, make, reason
     assert written["NOT-RESTORED"] == ("file", 0o600, 0, 0, line.encode())
     assert b"secret" not in b"".join(entry[4] or b"" for entry in written.values())
     assert restore(two).status == 0
+
+
+def test_pipe_that_takes_the_place_of_an_attachment_is_not_read(two, needs_tracing):
+    when = moment(two, "newfstatat", '"report.pdf"', "export", OUT, program=INFO_PROGRAM)
+    shutil.rmtree(two.path(OUT))
+    with stopped_after(two, "newfstatat", None, "export", OUT, when=when, program=INFO_PROGRAM) as running:
+        two.path(FILE).unlink()
+        os.mkfifo(two.path(FILE), 0o666)
+    assert running.wait().stderr == (
+        b"arspinfo: not restored: user@example.org: attachment report.pdf: it is not a regular file\n")
 
 
 def test_holes_of_a_huge_file_take_no_room(two):

@@ -3,6 +3,7 @@
 import contextlib
 import ctypes
 import os
+import re
 import signal
 from collections import Counter
 
@@ -16,6 +17,13 @@ AT_FDCWD = -100
 RENAME_EXCHANGE = 2
 
 libc = ctypes.CDLL(None, use_errno=True)
+
+
+def moment(sandbox, call, arguments, *args, program=PROGRAM):
+    """The number of the last system call `call` of a run whose arguments match the regular expression: the value of
+    `when` for another run. For tests that need tracing."""
+    texts = [made.args_text for made in sandbox.trace(*args, program=program)[1] if made.name == call]
+    return max(number for number, text in enumerate(texts, 1) if re.search(arguments, text))
 
 
 @contextlib.contextmanager
