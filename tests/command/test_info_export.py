@@ -178,11 +178,12 @@ class RandomDatabase:
         name = self._pick([b"X-Twice", b"x.y", b"", b"a\nb"])
         value = self._pick([b"yes", b"", b'"\\\t', "\u4f11\uef80".encode()])
         if self._chance(0.25):
-            name = self._pick([b"X-\xff", b"X-\0", BLOB])
+            bad = self._pick([b"X-\xff", b"X-\0", BLOB])
+            name, value = self._pick([(bad, value), (name, bad)])
         with contextlib.closing(self._sandbox.db()) as connection:
-            mark = "?" if isinstance(name, bytearray) else "CAST(? AS TEXT)"
-            connection.execute(f"INSERT INTO extra_headers VALUES ({mark}, CAST(? AS TEXT))", (name, value))
-        if name in (b"X-\xff", b"X-\0", BLOB):
+            marks = ["?" if isinstance(text, bytearray) else "CAST(? AS TEXT)" for text in (name, value)]
+            connection.execute(f"INSERT INTO extra_headers VALUES ({','.join(marks)})", (name, value))
+        if {bytes(name), bytes(value)} & {b"X-\xff", b"X-\0", bytes(BLOB)}:
             self._lose(b"extra header " + name + b": its name or value is no UTF-8 text")
         else:
             self.kept["headers"].append((f"text {name.hex().upper()}", f"text {value.hex().upper()}"))
@@ -366,12 +367,14 @@ def test_nothing_is_made_without_a_database_or_a_mailbox(two, args, database, me
 # -- what a hostile mail tree cannot make it do
 
 
-def make_sparse(sandbox, path, size):
-    put_file(sandbox, path, b"head")
-    os.truncate(sandbox.path(path), size)
-    with open(sandbox.path(path), "r+b") as file:
-        file.seek(size // 2)
-        file.write(b"middle")
+def make_sparse(sandbox, size, *offsets):
+    """Makes the attachment a file with holes around six bytes at each offset."""
+    put_file(sandbox, FILE)
+    os.truncate(sandbox.path(FILE), size)
+    with open(sandbox.path(FILE), "r+b") as file:
+        for offset in offsets:
+            file.seek(offset)
+            file.write(b"middle")
 
 
 @pytest.mark.parametrize(("make", "reason"), [
@@ -409,19 +412,50 @@ def test_pipe_that_takes_the_place_of_an_attachment_is_not_read(two, needs_traci
         b"arspinfo: not restored: user@example.org: attachment report.pdf: it is not a regular file\n")
 
 
-def test_holes_of_a_huge_file_take_no_room(two):
-    make_sparse(two, FILE, 1 << 42)
+HUGE = 1 << 42
+
+
+@pytest.mark.parametrize("offsets", [[], [0, HUGE // 2], [HUGE - 6]], ids=["hole", "trailing hole", "trailing data"])
+def test_holes_of_a_huge_file_take_no_room(two, offsets):
+    make_sparse(two, HUGE, *offsets)
     assert export(two, timeout=10).status == 0
     copy = two.path(OUT + "/attachments/00000001")
-    assert (copy.stat().st_size, copy.stat().st_blocks < 100) == (1 << 42, True)
+    assert (copy.stat().st_size, copy.stat().st_blocks < 100) == (HUGE, True)
     with open(copy, "rb") as file:
-        assert file.read(8) == b"head\0\0\0\0"
-        file.seek(1 << 41)
-        assert file.read(8) == b"middle\0\0"
+        for offset in offsets:
+            file.seek(offset)
+            assert file.read(8).rstrip(b"\0") == b"middle"
 
 
-def test_attachment_that_is_too_large_to_be_copied_is_left_out(two):
-    put_file(two, FILE, b"x" * 100_000)
+@pytest.mark.parametrize("offset", ["SEEK_DATA", "SEEK_HOLE", "SEEK_SET"])
+def test_attachment_whose_holes_cannot_be_found_is_left_out(two, needs_tracing, offset):
+    make_sparse(two, HUGE, HUGE // 2)
+    when = moment(two, "lseek", offset, "export", OUT, program=INFO_PROGRAM)
+    result = export_disturbed(two, "lseek", when, "error=EIO")
+    assert (result.status, result.stderr.decode()) == (
+        1, "arspinfo: not restored: user@example.org: attachment report.pdf: cannot copy it: Input/output error\n")
+
+
+@pytest.mark.parametrize(("error", "text"), [("ENOSPC", "No space left on device"), ("EDQUOT", "Disk quota exceeded")])
+def test_full_disk_ends_the_export(two, needs_tracing, error, text):
+    result = export_disturbed(two, "sendfile", 1, f"error={error}")
+    assert (result.status, result.stderr.decode()) == (
+        1, f"arspinfo: user@example.org: attachment report.pdf: cannot copy it: {text}\n")
+    assert "restore.sh" not in two.tree(OUT)
+
+
+@pytest.mark.parametrize(("call", "arguments"), [("write", '"Bye"'), ("sendfile", "")])
+def test_interrupted_copy_is_continued(two, needs_tracing, call, arguments):
+    when = moment(two, call, arguments, "export", OUT, program=INFO_PROGRAM)
+    assert export_disturbed(two, call, when, "error=EINTR").status == 0
+    assert two.tree(OUT) == WRITTEN
+
+
+@pytest.mark.parametrize("make", [
+    lambda root: put_file(root, FILE, b"x" * 100_000), lambda root: make_sparse(root, 100_000, 90_000),
+    lambda root: make_sparse(root, 100_000)], ids=["whole", "data after a hole", "hole"])
+def test_attachment_that_is_too_large_to_be_copied_is_left_out(two, make):
+    make(two)
     result = export(two, rlimits={resource.RLIMIT_FSIZE: 50_000})
     assert (result.status, result.stderr.decode()) == (
         1, "arspinfo: not restored: user@example.org: attachment report.pdf: cannot copy it: File too large\n")
