@@ -5,7 +5,7 @@ import time
 
 import pytest
 
-from harness import INFO_PROGRAM
+from harness import INFO_PROGRAM, preload
 from harness.info import ASCII, HOSTILE, UTF8, in_terminal, json_bytes, put_row, unescaped
 from harness.mailboxes import add_attachment_rows, run_sql
 from harness.waiting import until
@@ -162,6 +162,12 @@ def test_pipe_gets_whole_cells_whatever_the_width_of_a_terminal(holiday):
 def test_ascii_terminal_gets_escapes(holiday):
     status, text = in_terminal(holiday, 200, "list", "-o", "subject", "-n", "--domain", "example.org", env=ASCII)
     assert (status, text.splitlines()[1]) == (0, b"\\xe4\\xbc\\x91\\xe6\\x9a\\x87\\xe3\\x81\\xa7\\xe3\\x81\\x99")
+
+
+@pytest.mark.unsanitized
+def test_lack_of_memory_for_the_table_is_an_error(mailboxes):
+    result = mailboxes.info("list", env=preload.environment(mailboxes, ALLOCATION_FAILS="@libsmartcols"))
+    assert (result.status, result.stdout, result.stderr) == (1, b"", b"arspinfo: std::bad_alloc\n")
 
 
 # -- many rows

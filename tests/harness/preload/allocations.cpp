@@ -1,7 +1,7 @@
 /* Makes allocations of the tool fail and counts them. The programs that the tool starts are not affected.
  *   ALLOCATION_FAILS   "N": the N-th since the start of the program; "N+": that and all later ones; "=SIZE": those of
  *                      SIZE bytes that the program itself requests; "calloc": those that it requests of calloc();
- *                      "vasprintf": those of vasprintf()
+ *                      "vasprintf": those of vasprintf(); "@NAME": those that the library NAME requests
  *   ALLOCATION_REPORT  the file that receives the number of allocations at the end, or a deadly signal */
 
 #include <cerrno>
@@ -35,12 +35,13 @@ bool all_later = false;
 std::size_t failing_size = 0; /* 0: none */
 bool calloc_fails = false;
 bool vasprintf_fails = false;
+const char *failing_library = nullptr;
 int report = -1;
 
-bool requested_by_program(void *caller)
+bool requested_by(const char *name, void *caller)
 {
     Dl_info object;
-    return dladdr(caller, &object) != 0 && std::strstr(object.dli_fname, "arspctl") != nullptr;
+    return dladdr(caller, &object) != 0 && std::strstr(object.dli_fname, name) != nullptr;
 }
 
 bool refused(std::size_t size, void *caller, bool chosen = false)
@@ -49,7 +50,8 @@ bool refused(std::size_t size, void *caller, bool chosen = false)
         return false;
     ++count;
     if ((failing == 0 || (all_later ? count < failing : count != failing)) &&
-        ((!chosen && (failing_size == 0 || size != failing_size)) || !requested_by_program(caller)))
+        ((!chosen && (failing_size == 0 || size != failing_size)) || !requested_by("arspctl", caller)) &&
+        (failing_library == nullptr || !requested_by(failing_library, caller)))
         return false;
     errno = ENOMEM;
     return true;
@@ -76,6 +78,7 @@ __attribute__((constructor)) void begin()
         vasprintf_fails = std::strcmp(which, "vasprintf") == 0;
         failing = std::strtol(which, &end, 10);
         all_later = *end == '+';
+        failing_library = *which == '@' ? which + 1 : nullptr;
         failing_size = *which == '=' ? std::strtoul(which + 1, nullptr, 10) : 0;
     }
     if (path != nullptr) {
