@@ -24,6 +24,12 @@ constexpr gid_t UNCHANGED_GID = static_cast<gid_t>(-1);
 MailUser current_user = {UNCHANGED_UID, UNCHANGED_GID};
 bool root_is_kept = false;
 
+void abort_unless(bool done)
+{
+    if (!done)
+        std::abort();
+}
+
 } // namespace
 
 MailUser become_mail_user(bool keep_root)
@@ -59,9 +65,10 @@ RootRights::RootRights()
 RootRights::~RootRights()
 {
     const KeepErrno keep;
-    if (root_is_kept && (setresgid(UNCHANGED_GID, current_user.gid, UNCHANGED_GID) != 0 ||
-                         setresuid(UNCHANGED_UID, current_user.uid, UNCHANGED_UID) != 0))
-        std::abort();
+    if (!root_is_kept)
+        return;
+    abort_unless(setresgid(UNCHANGED_GID, current_user.gid, UNCHANGED_GID) == 0);
+    abort_unless(setresuid(UNCHANGED_UID, current_user.uid, UNCHANGED_UID) == 0);
 }
 
 } // namespace arsp
