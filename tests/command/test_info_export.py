@@ -494,6 +494,16 @@ def export_disturbed(sandbox, name, when, fault):
     return sandbox.trace("export", OUT, program=INFO_PROGRAM, calls=name, inject=[f"{name}:{fault}:when={when}"])[0]
 
 
+@pytest.mark.parametrize(("call", "arguments", "status", "message"), [
+    ("setresuid", "-1, 0, -1", 1, b"arspinfo: cannot take root's rights: Operation not permitted\n"),
+    ("setresgid", "-1, 0, -1", 1, b"arspinfo: cannot take root's rights: Operation not permitted\n"),
+    ("setresuid", "-1, 1110, -1", -signal.SIGABRT, b""), ("setresgid", "-1, 31, -1", -signal.SIGABRT, b"")])
+def test_refused_change_of_rights_ends_the_export(two, needs_tracing, call, arguments, status, message):
+    when = moment(two, call, arguments, "export", OUT, program=INFO_PROGRAM)
+    result = export_disturbed(two, call, when, "error=EPERM")
+    assert (result.status, result.stderr) == (status, message)
+
+
 @pytest.mark.unsanitized
 def test_export_killed_at_any_call_has_no_script_or_is_complete(two, needs_tracing):
     complete = 0
