@@ -128,7 +128,8 @@ Database Database::openFile()
     db.limits_ = std::make_unique<Limits>();
     db.limits_->file_size = static_cast<std::uint64_t>(std::max<off_t>(status.st_size, 0));
     sqlite3 *handle = nullptr;
-    const int rc = sqlite3_open_v2(RESPONDER_DB_PATH, &handle, SQLITE_OPEN_READONLY, db.vfs_->name());
+    const int rc =
+        sqlite3_open_v2(RESPONDER_DB_PATH, &handle, SQLITE_OPEN_READONLY | SQLITE_OPEN_NOMUTEX, db.vfs_->name());
     db.handle_.reset(handle);
     if (rc != SQLITE_OK)
         db.fail(rc);
@@ -155,7 +156,7 @@ Database Database::copyToMemory()
     Database copy;
     copy.limits_ = std::move(file.limits_);
     sqlite3 *handle = nullptr;
-    int rc = sqlite3_open_v2(":memory:", &handle, SQLITE_OPEN_READWRITE, nullptr);
+    int rc = sqlite3_open_v2(":memory:", &handle, SQLITE_OPEN_READWRITE | SQLITE_OPEN_NOMUTEX, nullptr);
     copy.handle_.reset(handle);
     if (rc == SQLITE_OK)
         rc = sqlite3_deserialize(handle, "main", bytes, size, size,

@@ -1,12 +1,18 @@
 #include "info/list.h"
 
 #include <algorithm>
+#include <cstdint>
+#include <cstdio>
 #include <cstring>
 #include <memory>
 #include <new>
+#include <string>
+#include <string_view>
+#include <unordered_map>
 #include <vector>
 
 #include <libsmartcols.h>
+#include <stdio_ext.h>
 #include <strings.h>
 
 #include "info/database.h"
@@ -31,6 +37,8 @@ struct Column {
     Kind kind;
     bool by_default;
     const char *help;
+    const char *counted = nullptr; /* SQL: the rows `c` that belong to `a`; `expression` then sums them up */
+    const char *none = "";         /* the value without such rows */
 };
 
 constexpr Column COLUMNS[] = {
@@ -46,15 +54,18 @@ constexpr Column COLUMNS[] = {
     {"FORWARD", "a.forward_to", Kind::text, false, "address that gets the incoming message"},
     {"REPLYTO", "a.reply_to", Kind::text, false, "Reply-To of the reply"},
     {"SIZE", "length(CAST(a.body AS BLOB))", Kind::number, true, "bytes of the body"},
-    {"ATTACHMENTS", "(SELECT count(*) FROM attachments t WHERE t.mn=a.mn)", Kind::number, true,
-     "number of attachments"},
-    {"REPLIES",
-     "(SELECT count(*)||'/'||CAST(total(num) AS INTEGER) FROM resp_freq r WHERE r.mn=a.mn AND "
-     "r.time_resp>CAST(strftime('%s','now') AS INTEGER)-86400)", /* the mail side counts anew after a day */
-     Kind::word, true, "senders answered within a day, and replies sent to them"},
+    {"ATTACHMENTS", "count(*)", Kind::number, true, "number of attachments", "attachments c ON c.mn=a.mn", "0"},
+    {"REPLIES", "count(*)||'/'||CAST(total(c.num) AS INTEGER)", Kind::word, true,
+     "senders answered within a day, and replies sent to them",
+     /* the mail side counts anew after a day */
+     "resp_freq c ON c.mn=a.mn AND c.time_resp>CAST(strftime('%s','now') AS INTEGER)-86400", "0/0"},
 };
 
-constexpr std::size_t LINES_AT_ONCE = 1000; /* in libsmartcols' memory, where the format allows parts */
+/* The mailboxes that are listed; ?1 is the domain, if one is chosen. */
+constexpr char CHOSEN[] = " WHERE ?1='' OR substr(a.mn,instr(a.mn,'@')+1)=lower(?1)";
+
+/* Lines of raw output in libsmartcols' memory; the other formats need all of them, for the widths. */
+constexpr std::size_t LINES_AT_ONCE = 128;
 
 const Column &find_column(const std::string &name)
 {
@@ -87,10 +98,13 @@ std::vector<const Column *> choose_columns(std::string names)
     return chosen;
 }
 
-/* The cells of all lines, one after the other, each ended by a NUL byte: 100,000 lines need no allocation each. */
-struct Cells {
-    std::string bytes;
-    std::size_t lines = 0;
+/* What is listed. The cells of all lines are one text: 100,000 lines need no allocation each. */
+struct Rows {
+    using Counts = std::unordered_map<std::int64_t, std::string>; /* by rowid; the mailboxes that have any */
+
+    std::string cells; /* of the columns that are not counted, line by line, each ended by a NUL byte */
+    std::vector<std::int64_t> rowids;
+    std::vector<Counts> counts; /* of each column; none for those that are not counted */
 };
 
 /* In raw output libsmartcols escapes blanks and every byte that is not a printable character, so a cell holds the value
@@ -101,35 +115,59 @@ bool is_escaped_twice(std::string_view value)
     return value.find('\0') != std::string_view::npos || value.find("\\x") != std::string_view::npos;
 }
 
-/* Reads all cells in one transaction, which ends before anything is printed: a reader of the output that stops must not
- * hold up arspctl. */
-Cells read_cells(const ListOptions &options, const std::vector<const Column *> &columns)
+void append_cell(std::string &cells, std::string_view value, const ListOptions &options)
 {
-    std::string sql = "SELECT ";
-    for (const Column *column : columns)
-        sql.append(column == columns.front() ? "" : ",").append(column->expression);
-    sql += " FROM autoresponder a WHERE ?1='' OR substr(a.mn,instr(a.mn,'@')+1)=lower(?1) ORDER BY a.mn";
+    if (options.json)
+        cells += json_text(value);
+    else if (options.raw && !is_escaped_twice(value))
+        cells += value;
+    else
+        cells += printable(value);
+    cells += '\0';
+}
 
-    Database db = Database::openFile();
-    Cells cells;
-    {
-        Query rows(db, sql);
-        rows.bind(options.domain);
-        for (; rows.next(); ++cells.lines) {
-            for (std::size_t i = 0; i < columns.size(); ++i) {
-                const std::string_view value = rows.text(static_cast<int>(i));
-                if (options.json)
-                    cells.bytes += json_text(value);
-                else if (options.raw && !is_escaped_twice(value))
-                    cells.bytes += value;
-                else
-                    cells.bytes += printable(value);
-                cells.bytes += '\0';
-            }
+void read_cells(Database &db, const ListOptions &options, const std::vector<const Column *> &columns, Rows &result)
+{
+    std::string sql = "SELECT a.rowid";
+    for (const Column *column : columns) {
+        if (column->counted == nullptr)
+            sql.append(",").append(column->expression);
+    }
+    Query rows(db, sql + " FROM autoresponder a" + CHOSEN + " ORDER BY a.mn");
+    rows.bind(options.domain);
+    while (rows.next()) {
+        result.rowids.push_back(rows.number(0));
+        int cell = 1;
+        for (const Column *column : columns) {
+            if (column->counted == nullptr)
+                append_cell(result.cells, rows.text(cell++), options);
         }
     }
+}
+
+/* Counts for all mailboxes in one query: one for each takes several times as long. */
+Rows::Counts read_counts(Database &db, const ListOptions &options, const Column &column)
+{
+    Query rows(db, std::string("SELECT a.rowid,") + column.expression + " FROM autoresponder a CROSS JOIN " +
+                       column.counted + CHOSEN + " GROUP BY a.mn");
+    rows.bind(options.domain);
+    Rows::Counts counts;
+    while (rows.next())
+        counts.emplace(rows.number(0), rows.text(1));
+    return counts;
+}
+
+/* Reads in one transaction, which ends before anything is printed: a reader of the output that stops must not hold up
+ * arspctl. */
+Rows read_rows(const ListOptions &options, const std::vector<const Column *> &columns)
+{
+    Database db = Database::openFile();
+    Rows rows;
+    read_cells(db, options, columns, rows); /* first: it finds out soon if a damaged tree has no end */
+    for (const Column *column : columns)
+        rows.counts.push_back(column->counted != nullptr ? read_counts(db, options, *column) : Rows::Counts());
     db.finish();
-    return cells;
+    return rows;
 }
 
 struct FreeTable {
@@ -162,14 +200,31 @@ Table make_table(const ListOptions &options, const std::vector<const Column *> &
 /* Prints the lines of the table through print(), which keeps the reason of a failed write. */
 void print_table(const Table &table)
 {
-    char *text = nullptr;
-    if (scols_print_table_to_string(table.get(), &text) != 0)
+    char *bytes = nullptr;
+    std::size_t size = 0;
+    FILE *stream = open_memstream(&bytes, &size);
+    if (stream == nullptr)
         throw std::bad_alloc();
-    const CString owner(text);
-    const bool json = scols_table_is_json(table.get()) != 0;
-    print(json ? ascii_json(text) : text);
-    if (!json && *text != '\0') /* JSON ends with a line feed already */
-        print("\n");
+    __fsetlocking(stream, FSETLOCKING_BYCALLER); /* libsmartcols writes single characters */
+    scols_table_set_stream(table.get(), stream);
+    const int rc = scols_print_table(table.get());
+    const bool closed = fclose(stream) == 0;
+    const CString owner(bytes);
+    if (rc != 0 || !closed)
+        throw std::bad_alloc();
+    const std::string_view text(bytes, size);
+    if (scols_table_is_json(table.get()) != 0)
+        print(ascii_json(text));
+    else
+        print(text);
+}
+
+libscols_line *add_line(const Table &table)
+{
+    libscols_line *line = scols_table_new_line(table.get(), nullptr);
+    if (line == nullptr)
+        throw std::bad_alloc();
+    return line;
 }
 
 } // namespace
@@ -177,25 +232,35 @@ void print_table(const Table &table)
 void list_autoresponders(const ListOptions &options)
 {
     const std::vector<const Column *> columns = choose_columns(options.columns);
-    Cells cells = read_cells(options, columns);
+    const Rows rows = read_rows(options, columns);
     const Table table = make_table(options, columns);
-    char *cell = cells.bytes.data();
-    for (std::size_t line = 0; line < cells.lines; ++line) {
-        libscols_line *added = scols_table_new_line(table.get(), nullptr);
-        if (added == nullptr)
-            throw std::bad_alloc();
+    std::vector<libscols_line *> lines; /* of the table; those of raw output are filled again and again */
+    std::size_t filled = 0;
+    const char *cell = rows.cells.data();
+    for (const std::int64_t rowid : rows.rowids) {
+        if (filled == lines.size())
+            lines.push_back(add_line(table));
         for (std::size_t i = 0; i < columns.size(); ++i) {
-            if (scols_line_set_data(added, i, cell) != 0)
+            const char *value = cell;
+            if (columns[i]->counted != nullptr) {
+                const auto count = rows.counts[i].find(rowid);
+                value = count != rows.counts[i].end() ? count->second.c_str() : columns[i]->none;
+            } else {
+                cell += std::strlen(cell) + 1;
+            }
+            if (scols_line_set_data(lines[filled], i, value) != 0)
                 throw std::bad_alloc();
-            cell += std::strlen(cell) + 1;
         }
-        if (options.raw && (line + 1) % LINES_AT_ONCE == 0) {
+        ++filled;
+        if (options.raw && filled == LINES_AT_ONCE) {
             print_table(table);
-            scols_table_remove_lines(table.get());
             scols_table_enable_noheadings(table.get(), 1);
+            filled = 0;
         }
     }
-    if (scols_table_is_empty(table.get()) == 0 || cells.lines == 0)
+    for (; lines.size() > filled; lines.pop_back())
+        scols_table_remove_line(table.get(), lines.back());
+    if (filled != 0 || rows.rowids.empty())
         print_table(table);
     finish_output();
 }
