@@ -63,6 +63,16 @@ bool is_printable(Character character)
            std::iswprint(static_cast<wint_t>(character.code)) != 0;
 }
 
+/* Moves what every output shows as it is from the beginning of the text: printable ASCII but the backslash. */
+void move_plain(std::string_view &text, std::string &out)
+{
+    const auto *const end = std::find_if_not(text.begin(), text.end(),
+                                             [](char byte) { return byte >= ' ' && byte < 0x7F && byte != '\\'; });
+    const auto length = static_cast<std::size_t>(end - text.begin());
+    out += text.substr(0, length);
+    text.remove_prefix(length);
+}
+
 void append_hex(std::string &out, std::string_view bytes)
 {
     for (const char byte : bytes) {
@@ -126,7 +136,7 @@ std::string printable(std::string_view text)
 {
     std::string out;
     out.reserve(text.size());
-    while (!text.empty()) {
+    for (move_plain(text, out); !text.empty(); move_plain(text, out)) {
         const Character character = first_character(text);
         const std::string_view bytes = text.substr(0, std::max<std::size_t>(character.length, 1));
         if (!is_printable(character) || text.starts_with("\\x"))
@@ -142,7 +152,7 @@ std::string json_text(std::string_view text)
 {
     std::string out;
     out.reserve(text.size());
-    while (!text.empty()) {
+    for (move_plain(text, out); !text.empty(); move_plain(text, out)) {
         const Character character = first_character(text);
         const std::string_view bytes = text.substr(0, std::max<std::size_t>(character.length, 1));
         if (character.length == 0 || character.code == 0 || (character.code >= 0xEF00 && character.code <= 0xEFFF))
@@ -158,7 +168,7 @@ std::string ascii_json(std::string_view json)
 {
     std::string out;
     out.reserve(json.size());
-    while (!json.empty()) {
+    for (move_plain(json, out); !json.empty(); move_plain(json, out)) {
         const Character character = first_character(json);
         const std::size_t length = std::max<std::size_t>(character.length, 1);
         if (character.code >= 0x10000)
