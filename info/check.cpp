@@ -27,7 +27,7 @@ Findings find_everything(const MailUser &mail_user)
     check_place(mail_user, findings);
     AttachmentRows rows;
     try {
-        Database db = Database::copyToMemory();
+        Database db = Database::openFile().copyToMemory();
         rows = check_rows(mail_user, db, findings);
     } catch (const DatabaseFailure &failure) {
         add_database_failure(mail_user, failure, findings);

@@ -142,24 +142,23 @@ Database Database::openFile()
 
 Database Database::copyToMemory()
 {
-    Database file = openFile();
-    if (file.size() > LARGEST_COPY)
+    if (size() > LARGEST_COPY)
         throw Failure(std::string(RESPONDER_DB_PATH) + " is too large to be copied to memory");
-    sqlite3_int64 size = 0;
-    unsigned char *bytes = sqlite3_serialize(file.handle(), "main", &size, 0);
+    sqlite3_int64 length = 0;
+    unsigned char *bytes = sqlite3_serialize(handle(), "main", &length, 0);
     if (bytes == nullptr) {
-        const int rc = sqlite3_errcode(file.handle());
-        file.fail(rc == SQLITE_OK ? SQLITE_NOMEM : rc);
+        const int rc = sqlite3_errcode(handle());
+        fail(rc == SQLITE_OK ? SQLITE_NOMEM : rc);
     }
-    file.finish();
+    finish();
 
     Database copy;
-    copy.limits_ = std::move(file.limits_);
+    copy.limits_ = std::move(limits_);
     sqlite3 *handle = nullptr;
     int rc = sqlite3_open_v2(":memory:", &handle, SQLITE_OPEN_READWRITE | SQLITE_OPEN_NOMUTEX, nullptr);
     copy.handle_.reset(handle);
     if (rc == SQLITE_OK)
-        rc = sqlite3_deserialize(handle, "main", bytes, size, size,
+        rc = sqlite3_deserialize(handle, "main", bytes, length, length,
                                  SQLITE_DESERIALIZE_FREEONCLOSE | SQLITE_DESERIALIZE_READONLY);
     if (rc != SQLITE_OK)
         copy.fail(rc);

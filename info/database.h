@@ -24,13 +24,12 @@ namespace arsp {
  * process keeps or a lack of memory, as Failure. */
 class Database {
 public:
-    /* Opens the file and begins a transaction, which holds a shared lock until finish(): arspctl waits meanwhile.
-     * Checks that the four tables and their indexes are those of arspctl --init-db. */
+    /* Opens the file and begins a transaction, which holds a shared lock until finish() or the end of the object:
+     * arspctl waits meanwhile. Checks that the four tables and their indexes are those of arspctl --init-db. */
     static Database openFile();
 
-    /* Does what openFile does, copies the whole file into memory and releases its lock: for work that takes longer than
-     * arspctl may wait. */
-    static Database copyToMemory();
+    /* Copies the whole file into memory and releases its lock: for work that takes longer than arspctl may wait. */
+    Database copyToMemory();
 
     Database(Database &&) noexcept = default;
     ~Database();

@@ -407,7 +407,7 @@ void Export::run()
 
 int export_everything(const ExportOptions &options)
 {
-    Database db = Database::copyToMemory();
+    Database db = Database::openFile().copyToMemory();
     Export job(options, db);
     job.run();
     finish_output();

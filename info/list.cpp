@@ -9,6 +9,7 @@
 #include <string>
 #include <string_view>
 #include <unordered_map>
+#include <utility>
 #include <vector>
 
 #include <libsmartcols.h>
@@ -66,6 +67,8 @@ constexpr char CHOSEN[] = " WHERE ?1='' OR substr(a.mn,instr(a.mn,'@')+1)=lower(
 
 /* Lines of raw output in libsmartcols' memory; the other formats need all of them, for the widths. */
 constexpr std::size_t LINES_AT_ONCE = 128;
+
+constexpr std::uint64_t LARGEST_COPY = 32U << 20U; /* bytes; larger databases would take too much memory */
 
 const Column &find_column(const std::string &name)
 {
@@ -157,16 +160,16 @@ Rows::Counts read_counts(Database &db, const ListOptions &options, const Column 
     return counts;
 }
 
-/* Reads in one transaction, which ends before anything is printed: a reader of the output that stops must not hold up
- * arspctl. */
+/* Reads a copy, or else in one transaction. Either lock ends before anything is printed: a reader of the output that
+ * stops must not hold up arspctl. */
 Rows read_rows(const ListOptions &options, const std::vector<const Column *> &columns)
 {
-    Database db = Database::openFile();
+    Database file = Database::openFile();
+    Database db = file.size() <= LARGEST_COPY ? file.copyToMemory() : std::move(file);
     Rows rows;
     read_cells(db, options, columns, rows); /* first: it finds out soon if a damaged tree has no end */
     for (const Column *column : columns)
         rows.counts.push_back(column->counted != nullptr ? read_counts(db, options, *column) : Rows::Counts());
-    db.finish();
     return rows;
 }
 
