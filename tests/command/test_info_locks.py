@@ -1,5 +1,5 @@
-"""arspinfo holds its lock on the database while it reads rows and at no other time, so that writers need not wait for
-files, for the mail tree or for a reader of the output."""
+"""arspinfo holds its lock on the database while it copies it or reads rows and at no other time, so that writers need not
+wait for files, for the mail tree or for a reader of the output."""
 
 import fcntl
 import os
@@ -59,3 +59,11 @@ def test_a_reader_of_the_output_that_stops_keeps_no_lock(many, words, blocked):
         assert many.run("--del-resp", "--mailname", "u1@example.org").status == 0
         assert running.running() and len(first + ours.read()) > 65536
         assert running.wait().status == (0 if words[0] in ("list", "show") else 1)
+
+
+@pytest.mark.parametrize(("size", "copied"), [(10**6, True), (40 * 10**6, False)])
+def test_list_copies_a_small_database_instead_of_reading_rows_under_the_lock(many, needs_tracing, size, copied):
+    run_sql(many, f"UPDATE autoresponder SET body = zeroblob({size}) WHERE mn = '{USER}'")
+    result, calls = many.trace("list", "-o", "mailname", program=INFO_PROGRAM, calls="pread64", paths=[DATABASE])
+    assert result.stdout.count(b"@example.org") == 5001
+    assert (len([call for call in calls if ", 4096, " in call.args_text]) > size / 4096) == copied
