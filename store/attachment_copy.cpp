@@ -15,6 +15,7 @@
 #include "store/attachment_dir.h"
 #include "store/mail_tree.h"
 #include "store/schema.h"
+#include "support/file_id.h"
 #include "support/flush.h"
 #include "support/log.h"
 #include "support/make_dirs.h"
@@ -59,7 +60,7 @@ int flush_regular_file(const TreeEntry &file)
         openat(file.directory.get(), file.name.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
     if (!fd || fstat(fd.get(), &opened) != 0)
         return -1;
-    if (opened.st_dev != found.st_dev || opened.st_ino != found.st_ino) {
+    if (FileId(opened) != FileId(found)) {
         errno = ESTALE;
         return -1;
     }

@@ -1,5 +1,7 @@
 #include "store/busy_retry.h"
 
+#include <ctime>
+
 #include <sqlite3.h>
 
 namespace arsp {
@@ -13,15 +15,12 @@ constexpr long ONE_SECOND = 1'000'000'000; /* ns */
 
 bool BusyRetry::again(int rc)
 {
-    if ((pause_.tv_sec > 0 || pause_.tv_nsec > 0) && nanosleep(&pause_, nullptr) != 0) {
+    const timespec pause = {pause_ / ONE_SECOND, pause_ % ONE_SECOND};
+    if (pause_ > 0 && nanosleep(&pause, nullptr) != 0) {
         interrupted_ = true;
         return false;
     }
-    pause_.tv_nsec += STEP;
-    if (pause_.tv_nsec >= ONE_SECOND) { /* nanosleep rejects a full second of nanoseconds */
-        pause_.tv_nsec -= ONE_SECOND;
-        pause_.tv_sec += 1;
-    }
+    pause_ += STEP;
     return rc == SQLITE_BUSY;
 }
 

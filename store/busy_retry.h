@@ -1,8 +1,6 @@
 #ifndef ARSP_STORE_BUSY_RETRY_H
 #define ARSP_STORE_BUSY_RETRY_H
 
-#include <ctime>
-
 namespace arsp {
 
 /* Paces the attempts of a call that may return SQLITE_BUSY: pauses of 0, 10, 20 ... microseconds, without a limit. */
@@ -17,7 +15,7 @@ public:
     [[nodiscard]] bool interrupted() const { return interrupted_; }
 
 private:
-    timespec pause_ = {0, 0};
+    long pause_ = 0; /* ns */
     bool interrupted_ = false;
 };
 

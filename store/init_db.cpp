@@ -13,6 +13,7 @@
 #include "store/responder_db.h"
 #include "support/c_handles.h"
 #include "support/dirs.h"
+#include "support/file_id.h"
 #include "support/flush.h"
 #include "support/log.h"
 
@@ -53,7 +54,7 @@ void check_not_replaced(const char *path, HeldFile &file)
         file.failWith(errno);
     else if (S_ISLNK(current.st_mode))
         file.failWith(ELOOP);
-    else if (fstat(file.get(), &held) == 0 && (current.st_dev != held.st_dev || current.st_ino != held.st_ino))
+    else if (fstat(file.get(), &held) == 0 && FileId(current) != FileId(held))
         file.failWith(ESTALE);
 }
 

