@@ -10,6 +10,7 @@
 #include <gtest/gtest.h>
 
 #include "tests/unit/support/child_process.h"
+#include "tests/unit/support/failing_calls.h"
 #include "tests/unit/support/syslog_capture.h"
 
 using namespace arsp;
@@ -91,6 +92,19 @@ TEST_F(AttachmentDirTest, EveryDescriptorIsClosedAgain)
     EXPECT_EQ(syslog_capture.records.size(), 2U);
 
     EXPECT_EQ(next_descriptor(), before);
+}
+
+TEST_F(AttachmentDirTest, DirectoryThatCannotBeExaminedStays)
+{
+    fs::create_directories(DIRECTORY + "/sub");
+    for (const std::string what : {"cannot open directory ", "cannot leave directory "}) {
+        syslog_capture.records.clear();
+        calls_before_failure = what == "cannot open directory " ? 0 : 1;
+        EXPECT_EQ(dir_.clear(), 0);
+        EXPECT_EQ(syslog_capture.records.at(0).text,
+                  "Unable to remove autoresponder attachments: " + what + DIRECTORY + "/sub: Input/output error");
+    }
+    EXPECT_TRUE(fs::exists(DIRECTORY + "/sub"));
 }
 
 TEST_F(AttachmentDirTest, DirectoryMayHaveDescriptorZero)

@@ -143,6 +143,26 @@ TEST_F(AttachmentCommandTest, MissingMailUserIsReportedWithAnOlderErrorText)
     EXPECT_EQ(errors(), Texts{"Unable to get uid:gid for popuser: No such file or directory"}); /* of kel.conf */
 }
 
+TEST_F(AttachmentCommandTest, RestartWhoseTransactionCannotEndOrBeginIsAFailure)
+{
+    const std::pair<std::string, int> refusals[] = {{"COMMIT", 1}, {"BEGIN", 2}}; /* the first BEGIN is no restart */
+    for (const auto &[refused, number] : refusals) {
+        Other writer(RESPONDER_DB_PATH);
+        ASSERT_EQ(writer.exec("BEGIN IMMEDIATE"), SQLITE_OK);
+        on_prepare = [&, count = 0](sqlite3 *, int action, const std::string &what) mutable {
+            const bool refuse = action == SQLITE_TRANSACTION && what == refused && ++count == number;
+            return refuse ? SQLITE_DENY : SQLITE_OK;
+        };
+        syslog_capture.records.clear();
+        EXPECT_EQ(add(), -1);
+        const std::string query = refused == "COMMIT" ? "END" : "BEGIN";
+        EXPECT_EQ(errors(),
+                  Texts{"Unable to prepare SQL statement for query '" + query + " TRANSACTION;': not authorized"});
+        on_prepare = nullptr;
+    }
+    EXPECT_EQ(row_counts(), "2|1|1");
+}
+
 TEST_F(AttachmentCommandTest, NameThatCannotBeBoundLeavesACopyWithoutARow)
 {
     const std::pair<int, const char *> limits[] = {{SHORTER_THAN_THE_MAIL_NAME, "mailname"},

@@ -53,6 +53,19 @@ private:
     sqlite3 *handle_ = nullptr;
 };
 
+/* Gives a connection a statement that prevents closing. */
+inline int lose_statement(sqlite3 *db, const char **, const sqlite3_api_routines *)
+{
+    sqlite3_stmt *lost = nullptr;
+    return sqlite3_prepare_v2(db, "SELECT 1", -1, &lost, nullptr);
+}
+
+/* Does so to each new connection of the process. */
+inline void keep_connections_open()
+{
+    sqlite3_auto_extension(reinterpret_cast<void (*)()>(lose_statement));
+}
+
 /* Captures log records and pauses. */
 class StoreTest : public testing::Test {
 protected:

@@ -95,17 +95,10 @@ TEST_F(InitDbTest, FailedScriptIsLoggedWithTheLabelAndKeepsNothing)
     EXPECT_EQ(other_.values("SELECT name FROM sqlite_master"), "t");
 }
 
-/* Gives a new connection a statement that prevents closing. */
-int keep_open(sqlite3 *db, const char **, const sqlite3_api_routines *)
-{
-    sqlite3_stmt *lost = nullptr;
-    return sqlite3_prepare_v2(db, "SELECT 1", -1, &lost, nullptr);
-}
-
 TEST_F(InitDbTest, InterruptedPauseInClosingFailsThoughTheScriptIsDone)
 {
     const std::string seen = with_failing_pauses(db_, [this] {
-        sqlite3_auto_extension(reinterpret_cast<void (*)()>(keep_open));
+        keep_connections_open();
         return db_recreate(path_.c_str(), "CREATE TABLE u (y);", "things");
     });
     EXPECT_EQ(seen, "-1, not an error, 0 records");

@@ -232,6 +232,19 @@ TEST_F(ResponderDbTest, ScriptFailsWhenTheNewConnectionCannotBeOpened)
               Texts{"Unable to open database " + dir_.path() + "/missing/test.db: unable to open database file"});
 }
 
+TEST_F(ResponderDbTest, ScriptFailsWhenAPauseInClosingForTheNewConnectionIsInterrupted)
+{
+    const std::string seen = with_failing_pauses(db_, [this] {
+        Other other(path_);
+        keep_connections_open();
+        db_.open(path_.c_str());
+        other.exec("BEGIN EXCLUSIVE");
+        return db_.execScript(path_.c_str(), SCRIPT, message_);
+    });
+    EXPECT_EQ(seen, "-1, general DB errror, 0 records");
+    EXPECT_EQ(other_.values("SELECT name FROM sqlite_master"), "t");
+}
+
 TEST_F(ResponderDbTest, ScriptReturnsSqlitesCodeAndTextAndLogsNothing)
 {
     EXPECT_EQ(db_.execScript(path_.c_str(), "BEGIN;CREATE TABLE t (x);COMMIT;", message_), SQLITE_ERROR);

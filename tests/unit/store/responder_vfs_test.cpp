@@ -1,5 +1,6 @@
 #include "store/responder_vfs.h"
 
+#include <climits>
 #include <filesystem>
 #include <string>
 #include <vector>
@@ -7,6 +8,7 @@
 #include <gtest/gtest.h>
 
 #include "tests/unit/store/database_fixture.h"
+#include "tests/unit/support/failing_calls.h"
 
 using namespace arsp;
 
@@ -152,6 +154,45 @@ TEST_F(ResponderVfsTest, ResolvedPathThatDoesNotFitIsAnError)
     EXPECT_EQ(vfs->xFullPathname(vfs, "/123.db", sizeof resolved, resolved), SQLITE_OK);
     EXPECT_STREQ(resolved, "/123.db");
     EXPECT_EQ(vfs->xFullPathname(vfs, "/1234.db", sizeof resolved, resolved), SQLITE_CANTOPEN);
+}
+
+TEST_F(ResponderVfsTest, LinkThatCannotBeReadIsNotOpened)
+{
+    const std::string link = dir_ / "link.db";
+    std::filesystem::create_symlink("test.db", link);
+    const int results[] = {-1, -1, 0}; /* the link, its target, the database, which SQLite examines again */
+    for (int calls = 0; calls < 3; ++calls) {
+        calls_before_failure = calls;
+        EXPECT_EQ(second_db_.open(link.c_str()), results[calls]) << calls;
+    }
+}
+
+TEST_F(ResponderVfsTest, PathLongerThanTheKernelAllowsIsNotOpened)
+{
+    std::string target = "test.db";
+    while (target.size() < PATH_MAX - 2)
+        target.insert(0, "./");
+    const std::string link = dir_ / "link.db";
+    std::filesystem::create_symlink(target, link);
+    for (const std::string &path : {link, "/" + std::string(PATH_MAX - 1, 'x')})
+        EXPECT_EQ(second_db_.open(path.c_str()), -1);
+}
+
+TEST_F(ResponderVfsTest, PathWhoseLinksLeadToALongerOneIsNotOpened)
+{
+    std::string deep = dir_.path();
+    while (deep.size() < PATH_MAX - 257)
+        deep += "/" + std::string(250, 'x');
+    std::filesystem::create_directories(deep);
+    std::filesystem::create_symlink(deep, dir_ / "deep");
+    const ResponderVfs responder_vfs;
+    sqlite3_vfs *vfs = sqlite3_vfs_find(responder_vfs.name());
+    char resolved[2 * PATH_MAX];
+    const auto result = [&](std::size_t length) {
+        return vfs->xFullPathname(vfs, (dir_ / "deep/" + std::string(length, 'x')).c_str(), sizeof resolved, resolved);
+    };
+    EXPECT_EQ(result(PATH_MAX - 2 - deep.size()), SQLITE_OK);
+    EXPECT_EQ(result(PATH_MAX - 1 - deep.size()), SQLITE_CANTOPEN);
 }
 
 TEST_F(ResponderVfsTest, RelativePathIsOpened)

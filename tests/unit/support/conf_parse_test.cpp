@@ -8,6 +8,7 @@
 
 #include <gtest/gtest.h>
 
+#include "tests/unit/support/little_memory.h"
 #include "tests/unit/support/scratch_dir.h"
 #include "tests/unit/support/syslog_capture.h"
 
@@ -144,6 +145,15 @@ TEST_F(ConfParseTest, ReadErrorIsLoggedAndKeepsErrno)
     EXPECT_EQ(conf_parse_file(dir_.path().c_str(), store_.get()), -1); /* a directory can be opened, but not read */
     EXPECT_EQ(errno, EISDIR);
     EXPECT_EQ(syslog_capture.records, (Records{{12, "Unable to read configuration file: Is a directory"}}));
+}
+
+TEST_F(ConfParseTest, LineLargerThanMemoryIsLoggedAndKeepsErrno)
+{
+    largest_block = 500;
+    EXPECT_EQ(parse("A 1\nB " + std::string(1000, 'x')), -1);
+    largest_block = ANY_SIZE;
+    EXPECT_EQ(errno, ENOMEM);
+    EXPECT_EQ(syslog_capture.records, (Records{{12, "Unable to read configuration file: Cannot allocate memory"}}));
 }
 
 TEST_F(ConfParseTest, LackOfMemoryForAPairEndsTheReadingAndKeepsErrno)

@@ -9,11 +9,14 @@
 
 #include <dirent.h>
 #include <dlfcn.h>
+#include <sys/fsuid.h>
+#include <sys/resource.h>
 #include <unistd.h>
 
 #include <gtest/gtest.h>
 
 #include "tests/unit/support/child_process.h"
+#include "tests/unit/support/failing_calls.h"
 #include "tests/unit/support/little_memory.h"
 #include "tests/unit/support/scratch_dir.h"
 
@@ -100,6 +103,33 @@ TEST_F(CreateDirTreeTest, NewDirectoriesGetOwnerAndExactModeAndOthersStayAsTheyA
     EXPECT_EQ(owned(dir_ / "a"), "711 0:0");
     EXPECT_EQ(owned(dir_ / "a/b"), "777 1234:5678");
     EXPECT_EQ(owned(dir_ / "a/b/c"), "777 1234:5678");
+}
+
+TEST_F(CreateDirTreeTest, NewDirectoryThatMayHaveBeenReplacedKeepsItsOwner)
+{
+    const auto make = [](const char *name) { return create_dir_tree(name, 1234, 5678, 0755); };
+    EXPECT_EQ(chmod(dir_.path().c_str(), 0777), 0);
+    EXPECT_EQ(printed(0, [&] { return setfsuid(NOBODY) + make("foreign"); }),
+              "Cannot chown foreign: Stale file handle\nSystem error 116: Stale file handle\n");
+    EXPECT_EQ(owned(dir_ / "foreign"), "755 65534:0");
+    EXPECT_EQ(printed(0,
+                      [&] {
+                          const int next = dup(STDIN_FILENO); /* the limit allows the directory above and the new one */
+                          close(next);
+                          const rlimit limit = {static_cast<rlim_t>(next) + 2, static_cast<rlim_t>(next) + 2};
+                          setrlimit(RLIMIT_NOFILE, &limit);
+                          return make("unlisted");
+                      }),
+              "Cannot chown unlisted: Stale file handle\nSystem error 116: Stale file handle\n");
+    EXPECT_EQ(owned(dir_ / "unlisted"), "755 0:0");
+}
+
+TEST_F(CreateDirTreeTest, NewDirectoryThatCannotBeExaminedGetsItsOwner)
+{
+    calls_before_failure = 0;
+    EXPECT_EQ(create_dir_tree("a", 1234, 5678, 0755), 0);
+    EXPECT_EQ(calls_before_failure, NONE_FAILS);
+    EXPECT_EQ(owned(dir_ / "a"), "755 1234:5678");
 }
 
 TEST_F(CreateDirTreeTest, SpecialBitsAreForTheLastDirectoryOnly)

@@ -9,6 +9,7 @@
 #include <gtest/gtest.h>
 
 #include "tests/unit/support/child_process.h"
+#include "tests/unit/support/little_memory.h"
 #include "tests/unit/support/stream_order.h"
 
 namespace {
@@ -106,6 +107,15 @@ TEST(FatalErrorTest, LongMessageIsWholeButHasNoSystemError)
     const std::string last_that_fits(4095 - suffix.size(), 'm');
     EXPECT_EQ(printed(ENOENT, last_that_fits), last_that_fits + suffix + "\n");
     EXPECT_EQ(printed(ENOENT, last_that_fits + "m"), last_that_fits + "m\n");
+}
+
+TEST(FatalErrorTest, LongMessageIsCutWithoutMemoryForTheWhole)
+{
+    const auto print_with_little_memory = [] {
+        largest_block = 4096;
+        fatal_error(0, 1, "%s", std::string(5000, 'm').c_str());
+    };
+    EXPECT_EQ(printed_by(print_with_little_memory, ENOENT), std::string(4095, 'm') + "\n");
 }
 
 TEST(FatalErrorTest, BaseNameOfTheProgramPathPrefixesTheMessage)

@@ -13,6 +13,7 @@
 #include <gtest/gtest.h>
 
 #include "tests/unit/support/child_process.h"
+#include "tests/unit/support/little_memory.h"
 #include "tests/unit/support/scratch_dir.h"
 #include "tests/unit/support/syslog_capture.h"
 
@@ -227,6 +228,17 @@ TEST_F(ReadFirstLineTest, FailureToOpenOrReadIsPrinted)
                                           ": No such file or directory\n\nSystem error 2: No such file or directory\n");
     EXPECT_EQ(read_failure(dir_.path()),
               "Unable to read line from file: " + dir_.path() + "\n\nSystem error 21: Is a directory\n");
+}
+
+TEST_F(ReadFirstLineTest, LineLargerThanMemoryIsPrinted)
+{
+    const std::string path = dir_.file("file", std::string(1000, 'x'));
+    EXPECT_EQ(failure([&] {
+                  char buffer[4] = "";
+                  largest_block = 500;
+                  return read_first_line(buffer, sizeof buffer, path.c_str());
+              }),
+              "Unable to read line from file: " + path + "\n\nSystem error 12: Cannot allocate memory\n");
 }
 
 TEST(FileTypeNameTest, EveryTypeHasItsName)

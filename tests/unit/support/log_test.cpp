@@ -1,6 +1,8 @@
 #include "support/log.h"
 
 #include <cerrno>
+#include <csignal>
+#include <cstdio>
 #include <cstdlib>
 #include <string>
 #include <utility>
@@ -9,7 +11,9 @@
 
 #include <gtest/gtest.h>
 
+#include "support/write_deadline.h"
 #include "tests/unit/support/child_process.h"
+#include "tests/unit/support/full_pipe.h"
 #include "tests/unit/support/stream_order.h"
 #include "tests/unit/support/syslog_capture.h"
 
@@ -165,12 +169,43 @@ TEST_F(LogTest, NewTraceIdIsTheUpperCasedInitialAndThePidAndIsExported)
     EXPECT_EQ(syslog_capture.records, (Records{{3, id + ": hello"}, {3, id + ": hello"}}));
 }
 
+TEST_F(LogTest, NewTraceIdOfAProgramWithoutANameIsEmptyAndPrecedesNoRecord)
+{
+    const ShortName name("");
+    use_system_log(LOG_OPT_TRACE_ID);
+    log_message(LOG_ERR, "hello");
+    EXPECT_STREQ(getenv("QUARN_LOG_TRACE_ID"), "");
+    EXPECT_EQ(syslog_capture.records, (Records{{3, "hello"}}));
+}
+
 TEST_F(LogTest, TraceIdIsCutAt63Bytes)
 {
     setenv("QUARN_LOG_TRACE_ID", std::string(70, 't').c_str(), 1);
     use_system_log(LOG_OPT_TRACE_ID);
     log_message(LOG_ERR, "hello");
     EXPECT_EQ(syslog_capture.records.at(0).text, std::string(63, 't') + ": hello");
+}
+
+TEST_F(LogTest, CopiesStopOnlyIfStandardErrorIsStuckAtTheDeadline)
+{
+    const auto calls_with = [](int options, bool stuck) {
+        return run_in_child([=] {
+                   arsp::enable_write_deadlines();
+                   use_system_log(options);
+                   syslog_capture.calls.clear();
+                   syslog_capture.during_record = [] { raise(SIGRTMIN); };
+                   const FullPipe pipe(0);
+                   if (stuck)
+                       dup2(pipe.writer(), STDERR_FILENO);
+                   log_message(LOG_ERR, "hello");
+                   for (const std::string &call : syslog_capture.calls)
+                       std::printf("%s;", call.c_str());
+               })
+            .out;
+    };
+    EXPECT_EQ(calls_with(LOG_PERROR, true), "openlog x 1 16;");
+    EXPECT_EQ(calls_with(LOG_PERROR, false), "");
+    EXPECT_EQ(calls_with(0, true), "");
 }
 
 TEST_F(LogTest, LowThreeBitsOfTheLevelSetTheMaskUpToTheThreshold)

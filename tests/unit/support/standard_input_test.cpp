@@ -2,39 +2,20 @@
 
 #include <cerrno>
 #include <cstdio>
-#include <limits>
 #include <new>
 #include <string>
 #include <vector>
 
-#include <dlfcn.h>
 #include <fcntl.h>
 #include <unistd.h>
 
 #include <gtest/gtest.h>
 
+#include "tests/unit/support/little_memory.h"
 #include "tests/unit/support/scratch_dir.h"
 #include "tests/unit/support/syslog_capture.h"
 
 using namespace arsp;
-
-namespace {
-
-size_t largest_block = std::numeric_limits<size_t>::max(); /* that realloc returns */
-
-} // namespace
-
-/* The linker takes this for realloc. */
-void *realloc_of_little_memory(void *block, size_t size) __asm__("realloc");
-void *realloc_of_little_memory(void *block, size_t size)
-{
-    static const auto real_realloc = reinterpret_cast<void *(*)(void *, size_t)>(dlsym(RTLD_NEXT, "realloc"));
-    if (size > largest_block) {
-        errno = ENOMEM;
-        return nullptr;
-    }
-    return real_realloc(block, size);
-}
 
 namespace {
 
@@ -45,7 +26,7 @@ protected:
     void SetUp() override { capture_syslog(); }
     void TearDown() override
     {
-        largest_block = std::numeric_limits<size_t>::max();
+        largest_block = ANY_SIZE;
         dup2(kept_, STDIN_FILENO);
         close(kept_);
     }

@@ -29,6 +29,7 @@ struct SyslogCapture {
     std::vector<std::string> calls;    /* "closelog", "openlog IDENT OPTIONS FACILITY", "setlogmask MASK" */
     const char *opened_with = nullptr; /* the ident of openlog, by pointer */
     std::vector<SyslogRecord> records; /* the mask is not applied */
+    void (*during_record)() = nullptr; /* called for each record */
 };
 
 inline SyslogCapture syslog_capture;
@@ -54,6 +55,8 @@ inline void captured_vsyslog(int priority, const char *format, va_list args)
         return;
     syslog_capture.records.push_back({priority, text});
     free(text);
+    if (syslog_capture.during_record != nullptr)
+        syslog_capture.during_record();
     errno = EBADF;
 }
 
