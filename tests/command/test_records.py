@@ -16,7 +16,7 @@ import pytest
 from harness import sqlite_shim, tracing
 from harness.mailboxes import error_texts, run_sql
 from harness.private_root import REPOSITORY
-from harness.sandbox import DATABASE, needs_native_program, program_under_test
+from harness.sandbox import BUILD_DIRECTORY, DATABASE, EMULATOR
 from harness.waiting import until_it_retries
 
 WAYS = ["none", "borrowed", "worker"]
@@ -47,8 +47,14 @@ each_operation = pytest.mark.parametrize("name", OPERATIONS)
 
 
 def in_build_cache(name):
-    cache = (program_under_test().parents[1] / "CMakeCache.txt").read_text()
-    return next(line.partition("=")[2] for line in cache.splitlines() if line.startswith(name + ":"))
+    """The value of a variable in the build under test; None without it."""
+    cache = (BUILD_DIRECTORY / "CMakeCache.txt").read_text()
+    return next((line.partition("=")[2] for line in cache.splitlines() if line.startswith(name + ":")), None)
+
+
+def emulated(program):
+    """The words that run a program of the build under test."""
+    return [EMULATOR, program] if EMULATOR else [program]
 
 
 def command(*words, **options):
@@ -60,9 +66,8 @@ def command(*words, **options):
 @pytest.fixture(scope="session")
 def installed(sandbox_directory):
     """The prefix below which the build under test was installed."""
-    needs_native_program("a native client cannot link its libraries")
     prefix = sandbox_directory / "installed"
-    command("cmake", "--install", program_under_test().parents[1], "--prefix", prefix)
+    command("cmake", "--install", BUILD_DIRECTORY, "--prefix", prefix)
     return prefix
 
 
@@ -77,9 +82,10 @@ def compiler_flags():
 def outside(sandbox_directory, installed, compiler_flags):
     """The outside program, built against the installed files."""
     build = sandbox_directory / "outside"
+    toolchain = in_build_cache("CMAKE_TOOLCHAIN_FILE")
+    compiler = f"TOOLCHAIN_FILE={toolchain}" if toolchain else f"CXX_COMPILER={in_build_cache('CMAKE_CXX_COMPILER')}"
     command("cmake", "-S", REPOSITORY / "tests" / "outside", "-B", build, "-G", "Ninja",
-            f"-DCMAKE_PREFIX_PATH={installed}", f"-DCMAKE_CXX_COMPILER={in_build_cache('CMAKE_CXX_COMPILER')}",
-            f"-DCMAKE_CXX_FLAGS={' '.join(compiler_flags)}")
+            f"-DCMAKE_PREFIX_PATH={installed}", f"-DCMAKE_{compiler}", f"-DCMAKE_CXX_FLAGS={' '.join(compiler_flags)}")
     command("cmake", "--build", build)
     return build / "outside"
 
@@ -96,11 +102,11 @@ class Panel:
 
     def __init__(self, sandbox, program):
         self._sandbox = sandbox
-        self._program = str(program)
-        sandbox.execute(self._program)  # copies it into the root
+        self._program = emulated(str(program))
+        sandbox.provide(str(program))
 
     def start(self, *steps, before=(), **options):
-        words = [*before, self._program, *(word for step in steps for word in (",", *step))]
+        words = [*before, *self._program, *(word for step in steps for word in (",", *step))]
         return self._sandbox.start_command(words[0], words, **options)
 
     def finish(self, running, *steps):
@@ -163,7 +169,7 @@ def refuse(sandbox, event, table, how="ABORT", when="1"):
 
 
 def test_installed_tool_is_the_built_one(installed):
-    assert Path(installed, "sbin", "arspctl").read_bytes() == program_under_test().read_bytes()
+    assert Path(installed, "sbin", "arspctl").read_bytes() == Path(BUILD_DIRECTORY, "cli", "arspctl").read_bytes()
 
 
 def test_pkg_config_finds_a_package_that_was_moved(installed, compiler_flags, tmp_path):
@@ -173,10 +179,10 @@ def test_pkg_config_finds_a_package_that_was_moved(installed, compiler_flags, tm
     environment = {**os.environ, "PKG_CONFIG_PATH": str(folder)}
 
     flags = command("pkg-config", "--cflags", "--libs", "arsp", env=environment).split()
-    command("g++", "-std=c++20", *compiler_flags, REPOSITORY / "tests/outside/outside.cpp", "-o", tmp_path / "outside",
-            *flags)
+    command(in_build_cache("CMAKE_CXX_COMPILER"), "-std=c++20", *compiler_flags,
+            REPOSITORY / "tests/outside/outside.cpp", "-o", tmp_path / "outside", *flags)
 
-    assert command(tmp_path / "outside") == ""
+    assert command(*emulated(tmp_path / "outside")) == ""
 
 
 def test_package_depends_on_sqlite_only(installed):

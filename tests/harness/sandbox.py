@@ -114,7 +114,7 @@ class Sandbox:
 
     def start(self, *args, program=PROGRAM, **options):
         """Like run(), but returns a Running at once; of another program, with `program`."""
-        self._provide(program)
+        self.provide(program)
         argv0 = options.pop("argv0", program)
         return self.start_command(program, [argv0, *args], **options)
 
@@ -125,7 +125,7 @@ class Sandbox:
     def execute(self, *words, **options):
         """Runs another program, by its path, with the options of run()."""
         timeout = options.pop("timeout", 60)
-        self._provide(os.fsdecode(words[0]))
+        self.provide(os.fsdecode(words[0]))
         return self.start_command(words[0], words, **options).wait(timeout)
 
     def trace(self, *args, calls=None, inject=None, paths=(), redirect="", program=PROGRAM, **options):
@@ -142,7 +142,7 @@ class Sandbox:
             raise RuntimeError("a test that traces asks for the fixture needs_tracing")
         if "argv0" in options or options.get("close_fds") or options.get("stdin", b"") is None:
             raise TypeError("strace passes neither a closed standard descriptor nor another name on to the tool")
-        self._provide(program)
+        self.provide(program)
         timeout = options.pop("timeout", 60)
         given = options.pop("env", None)
         command = ["/bin/sh", "-c", f'exec "$0" "$@" {redirect}', program] if redirect else [program]
@@ -218,7 +218,8 @@ class Sandbox:
         """Moves the calling process, a forked one, into the root for good."""
         self._root.enter()
 
-    def _provide(self, program):
+    def provide(self, program):
+        """Makes the program, given by its path, available inside."""
         if program == INFO_PROGRAM:
             self._root.add_program(str(PROGRAMS_DIRECTORY / "info" / "arspinfo"), INFO_PROGRAM)
             self._root.provide(UTF8_LOCALE)
