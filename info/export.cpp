@@ -4,7 +4,9 @@
 #include <cstdio>
 #include <cstring>
 #include <map>
+#include <optional>
 #include <set>
+#include <utility>
 
 #include <sqlite3.h>
 #include <sys/stat.h>
@@ -18,6 +20,7 @@
 #include "info/output.h"
 #include "info/printable.h"
 #include "info/records.h"
+#include "info/rights.h"
 #include "store/schema.h"
 
 namespace arsp {
@@ -62,13 +65,22 @@ public:
 private:
     using Names = std::vector<std::string>;
 
+    struct Copy {
+        std::string name; /* of the attachment */
+        std::string file; /* in the target */
+        struct stat status;
+        Descriptor from, to;
+    };
+
     bool isWhole() const { return options_.addresses.empty() && options_.domain.empty(); }
     bool isChosen(const std::string &mn) const;
     std::map<std::string, Names> readAttachments();
     void skip(const std::string &text);
     void skipAttachment(const std::string &mn, const std::string &name, const std::string &reason);
     void exportAutoresponder(const Autoresponder &row, const Names &attachments);
-    void exportAttachment(const Autoresponder &row, const AttachmentFolder &folder, const std::string &name);
+    void exportFiles(const Autoresponder &row, const std::string &body, const Names &attachments);
+    bool openAttachment(const Autoresponder &row, const AttachmentFolder &folder, Copy &copy);
+    void copyAttachment(const Autoresponder &row, const Copy &copy);
     void exportHeaders();
     void showProgress(bool last) const;
     void step(const std::string &text, const std::string &command);
@@ -82,6 +94,7 @@ private:
     std::string not_restored_;
     std::int64_t autoresponders_ = 0; /* exported */
     std::int64_t attachments_ = 0;    /* exported */
+    std::int64_t copies_ = 0;         /* numbers given to attachments, exported or not */
     std::int64_t seen_ = 0;           /* autoresponders, exported or not */
     std::int64_t total_ = 0;
     const bool terminal_ = isatty(STDERR_FILENO) != 0;
@@ -183,40 +196,71 @@ void Export::exportAutoresponder(const Autoresponder &row, const Names &attachme
         return;
     }
     const std::string file = numbered("bodies/", ++autoresponders_);
-    target_.write(file, row.body);
     step(row.mn, "arspctl --set-resp" + option("mailname", row.mn) + option("real-owner", row.real_owner) +
                      option("subj", row.subject) + option("content-type", row.content_type) +
                      option("charset", row.charset) + option("key-where", row.key_where) +
                      option("key-str", row.keystr) + option("ans-freq", row.ans_freq.text) +
                      option("ans-limit", row.ans_limit.text) + option("forward-to", row.forward_to) +
                      option("reply-to", row.reply_to) + " <" + file);
-    if (!attachments.empty()) {
-        const AttachmentFolder folder(row.real_owner);
-        for (const std::string &name : attachments)
-            exportAttachment(row, folder, name);
-    }
+    exportFiles(row, file, attachments);
 }
 
-void Export::exportAttachment(const Autoresponder &row, const AttachmentFolder &folder, const std::string &name)
+/* Makes the files of a mailbox in batches, for which it takes root's rights once. */
+void Export::exportFiles(const Autoresponder &row, const std::string &body, const Names &attachments)
 {
-    if (!is_file_name(name) || name.find_first_of("\"$`\\") != std::string::npos)
-        return skipAttachment(row.mn, name, "--add-attach cannot take its name");
-    const Descriptor source = folder.open(name);
-    struct stat status = {};
-    if (!source || fstat(source.get(), &status) != 0)
-        return skipAttachment(row.mn, name, errno == EINVAL ? "it is not a regular file" : std::strerror(errno));
-    const std::string file = numbered("attachments/", attachments_ + 1);
-    const Descriptor copy = target_.create(file, (status.st_mode & 0666) | 0600); /* cp takes the mode over */
-    if (!copy_data(source.get(), copy.get(), status)) {
+    constexpr std::size_t COPIES_AT_ONCE = 64; /* each takes two descriptors */
+    std::optional<AttachmentFolder> folder;
+    if (!attachments.empty())
+        folder.emplace(row.real_owner);
+    Descriptor body_file;
+    auto name = attachments.begin();
+    do {
+        std::vector<Copy> copies;
+        for (; name != attachments.end() && copies.size() < COPIES_AT_ONCE; ++name) {
+            Copy copy = {*name, {}, {}, {}, {}};
+            if (openAttachment(row, *folder, copy))
+                copies.push_back(std::move(copy));
+        }
+        {
+            const RootRights root;
+            if (!body_file)
+                body_file = target_.create(root, body);
+            for (Copy &copy : copies)
+                copy.to = target_.create(root, copy.file, (copy.status.st_mode & 0666) | 0600); /* cp takes it over */
+        }
+        for (const Copy &copy : copies)
+            copyAttachment(row, copy);
+    } while (name != attachments.end());
+    target_.write(body_file.get(), body, row.body);
+}
+
+bool Export::openAttachment(const Autoresponder &row, const AttachmentFolder &folder, Copy &copy)
+{
+    if (!is_file_name(copy.name) || copy.name.find_first_of("\"$`\\") != std::string::npos) {
+        skipAttachment(row.mn, copy.name, "--add-attach cannot take its name");
+        return false;
+    }
+    copy.from = folder.open(copy.name, copy.status);
+    if (!copy.from) {
+        skipAttachment(row.mn, copy.name, errno == EINVAL ? "it is not a regular file" : std::strerror(errno));
+        return false;
+    }
+    copy.file = numbered("attachments/", ++copies_);
+    return true;
+}
+
+void Export::copyAttachment(const Autoresponder &row, const Copy &copy)
+{
+    if (!copy_data(copy.from.get(), copy.to.get(), copy.status)) {
         const std::string problem = std::string("cannot copy it: ") + std::strerror(errno);
         if (errno == ENOSPC || errno == EDQUOT)
-            throw Failure(row.mn + ": attachment " + name + ": " + problem);
-        target_.remove(file);
-        return skipAttachment(row.mn, name, problem);
+            throw Failure(row.mn + ": attachment " + copy.name + ": " + problem);
+        target_.remove(copy.file);
+        return skipAttachment(row.mn, copy.name, problem);
     }
     ++attachments_;
-    step(row.mn + ": " + name,
-         "arspctl --add-attach" + option("mailname", row.mn) + option("filename", name) + option("source", file));
+    step(row.mn + ": " + copy.name, "arspctl --add-attach" + option("mailname", row.mn) +
+                                        option("filename", copy.name) + option("source", copy.file));
 }
 
 void Export::exportHeaders()

@@ -10,7 +10,6 @@
 #include <unistd.h>
 
 #include "info/failure.h"
-#include "info/rights.h"
 #include "support/dir_stream.h"
 
 namespace arsp {
@@ -66,9 +65,8 @@ void ExportTarget::makeDirectory(const char *name)
         fail(name);
 }
 
-Descriptor ExportTarget::create(const std::string &name, mode_t mode) const
+Descriptor ExportTarget::create(const RootRights &, const std::string &name, mode_t mode) const
 {
-    const RootRights root;
     Descriptor file(openat(directory_.get(), name.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, mode));
     if (!file)
         fail(name);
@@ -82,7 +80,7 @@ void ExportTarget::remove(const std::string &name) const
         fail(name);
 }
 
-void ExportTarget::writeAll(int file, std::string_view bytes, const std::string &name) const
+void ExportTarget::write(int file, const std::string &name, std::string_view bytes) const
 {
     while (!bytes.empty()) {
         const ssize_t written = ::write(file, bytes.data(), bytes.size());
@@ -94,7 +92,12 @@ void ExportTarget::writeAll(int file, std::string_view bytes, const std::string 
 
 void ExportTarget::write(const std::string &name, std::string_view bytes, mode_t mode) const
 {
-    writeAll(create(name, mode).get(), bytes, name);
+    Descriptor file;
+    {
+        const RootRights root;
+        file = create(root, name, mode);
+    }
+    write(file.get(), name, bytes);
 }
 
 void ExportTarget::complete(const char *name, std::string_view bytes) const

@@ -7,6 +7,7 @@
 #include <sys/stat.h>
 #include <sys/types.h>
 
+#include "info/rights.h"
 #include "support/c_handles.h"
 
 namespace arsp {
@@ -20,18 +21,21 @@ public:
 
     void makeDirectory(const char *name);
 
-    /* Makes a file of which the caller is the only owner. */
-    Descriptor create(const std::string &name, mode_t mode = 0600) const;
+    /* Makes a file of which the caller is the only owner. The rights are the caller's matter: to take them takes longer
+     * than to make the file. */
+    Descriptor create(const RootRights &, const std::string &name, mode_t mode = 0600) const;
 
     void remove(const std::string &name) const;
     void write(const std::string &name, std::string_view bytes, mode_t mode = 0600) const;
+
+    /* Writes to a file from create(). */
+    void write(int file, const std::string &name, std::string_view bytes) const;
 
     /* Waits until all files are on the disk, and then writes the last one, which appears complete or not at all. */
     void complete(const char *name, std::string_view bytes) const;
 
 private:
     [[noreturn]] void fail(const std::string &name) const;
-    void writeAll(int file, std::string_view bytes, const std::string &name) const;
 
     std::string path_;
     Descriptor directory_;

@@ -91,18 +91,17 @@ AttachmentFolder::AttachmentFolder(const std::string &owner)
     error_ = directory_ ? 0 : errno;
 }
 
-int AttachmentFolder::status(const std::string &name, struct stat &status) const
+int AttachmentFolder::status(const std::string &name, struct stat &entry) const
 {
     if (!directory_ || !is_file_name(name)) {
         errno = directory_ ? ENOENT : error_;
         return -1;
     }
-    return fstatat(directory_.get(), name.c_str(), &status, AT_SYMLINK_NOFOLLOW);
+    return fstatat(directory_.get(), name.c_str(), &entry, AT_SYMLINK_NOFOLLOW);
 }
 
-Descriptor AttachmentFolder::open(const std::string &name) const
+Descriptor AttachmentFolder::open(const std::string &name, struct stat &entry) const
 {
-    struct stat entry = {};
     if (status(name, entry) != 0)
         return Descriptor();
     if (!S_ISREG(entry.st_mode)) { /* opening a device or a pipe may change it */

@@ -69,10 +69,11 @@ public:
     int errorNumber() const { return error_; }
 
     /* Returns 0 and the status of the entry itself, or -1 with `errno` set; ENOENT for what cannot be a file's name. */
-    int status(const std::string &name, struct stat &status) const;
+    int status(const std::string &name, struct stat &entry) const;
 
-    /* Opens a regular file for reading without waiting. An empty descriptor has set `errno`. */
-    Descriptor open(const std::string &name) const;
+    /* Opens a regular file for reading without waiting, and returns its status as well. An empty descriptor has set
+     * `errno`. */
+    Descriptor open(const std::string &name, struct stat &entry) const;
 
 private:
     std::string path_;

@@ -427,6 +427,16 @@ def test_holes_of_a_huge_file_take_no_room(two, offsets):
             assert file.read(8).rstrip(b"\0") == b"middle"
 
 
+def test_mailbox_may_have_more_attachments_than_a_process_open_files(two):
+    names = [f"{number:03}" for number in range(150)]
+    add_attachment_rows(two, "user@example.org", *names)
+    for name in names:
+        put_file(two, f"{DIRECTORY}/{name}", name.encode())
+    assert export(two, rlimits={resource.RLIMIT_NOFILE: 200}).status == 0
+    copies = [entry[-1].decode() for path, entry in two.tree(OUT).items() if path.startswith("attachments/")]
+    assert sorted(copies) == [*names, "the old report"]
+
+
 @pytest.mark.parametrize("offset", ["SEEK_DATA", "SEEK_HOLE", "SEEK_SET"])
 def test_attachment_whose_holes_cannot_be_found_is_left_out(two, needs_tracing, offset):
     make_sparse(two, HUGE, HUGE // 2)
