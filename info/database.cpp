@@ -38,8 +38,6 @@ int open_regular_file(const char *path, int flags, int)
     struct stat status = {};
     if (!file || fstat(file.get(), &status) != 0)
         return -1;
-    if (S_ISDIR(status.st_mode) && (flags & O_DIRECTORY) != 0)
-        return file.release();
     if (!S_ISREG(status.st_mode)) {
         errno = EACCES;
         return -1;
@@ -131,8 +129,7 @@ Database Database::openFile()
     const int rc =
         sqlite3_open_v2(RESPONDER_DB_PATH, &handle, SQLITE_OPEN_READONLY | SQLITE_OPEN_NOMUTEX, db.vfs_->name());
     db.handle_.reset(handle);
-    if (rc != SQLITE_OK)
-        db.fail(rc);
+    db.require(rc);
     sqlite3_busy_timeout(handle, BUSY_TIMEOUT);
     db.harden();
     db.execute("BEGIN");
@@ -144,24 +141,19 @@ Database Database::copyToMemory()
 {
     if (size() > LARGEST_COPY)
         throw Failure(std::string(RESPONDER_DB_PATH) + " is too large to be copied to memory");
+    Database copy;
+    sqlite3 *memory = nullptr;
+    const int rc = sqlite3_open_v2(":memory:", &memory, SQLITE_OPEN_READWRITE | SQLITE_OPEN_NOMUTEX, nullptr);
+    copy.handle_.reset(memory);
+    copy.require(rc);
     sqlite3_int64 length = 0;
     unsigned char *bytes = sqlite3_serialize(handle(), "main", &length, 0);
-    if (bytes == nullptr) {
-        const int rc = sqlite3_errcode(handle());
-        fail(rc == SQLITE_OK ? SQLITE_NOMEM : rc);
-    }
+    if (bytes == nullptr)
+        fail(sqlite3_errcode(handle()));
     finish();
-
-    Database copy;
     copy.limits_ = std::move(limits_);
-    sqlite3 *handle = nullptr;
-    int rc = sqlite3_open_v2(":memory:", &handle, SQLITE_OPEN_READWRITE | SQLITE_OPEN_NOMUTEX, nullptr);
-    copy.handle_.reset(handle);
-    if (rc == SQLITE_OK)
-        rc = sqlite3_deserialize(handle, "main", bytes, length, length,
-                                 SQLITE_DESERIALIZE_FREEONCLOSE | SQLITE_DESERIALIZE_READONLY);
-    if (rc != SQLITE_OK)
-        copy.fail(rc);
+    copy.require(sqlite3_deserialize(memory, "main", bytes, length, length,
+                                     SQLITE_DESERIALIZE_FREEONCLOSE | SQLITE_DESERIALIZE_READONLY));
     copy.harden();
     return copy;
 }
@@ -198,12 +190,14 @@ void Database::checkSchema()
     bool foreign = false;
     while (objects.next()) {
         const auto known = std::find(expected.begin(), expected.end(), objects.text(0));
-        foreign = foreign || known == expected.end();
-        if (known != expected.end())
+        if (known == expected.end())
+            foreign = true;
+        else
             expected.erase(known);
     }
     Query encoding(*this, "PRAGMA encoding");
-    if (foreign || !expected.empty() || !encoding.next() || encoding.text(0) != "UTF-8")
+    encoding.next(); /* there is one row */
+    if (foreign || !expected.empty() || encoding.text(0) != "UTF-8")
         throw DatabaseFailure("db-schema", std::string(RESPONDER_DB_PATH) + " has not the tables of arspctl --init-db");
 }
 
@@ -214,7 +208,11 @@ void Database::finish()
 
 void Database::execute(const char *sql)
 {
-    const int rc = sqlite3_exec(handle_.get(), sql, nullptr, nullptr, nullptr);
+    require(sqlite3_exec(handle_.get(), sql, nullptr, nullptr, nullptr));
+}
+
+void Database::require(int rc) const
+{
     if (rc != SQLITE_OK)
         fail(rc);
 }
@@ -228,7 +226,7 @@ void Database::fail(int rc) const
     else if (primary == SQLITE_READONLY)
         text += "an interrupted command left a journal that must be rolled back first";
     else
-        text += handle_ ? sqlite3_errmsg(handle_.get()) : sqlite3_errstr(rc);
+        text += sqlite3_errmsg(handle_.get()); /* "out of memory" without a handle */
     const char *code = finding_of(rc);
     if (code == nullptr)
         throw Failure(text);
@@ -240,16 +238,13 @@ Query::Query(Database &db, const std::string &sql) : db_(db)
     sqlite3_stmt *stmt = nullptr;
     const int rc = sqlite3_prepare_v2(db.handle_.get(), sql.c_str(), -1, &stmt, nullptr);
     stmt_.reset(stmt);
-    if (rc != SQLITE_OK)
-        db.fail(rc);
+    db.require(rc);
 }
 
 Query &Query::bind(std::string_view text)
 {
-    const int rc =
-        sqlite3_bind_text(stmt_.get(), ++parameters_, text.data(), static_cast<int>(text.size()), SQLITE_STATIC);
-    if (rc != SQLITE_OK)
-        db_.fail(rc);
+    db_.require(
+        sqlite3_bind_text(stmt_.get(), ++parameters_, text.data(), static_cast<int>(text.size()), SQLITE_STATIC));
     return *this;
 }
 

@@ -61,6 +61,7 @@ private:
     void harden();
     void execute(const char *sql);
     [[noreturn]] void fail(int rc) const;
+    void require(int rc) const; /* fails unless it is SQLITE_OK */
     static int isOverdue(void *limits);
 
     std::unique_ptr<ResponderVfs> vfs_;

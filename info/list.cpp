@@ -173,6 +173,13 @@ Rows read_rows(const ListOptions &options, const std::vector<const Column *> &co
     return rows;
 }
 
+/* libsmartcols reports no other error than a lack of memory. */
+void require_memory(bool enough)
+{
+    if (!enough)
+        throw std::bad_alloc();
+}
+
 struct FreeTable {
     void operator()(libscols_table *table) const { scols_unref_table(table); }
 };
@@ -181,8 +188,7 @@ using Table = std::unique_ptr<libscols_table, FreeTable>;
 Table make_table(const ListOptions &options, const std::vector<const Column *> &columns)
 {
     Table table(scols_new_table());
-    if (!table)
-        throw std::bad_alloc();
+    require_memory(table != nullptr);
     scols_table_set_name(table.get(), "autoresponders");
     scols_table_enable_json(table.get(), options.json);
     scols_table_enable_raw(table.get(), options.raw);
@@ -193,8 +199,7 @@ Table make_table(const ListOptions &options, const std::vector<const Column *> &
                           : column->kind == Kind::text ? SCOLS_FL_TRUNC
                                                        : 0;
         libscols_column *added = scols_table_new_column(table.get(), column->name, 0, flags);
-        if (added == nullptr)
-            throw std::bad_alloc();
+        require_memory(added != nullptr);
         scols_column_set_json_type(added, column->kind == Kind::number ? SCOLS_JSON_NUMBER : SCOLS_JSON_STRING);
     }
     return table;
@@ -206,15 +211,14 @@ void print_table(const Table &table)
     char *bytes = nullptr;
     std::size_t size = 0;
     FILE *stream = open_memstream(&bytes, &size);
-    if (stream == nullptr)
-        throw std::bad_alloc();
+    require_memory(stream != nullptr);
     __fsetlocking(stream, FSETLOCKING_BYCALLER); /* libsmartcols writes single characters */
     scols_table_set_stream(table.get(), stream);
     const int rc = scols_print_table(table.get());
     const bool closed = fclose(stream) == 0;
     const CString owner(bytes);
-    if (rc != 0 || !closed)
-        throw std::bad_alloc();
+    require_memory(rc == 0);
+    require_memory(closed);
     const std::string_view text(bytes, size);
     if (scols_table_is_json(table.get()) != 0)
         print(ascii_json(text));
@@ -225,8 +229,7 @@ void print_table(const Table &table)
 libscols_line *add_line(const Table &table)
 {
     libscols_line *line = scols_table_new_line(table.get(), nullptr);
-    if (line == nullptr)
-        throw std::bad_alloc();
+    require_memory(line != nullptr);
     return line;
 }
 
@@ -251,8 +254,7 @@ void list_autoresponders(const ListOptions &options)
             } else {
                 cell += std::strlen(cell) + 1;
             }
-            if (scols_line_set_data(lines[filled], i, value) != 0)
-                throw std::bad_alloc();
+            require_memory(scols_line_set_data(lines[filled], i, value) == 0);
         }
         ++filled;
         if (options.raw && filled == LINES_AT_ONCE) {

@@ -70,8 +70,8 @@ int run(int argc, char *argv[])
 
     try {
         app.parse(argc, argv);
-    } catch (const CLI::Success &help) {
-        app.exit(help);
+    } catch (const CLI::CallForHelp &) {
+        print(app.help());
         finish_output();
         return 0;
     } catch (const CLI::ParseError &error) {

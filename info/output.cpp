@@ -27,8 +27,8 @@ void finish_output()
 {
     if (std::fflush(stdout) != 0 && first_error == 0)
         first_error = errno;
-    if (first_error != 0 || std::ferror(stdout) != 0)
-        throw Failure(std::string("cannot write the output: ") + std::strerror(first_error != 0 ? first_error : EIO));
+    if (first_error != 0)
+        throw Failure(std::string("cannot write the output: ") + std::strerror(first_error));
 }
 
 void complain(std::string_view text)

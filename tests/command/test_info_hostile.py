@@ -235,6 +235,8 @@ CASES = [
     Case("code in the schema", changed_schema("CREATE TABLE extra_headers (name, value DEFAULT (load_extension('/x')))",
                                               "extra_headers"), "db-schema"),
     Case("no schema", changed_schema("CREATE nonsense", "extra_headers"), "db-damaged"),
+    Case("format of the future", patched(44, b"\0\0\0\5"), "db-schema",
+         message=f"cannot read {DATABASE}: unsupported file format"),
     Case("virtual table", changed_schema("CREATE VIRTUAL TABLE v USING fts5(x)"), None, True),
     Case("other encoding", other_encoding, "db-schema"),
     Case("huge values", huge_values, "header-injection", True),
