@@ -26,9 +26,8 @@ NO_DIRECTORY = re.compile("Unable to remove autoresponder attachments: .*No such
 # Of a run beside --init-db, which uses the removed file, no file, or the new one without its tables or its owner. A run
 # on the removed file takes the journal of the new one for its own, and may roll it back into the removed file.
 BESIDE_INIT_DB = re.compile(
-    "Unable to (prepare SQL statement for query|remove autoresponder extra headers).*: no such table: .*"
-    "|.*: (attempt to write a readonly database|unable to open database file|disk I/O error|not an error"
-    "|database disk image is malformed)"
+    ".*: (no such table: .*|attempt to write a readonly database|unable to open database file|disk I/O error"
+    "|database disk image is malformed|not an error)"
     "|Error (removing attachments|selecting autoresponder) for mailname .*|No autoresponder found for mailname .*")
 
 
