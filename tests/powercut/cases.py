@@ -33,8 +33,8 @@ PREPARE = (
 )
 
 
-# Rolls an interrupted transaction back, and does nothing else: the mail name has no autoresponder.
-ROLL_BACK = "! arspctl --del-attach --mailname nobody@example.org --filename none"
+# Rolls an interrupted transaction back, and writes: a reader leaves a journal that was not yet needed.
+NEXT_COMMAND = "arspctl --set-extra-headers </in/headers"
 
 
 @dataclass(frozen=True)
@@ -55,7 +55,7 @@ class Case:
     before: str = "true"
     between: Callable = lambda _: ()
     proof: str = ""
-    recover: str = ROLL_BACK
+    recover: str = NEXT_COMMAND
     finding: str = ""
 
 
