@@ -149,7 +149,7 @@ Database Database::copyToMemory()
     sqlite3_int64 length = 0;
     unsigned char *bytes = sqlite3_serialize(handle(), "main", &length, 0);
     if (bytes == nullptr)
-        fail(sqlite3_errcode(handle()));
+        fail(sqlite3_errcode(handle()) == SQLITE_OK ? SQLITE_NOMEM : sqlite3_errcode(handle()));
     finish();
     copy.limits_ = std::move(limits_);
     copy.require(sqlite3_deserialize(memory, "main", bytes, length, length,
@@ -226,7 +226,7 @@ void Database::fail(int rc) const
     else if (primary == SQLITE_READONLY)
         text += "an interrupted command left a journal that must be rolled back first";
     else
-        text += sqlite3_errmsg(handle_.get()); /* "out of memory" without a handle */
+        text += sqlite3_errcode(handle_.get()) == SQLITE_OK ? sqlite3_errstr(rc) : sqlite3_errmsg(handle_.get());
     const char *code = finding_of(rc);
     if (code == nullptr)
         throw Failure(text);
