@@ -412,6 +412,14 @@ def test_pipe_that_takes_the_place_of_an_attachment_is_not_read(two, needs_traci
         b"arspinfo: not restored: user@example.org: attachment report.pdf: it is not a regular file\n")
 
 
+def test_attachment_that_becomes_shorter_is_copied_to_its_new_end(two, needs_tracing):
+    when = moment(two, "openat", "attachments/00000001", "export", OUT, program=INFO_PROGRAM)
+    shutil.rmtree(two.path(OUT))
+    with stopped_after(two, "openat", None, "export", OUT, when=when, program=INFO_PROGRAM) as running:
+        os.truncate(two.path(FILE), 7)
+    assert (running.wait().status, two.path(OUT + "/attachments/00000001").read_bytes()) == (0, b"the old")
+
+
 HUGE = 1 << 42
 
 
@@ -437,10 +445,10 @@ def test_mailbox_may_have_more_attachments_than_a_process_open_files(two):
     assert sorted(copies) == [*names, "the old report"]
 
 
-@pytest.mark.parametrize("offset", ["SEEK_DATA", "SEEK_HOLE", "SEEK_SET"])
-def test_attachment_whose_holes_cannot_be_found_is_left_out(two, needs_tracing, offset):
+@pytest.mark.parametrize("arguments", ["SEEK_DATA", "SEEK_HOLE", f"{HUGE // 2}, SEEK_SET"])
+def test_attachment_whose_holes_cannot_be_found_is_left_out(two, needs_tracing, arguments):
     make_sparse(two, HUGE, HUGE // 2)
-    when = moment(two, "lseek", offset, "export", OUT, program=INFO_PROGRAM)
+    when = moment(two, "lseek", arguments, "export", OUT, program=INFO_PROGRAM)
     result = export_disturbed(two, "lseek", when, "error=EIO")
     assert (result.status, result.stderr.decode()) == (
         1, "arspinfo: not restored: user@example.org: attachment report.pdf: cannot copy it: Input/output error\n")
