@@ -149,8 +149,9 @@ TEST_F(AttachmentCommandTest, RestartWhoseTransactionCannotEndOrBeginIsAFailure)
     for (const auto &[refused, number] : refusals) {
         Other writer(RESPONDER_DB_PATH);
         ASSERT_EQ(writer.exec("BEGIN IMMEDIATE"), SQLITE_OK);
-        on_prepare = [&, count = 0](sqlite3 *, int action, const std::string &what) mutable {
-            const bool refuse = action == SQLITE_TRANSACTION && what == refused && ++count == number;
+        on_prepare = [transaction = refused, last = number, count = 0](sqlite3 *, int action,
+                                                                       const std::string &what) mutable {
+            const bool refuse = action == SQLITE_TRANSACTION && what == transaction && ++count == last;
             return refuse ? SQLITE_DENY : SQLITE_OK;
         };
         syslog_capture.records.clear();

@@ -239,6 +239,10 @@ TEST_F(ResponderDbTest, ScriptFailsWhenAPauseInClosingForTheNewConnectionIsInter
         keep_connections_open();
         db_.open(path_.c_str());
         other.exec("BEGIN EXCLUSIVE");
+        pause_capture.on_pause = [&other] {
+            other.exec("COMMIT");
+            return pause_capture.pauses.size() == 1 ? interrupted() : 0;
+        };
         return db_.execScript(path_.c_str(), SCRIPT, message_);
     });
     EXPECT_EQ(seen, "-1, general DB errror, 0 records");

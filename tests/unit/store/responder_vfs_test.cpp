@@ -169,13 +169,13 @@ TEST_F(ResponderVfsTest, LinkThatCannotBeReadIsNotOpened)
 
 TEST_F(ResponderVfsTest, PathLongerThanTheKernelAllowsIsNotOpened)
 {
-    std::string target = "test.db";
+    std::string target = "new.db";
     while (target.size() < PATH_MAX - 2)
         target.insert(0, "./");
     const std::string link = dir_ / "link.db";
     std::filesystem::create_symlink(target, link);
-    for (const std::string &path : {link, "/" + std::string(PATH_MAX - 1, 'x')})
-        EXPECT_EQ(second_db_.open(path.c_str()), -1);
+    EXPECT_EQ(second_db_.open(link.c_str()), -1);
+    EXPECT_EQ(second_db_.open((std::string(PATH_MAX - link.size(), '/') + link).c_str()), -1);
 }
 
 TEST_F(ResponderVfsTest, PathWhoseLinksLeadToALongerOneIsNotOpened)
