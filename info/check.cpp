@@ -55,12 +55,13 @@ void print_json(const Findings &findings)
 {
     using Json = nlohmann::ordered_json;
     Json list = Json::array();
-    for (const Finding &finding : findings.all())
+    for (const Finding &finding : findings.all()) {
         list.push_back({{"severity", name_of(finding.severity)},
                         {"code", finding.code},
                         {"object", json_text(finding.object)},
                         {"meaning", json_text(finding.meaning)},
                         {"repair", finding.repair}});
+    }
     const Json summary = {{"errors", findings.count(Severity::error)},
                           {"warnings", findings.count(Severity::warning)},
                           {"notes", findings.count(Severity::note)}};

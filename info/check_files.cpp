@@ -144,24 +144,25 @@ void FileCheck::checkAttachment(const AttachmentFolder &folder, const std::strin
 {
     const std::string subject = "has the attachment " + folder.pathOf(row.name);
     struct stat status = {};
-    if (folder.status(row.name, status) != 0)
+    if (folder.status(row.name, status) != 0) {
         findings_.add(Severity::error, "attachment-missing", row.mn, subject + ": " + std::strerror(errno),
                       removeAttachment(owner, row));
-    else if (S_ISLNK(status.st_mode))
+    } else if (S_ISLNK(status.st_mode)) {
         return; /* checkDirectory reports it; arspctl follows one of root's */
-    else if (!S_ISREG(status.st_mode))
+    } else if (!S_ISREG(status.st_mode)) {
         findings_.add(Severity::error, "attachment-type", row.mn, subject + ", which is no regular file",
                       removeRow(row));
-    else if (status.st_size == 0)
+    } else if (status.st_size == 0) {
         findings_.add(Severity::warning, "attachment-empty", row.mn, subject + ", which is empty",
                       removeAttachment(owner, row));
-    else if (!isReadable(folder, row.name, status))
+    } else if (!isReadable(folder, row.name, status)) {
         findings_.add(Severity::error, "attachment-unreadable", row.mn, subject + ", which the mail user cannot read",
                       status.st_uid == mail_user_.uid ? repair_.asMailUser({"chmod", "u+r", folder.pathOf(row.name)})
                                                       : removeAttachment(owner, row));
-    else if (status.st_uid != mail_user_.uid)
+    } else if (status.st_uid != mail_user_.uid) {
         findings_.add(Severity::warning, "attachment-owner", row.mn,
                       subject + ", which belongs to user " + std::to_string(status.st_uid), copyFile(folder, row.name));
+    }
 }
 
 bool FileCheck::isReadable(const AttachmentFolder &folder, const std::string &name, const struct stat &status) const
@@ -193,10 +194,9 @@ std::string FileCheck::copyFile(const AttachmentFolder &folder, const std::strin
 
 std::string FileCheck::copyDirectory(const std::string &path) const
 {
-    return repair_.asMailUser({"sh", "-c",
-                               R"(cp -R -- "$1" "$2" && chmod 0700 "$2" && mv -T --backup=numbered -- "$1" "$3" && )"
-                               R"(mv -T -- "$2" "$1")",
-                               "sh", path, path + ".copy", path + ".set-aside"});
+    constexpr char SCRIPT[] = R"(cp -R -- "$1" "$2" && chmod 0700 "$2" && mv -T --backup=numbered -- "$1" "$3" && )"
+                              R"(mv -T -- "$2" "$1")";
+    return repair_.asMailUser({"sh", "-c", SCRIPT, "sh", path, path + ".copy", path + ".set-aside"});
 }
 
 void FileCheck::checkOthers(const AttachmentRows &rows)

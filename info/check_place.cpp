@@ -72,15 +72,17 @@ void PlaceCheck::checkPlace(const Place &place)
         return;
     }
     const bool foreign = status.st_uid != mail_user_.uid || status.st_gid != place.gid;
-    if (foreign)
+    if (foreign) {
         findings_.add(Severity::error, place.owner_code, place.path,
                       "belongs to " + owner_text(status.st_uid, status.st_gid) + " instead of " +
                           owner_text(mail_user_.uid, place.gid),
                       place.chown);
-    if ((status.st_mode & 07777) != place.mode)
+    }
+    if ((status.st_mode & 07777) != place.mode) {
         findings_.add(Severity::error, place.mode_code, place.path,
                       "has mode " + octal(status.st_mode & 07777) + " instead of " + octal(place.mode),
                       foreign ? Repair::both(place.chown, place.chmod) : place.chmod);
+    }
 }
 
 void PlaceCheck::checkDirectory()
@@ -117,12 +119,13 @@ void PlaceCheck::checkJournal()
     const auto state = [](const struct stat &status) {
         return std::tuple(status.st_dev, status.st_ino, status.st_ctim.tv_sec, status.st_ctim.tv_nsec);
     };
-    if (!S_ISREG(after.st_mode))
+    if (!S_ISREG(after.st_mode)) {
         findings_.add(Severity::error, "db-journal", journal, "is no regular file",
                       repair_.asMailUser({"rm", "-r", "--", journal}));
-    else if (state(before) == state(after)) /* otherwise a writer came in between */
+    } else if (state(before) == state(after)) { /* otherwise a writer came in between */
         findings_.add(Severity::error, "db-journal", journal, "was left behind by an interrupted command",
                       repair_.journal());
+    }
 }
 
 } // namespace
@@ -144,13 +147,14 @@ void add_database_failure(const MailUser &mail_user, const DatabaseFailure &fail
     std::string command = Repair::newDatabase(RESPONDER_DB_PATH);
     if (code == "db-missing")
         command = shell_command({"arspctl", "--init-db"});
-    else if (code == "db-unreadable")
+    else if (code == "db-unreadable") {
         command = Repair::both(Repair::both(repair.directoryOwner(), Repair::directoryMode()),
                                Repair::both(repair.databaseOwner(), repair.databaseMode()));
-    else if (code == "db-journal")
+    } else if (code == "db-journal") {
         command = repair.journal();
-    else if (code == "db-wal")
+    } else if (code == "db-wal") {
         command = repair.sql("PRAGMA journal_mode=DELETE");
+    }
     findings.add(Severity::error, failure.code, RESPONDER_DB_PATH, failure.what(), command);
 }
 

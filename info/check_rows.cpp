@@ -81,11 +81,12 @@ void RowCheck::readAttachments()
         const std::string name(rows.text(1));
         if (rows.number(2) == 0)
             names_[mn].push_back(name);
-        else
+        else {
             findings_.add(Severity::warning, "attachment-orphan", mn,
                           "has the attachment " + excerpt(name) + " and no autoresponder",
                           repair_.sql("DELETE FROM attachments WHERE " + sql_equals("mn", mn) + " AND " +
                                       sql_equals("filename", name)));
+        }
     }
 }
 
@@ -123,7 +124,7 @@ std::string RowCheck::moveAttachments(const Autoresponder &row) const
                 copy.push_back(AttachmentDir(row.real_owner).pathOf(name));
         }
     }
-    const std::string set_owner = setColumn(row.mn, "real_owner", "mn");
+    std::string set_owner = setColumn(row.mn, "real_owner", "mn");
     if (copy.back() == "--")
         return set_owner;
     return Repair::both(
@@ -134,19 +135,20 @@ void RowCheck::checkOwner(const Autoresponder &row)
 {
     const std::string &owner = row.real_owner;
     const bool stored = is_stored_address(owner);
-    if (is_harmful_owner(owner))
+    if (is_harmful_owner(owner)) {
         findings_.add(Severity::error, "owner-harmful", row.mn,
                       "has the owner " + excerpt(owner) + ", which --add-attach refuses",
                       setColumn(row.mn, "real_owner", "mn"));
-    else if (!stored)
+    } else if (!stored) {
         findings_.add(Severity::error, "owner-refused", row.mn,
                       "has the owner " + excerpt(owner) + ", which is no address that --set-resp stores",
                       setColumn(row.mn, "real_owner", "mn"));
-    else if (owner != row.mn)
+    } else if (owner != row.mn) {
         findings_.add(Severity::note, "owner-differs", row.mn,
                       "has the owner " + owner + ": --del-attach leaves the files of attachments in " +
                           AttachmentDir(owner).path(),
                       moveAttachments(row));
+    }
     std::vector<AttachmentRow> &rows = by_directory_[stored ? owner : row.mn]; /* as after the repair */
     for (const std::string &name : names_[row.mn])
         rows.push_back({row.mn, name});
@@ -171,10 +173,11 @@ void RowCheck::checkValues(const Autoresponder &row)
                                                                          {"forward_to", &row.forward_to},
                                                                          {"charset", &row.charset}};
     for (const auto &[column, text] : header_texts) {
-        if (has_control_bytes(*text))
+        if (has_control_bytes(*text)) {
             findings_.add(Severity::error, "header-injection", row.mn,
                           std::string("has line feeds or control bytes in ") + column + ": " + excerpt(*text),
                           setColumn(row.mn, column, sql_without_control_bytes(column, *text)));
+        }
     }
 }
 
@@ -193,16 +196,18 @@ void RowCheck::checkCounters()
 void RowCheck::checkHeader(const Header &header, bool twice)
 {
     const std::string row = " WHERE rowid=" + std::to_string(header.rowid) + " AND " + sql_equals("name", header.name);
-    if (!is_header_name(header.name))
+    if (!is_header_name(header.name)) {
         findings_.add(Severity::error, "header-name", header.name, "is no name of a header",
                       repair_.sql("DELETE FROM extra_headers" + row));
-    else if (twice)
+    } else if (twice) {
         findings_.add(Severity::warning, "header-twice", header.name, "is given more than once",
                       repair_.sql("DELETE FROM extra_headers" + row));
-    if (has_control_bytes(header.value))
+    }
+    if (has_control_bytes(header.value)) {
         findings_.add(
             Severity::error, "header-value", header.name, "has line feeds or control bytes: " + excerpt(header.value),
             repair_.sql("UPDATE extra_headers SET value=" + sql_without_control_bytes("value", header.value) + row));
+    }
 }
 
 void RowCheck::checkHeaders()
@@ -210,10 +215,11 @@ void RowCheck::checkHeaders()
     std::set<std::string> names; /* their case does not matter */
     for (const Header &header : read_headers(db_))
         checkHeader(header, !names.insert(lower_case(header.name)).second);
-    if (names.count("auto-submitted") == 0)
+    if (names.count("auto-submitted") == 0) {
         findings_.add(Severity::note, "auto-submitted", "Auto-Submitted",
                       "is not among the extra headers: replies can start a loop",
                       repair_.sql("INSERT INTO extra_headers VALUES('Auto-Submitted','auto-replied')"));
+    }
 }
 
 } // namespace

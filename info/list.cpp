@@ -68,7 +68,7 @@ constexpr char CHOSEN[] = " WHERE ?1='' OR substr(a.mn,instr(a.mn,'@')+1)=lower(
 /* Lines of raw output in libsmartcols' memory; the other formats need all of them, for the widths. */
 constexpr std::size_t LINES_AT_ONCE = 128;
 
-constexpr std::uint64_t LARGEST_COPY = 32U << 20U; /* bytes; larger databases would take too much memory */
+constexpr std::uint64_t LARGEST_COPIED_FILE = 32U << 20U; /* bytes; larger databases would take too much memory */
 
 const Column &find_column(const std::string &name)
 {
@@ -165,7 +165,7 @@ Rows::Counts read_counts(Database &db, const ListOptions &options, const Column 
 Rows read_rows(const ListOptions &options, const std::vector<const Column *> &columns)
 {
     Database file = Database::openFile();
-    Database db = file.size() <= LARGEST_COPY ? file.copyToMemory() : std::move(file);
+    Database db = file.size() <= LARGEST_COPIED_FILE ? file.copyToMemory() : std::move(file);
     Rows rows;
     read_cells(db, options, columns, rows); /* first: it finds out soon if a damaged tree has no end */
     for (const Column *column : columns)

@@ -112,8 +112,12 @@ std::string sql_without_control_bytes(const std::string &column, std::string_vie
     bytes = bytes.substr(0, nul);
     for (const char control : std::string("\x01\x02\x03\x04\x05\x06\x07\x08\x09\x0a\x0b\x0c\x0d\x0e\x0f\x10\x11\x12"
                                           "\x13\x14\x15\x16\x17\x18\x19\x1a\x1b\x1c\x1d\x1e\x1f\x7f")) {
-        if (bytes.find(control) != std::string_view::npos)
-            sql = "replace(" + sql + ",char(" + std::to_string(static_cast<int>(control)) + "),' ')";
+        if (bytes.find(control) != std::string_view::npos) {
+            sql.insert(0, "replace(")
+                .append(",char(")
+                .append(std::to_string(static_cast<int>(control)))
+                .append("),' ')");
+        }
     }
     return sql;
 }
