@@ -29,6 +29,7 @@ MAILS = 100  # a second, of each
 LONGEST_READ = 250  # milliseconds, on a machine without other work
 TMPFS, ROOM = "/dev/shm", 512 << 20
 INIT_DB_EVERY = 45  # seconds
+CHUNK = 250
 EXPORT = Path("/tmp/export")
 # Another run has made the file, or has deleted the journal, which it takes for that of the removed file.
 INIT_DB_FAILURE = re.compile(r"Unable to change .*: File exists \(17\)|Unable to re-create .*: disk I/O error")
@@ -104,23 +105,24 @@ def furnish(sandbox):
 
 
 def fill(sandbox, mailboxes):
-    """Stores the autoresponders of the mailboxes, and the attachments that they keep."""
-    rows = [kept_row(mailbox) for mailbox in mailboxes]
-    attachments = [(mailbox, "kept") for mailbox in mailboxes if mailbox in KEPT]
-    with contextlib.closing(sandbox.db()) as connection:
-        connection.execute(f"PRAGMA busy_timeout = {PATIENCE * 1000}")
-        connection.execute("PRAGMA cache_size = -100000")  # so that readers are locked out only by the commit
+    """Stores the autoresponders of the mailboxes, and the attachments that they keep, a few at a time: until a
+    transaction ends, all runs wait."""
+    for first in range(0, len(mailboxes), CHUNK):
+        chunk = mailboxes[first:first + CHUNK]
+        until(lambda: is_stored(sandbox, chunk), "mailboxes are stored", timeout=PATIENCE)
+
+
+def is_stored(sandbox, mailboxes):
+    """Stores the mailboxes; returns whether no other run prevented it, by its lock or, if it still uses the file that
+    --init-db removed, by deleting a journal that it takes for its own."""
+    with contextlib.suppress(sqlite3.OperationalError), contextlib.closing(sandbox.db()) as connection:
+        connection.execute("PRAGMA busy_timeout = 0")
         connection.execute("BEGIN IMMEDIATE")
-        connection.executemany(f"REPLACE INTO autoresponder VALUES ({', '.join('?' * len(rows[0]))})", rows)
-        connection.executemany("REPLACE INTO attachments VALUES (?, ?)", attachments)
+        connection.executemany(f"REPLACE INTO autoresponder VALUES ({', '.join('?' * 12)})", map(kept_row, mailboxes))
+        connection.executemany("REPLACE INTO attachments VALUES (?, 'kept')",
+                               [(mailbox,) for mailbox in mailboxes if mailbox in KEPT])
+        connection.execute(f"PRAGMA busy_timeout = {PATIENCE * 1000}")  # for readers
         connection.execute("COMMIT")
-
-
-def filled(sandbox):
-    """Restores the mailboxes that no worker changes; returns whether no run disturbed the commit. One that still uses
-    the removed file deletes the journal, which it takes for its own."""
-    with contextlib.suppress(sqlite3.OperationalError):
-        fill(sandbox, UNTOUCHED)
         return True
     return False
 
@@ -137,7 +139,7 @@ def reset_now_and_then(sandbox, seconds, end):
             texts = [record.text for record in result.records]
             assert result.status == 1 and texts and all(map(INIT_DB_FAILURE.fullmatch, texts)), result
         made = time.monotonic()
-        until(lambda: filled(sandbox), "the mailboxes are restored", timeout=PATIENCE)
+        fill(sandbox, UNTOUCHED)
         resets.append((begin, made, time.monotonic()))
     return resets
 

@@ -121,12 +121,6 @@ def is_documented(event):
     return event.status == 0 and event.texts == ()
 
 
-def last_values(runs):
-    """The values that may be left by runs (begin, end, value), each of which replaces what the others left."""
-    last_begin = max((begin for begin, _, _ in runs), default=0)
-    return {value for _, end, value in runs if end >= last_begin}
-
-
 class Judge:
     """Compares what the programs reported with the final database and files; counts and problems go to `report`."""
 
@@ -227,7 +221,6 @@ class Judge:
                 self._files[part].add((name, versions.get(entry, str(entry)[:200])))
 
     def _judge_replies(self, events):
-        """The reply of a shared mailbox is that of a run after which no other began."""
         for mailbox in (*SHARED, *PASSING):
             runs = [event for event in events if event.mailbox == mailbox and not event.command.endswith("-attach")]
             self._judge_last(mailbox, {self._replies.get(mailbox)}, runs)
@@ -242,8 +235,18 @@ class Judge:
                          [event for event in events if event.command == "set-extra-headers"])
 
     def _judge_last(self, where, found, runs):
-        values = last_values([(run.begin, run.end, run.value) for run in runs if run.status == 0] +
-                             [(window.begin, window.end, None) for window in self._windows])
+        """What is left is that of a run after which no other began. A run beside --init-db may have had no effect, or
+        one that it reports as a failure."""
+        sure, beside = [], []
+        for run in runs:
+            if self._is_beside_reset(run.begin, run.end):
+                beside.append(run)
+            elif run.status == 0:
+                sure.append(run)
+        last_begin = max(entry.begin for entry in (*sure, *self._windows))
+        values = {run.value for run in (*sure, *beside) if run.end >= last_begin}
+        if self._windows[-1].end >= last_begin:
+            values.add(None)
         if not found <= values:
             self._problem(where, f"{found} is not of a last run: {values}")
 
@@ -255,10 +258,10 @@ class Judge:
         for begin, end, mailbox, outcome, request in mails:
             beside = self._is_beside_reset(begin, end, "filled")
             self._count(("mail side", request), 0 if isinstance(outcome, bool) else 1, beside)
-            if request == "count" and outcome is True:
+            if request == "count" and outcome is not False:
                 counted[mailbox][0] += begin > last.end
                 counted[mailbox][1] += end > last.begin
-            elif outcome is not True and not beside and (outcome or mailbox not in changing):
+            if outcome is not True and not beside and (outcome or mailbox not in changing):
                 self._problem("mail side", f"{mailbox}: {outcome or 'no reply'}")
         numbers = dict(self._sandbox.rows("SELECT mn, num FROM resp_freq WHERE email = ?", SENDER))
         for mailbox in UNTOUCHED:
