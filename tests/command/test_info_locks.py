@@ -1,5 +1,5 @@
-"""arspinfo holds its lock on the database while it copies it or reads rows and at no other time, so that writers need not
-wait for files, for the mail tree or for a reader of the output."""
+"""arspinfo holds its lock on the database while it copies it or reads rows and at no other time, so that writers need
+not wait for files, for the mail tree or for a reader of the output."""
 
 import fcntl
 import os
@@ -13,7 +13,7 @@ from harness.waiting import until_it_sleeps
 
 USER = "user@example.org"
 PENDING_BYTE, LOCK_BYTES = 0x40000000, 512  # SQLite's locks are on these bytes of the file
-SUBCOMMANDS = [("list",), ("list", "--raw"), ("show", USER), ("check",), ("export", "/root/export")]
+SUBCOMMANDS = [("list",), ("list", "--raw"), ("show", USER), ("check",), ("export", "/export")]
 
 
 @pytest.fixture
