@@ -2,7 +2,6 @@
 
 #include <cerrno>
 #include <climits>
-#include <cstdio>
 #include <cstring>
 #include <set>
 #include <string>
@@ -118,10 +117,8 @@ void FileCheck::checkDirectory(const AttachmentFolder &folder, const std::vector
     struct stat status = {};
     fstat(folder.get(), &status); /* it is open: this cannot fail */
     if ((status.st_mode & 077) != 0) {
-        char mode[16];
-        std::snprintf(mode, sizeof mode, "%04o", static_cast<unsigned>(status.st_mode & 07777));
         findings_.add(Severity::warning, "attachments-mode", folder.path(),
-                      std::string("lets other users in: mode ") + mode,
+                      "lets other users in: mode " + mode_text(status.st_mode),
                       status.st_uid == mail_user_.uid ? repair_.asMailUser({"chmod", "0700", folder.path()})
                                                       : copyDirectory(folder.path()));
     }

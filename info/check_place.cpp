@@ -1,6 +1,5 @@
 #include "info/check_place.h"
 
-#include <cstdio>
 #include <string>
 #include <string_view>
 #include <tuple>
@@ -10,6 +9,7 @@
 
 #include "info/database.h"
 #include "info/printable.h"
+#include "info/records.h"
 #include "info/repair.h"
 #include "store/schema.h"
 #include "support/c_handles.h"
@@ -28,13 +28,6 @@ struct Place {
     const char *link_code, *type_code, *owner_code, *mode_code;
     std::string replace_link, chown, chmod; /* repairs; the first for a link that root made */
 };
-
-std::string octal(mode_t mode)
-{
-    char text[16];
-    std::snprintf(text, sizeof text, "%04o", static_cast<unsigned>(mode));
-    return text;
-}
 
 /* A path that holds no file is reported when the database is opened. */
 class PlaceCheck {
@@ -80,7 +73,7 @@ void PlaceCheck::checkPlace(const Place &place)
     }
     if ((status.st_mode & 07777) != place.mode) {
         findings_.add(Severity::error, place.mode_code, place.path,
-                      "has mode " + octal(status.st_mode & 07777) + " instead of " + octal(place.mode),
+                      "has mode " + mode_text(status.st_mode) + " instead of " + mode_text(place.mode),
                       foreign ? Repair::both(place.chown, place.chmod) : place.chmod);
     }
 }

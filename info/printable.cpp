@@ -73,17 +73,6 @@ void move_plain(std::string_view &text, std::string &out)
     text.remove_prefix(length);
 }
 
-void append_hex(std::string &out, std::string_view bytes)
-{
-    for (const char byte : bytes) {
-        constexpr char DIGITS[] = "0123456789abcdef";
-        const auto value = static_cast<unsigned char>(byte);
-        out += "\\x";
-        out += DIGITS[value >> 4U];
-        out += DIGITS[value & 0xFU];
-    }
-}
-
 /* Appends JSON's escape of one UTF-16 unit. */
 void append_unit(std::string &out, std::uint32_t unit)
 {
@@ -132,6 +121,14 @@ void append_printf_format(std::string &out, std::string_view word)
 
 } // namespace
 
+void append_hex(std::string &out, char byte)
+{
+    constexpr char DIGITS[] = "0123456789abcdef";
+    const auto value = static_cast<unsigned char>(byte);
+    out += DIGITS[value >> 4U];
+    out += DIGITS[value & 0xFU];
+}
+
 std::string printable(std::string_view text)
 {
     std::string out;
@@ -139,10 +136,12 @@ std::string printable(std::string_view text)
     for (move_plain(text, out); !text.empty(); move_plain(text, out)) {
         const Character character = first_character(text);
         const std::string_view bytes = text.substr(0, std::max<std::size_t>(character.length, 1));
-        if (!is_printable(character) || text.starts_with("\\x"))
-            append_hex(out, bytes);
-        else
+        if (!is_printable(character) || text.starts_with("\\x")) {
+            for (const char byte : bytes)
+                append_hex(out.append("\\x"), byte);
+        } else {
             out += bytes;
+        }
         text.remove_prefix(bytes.size());
     }
     return out;

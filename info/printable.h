@@ -21,6 +21,9 @@ std::string json_text(std::string_view text);
  * does not act on any of them. */
 std::string ascii_json(std::string_view json);
 
+/* Appends the two hexadecimal digits of the byte. */
+void append_hex(std::string &out, char byte);
+
 /* Whether the text is valid UTF-8. */
 bool is_utf8(std::string_view text);
 

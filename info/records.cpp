@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <cstdio>
 #include <limits>
 
 #include <fcntl.h>
@@ -80,6 +81,13 @@ std::vector<Header> read_headers(Database &db)
     while (rows.next())
         headers.push_back({rows.number(0), std::string(rows.text(1)), std::string(rows.text(2))});
     return headers;
+}
+
+std::string mode_text(mode_t mode)
+{
+    char text[8];
+    std::snprintf(text, sizeof text, "%04o", static_cast<unsigned>(mode & 07777));
+    return text;
 }
 
 AttachmentFolder::AttachmentFolder(const std::string &owner)

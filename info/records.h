@@ -51,6 +51,9 @@ bool is_stored_address(const std::string &address);
 /* Whether `name` can be that of an attachment: one name of a path. */
 bool is_file_name(const std::string &name);
 
+/* The permissions of a file as chmod takes them: four octal digits. */
+std::string mode_text(mode_t mode);
+
 /* The attachment directory of a mailbox, held open. Reads with the rights of the process; below the root of the mail
  * names it follows the links that arspctl follows. */
 class AttachmentFolder {

@@ -13,12 +13,9 @@ namespace {
 /* A literal of SQL. No byte of it needs a quote in a shell. */
 std::string blob_literal(std::string_view bytes)
 {
-    constexpr char DIGITS[] = "0123456789abcdef";
     std::string out = "x'";
-    for (const char byte : bytes) {
-        out += DIGITS[static_cast<unsigned char>(byte) >> 4U];
-        out += DIGITS[static_cast<unsigned char>(byte) & 0xFU];
-    }
+    for (const char byte : bytes)
+        append_hex(out, byte);
     return out + "'";
 }
 

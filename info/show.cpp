@@ -85,13 +85,6 @@ std::string group_name(gid_t gid)
     return entry != nullptr ? entry->gr_name : std::to_string(gid);
 }
 
-std::string mode_text(mode_t mode)
-{
-    std::array<char, 8> text = {};
-    std::snprintf(text.data(), text.size(), "%04o", static_cast<unsigned>(mode & 07777));
-    return text.data();
-}
-
 std::string time_text(time_t seconds)
 {
     tm parts = {};
