@@ -389,6 +389,18 @@ def test_an_unusable_database_is_kept_beside_the_new_one(sound, means):
     assert sound.path(DATABASE + ".set-aside.~1~").read_bytes() == b"an older one"
 
 
+@pytest.mark.parametrize(("bits", "code", "names"), [
+    (0o755, "attachments-mode", ["", ".copy", ".set-aside"]), (0o700, "attachments-unreadable", ["", ".set-aside"])])
+def test_a_replaced_attachment_directory_is_kept_beside_it(sound, bits, code, names):
+    both(owner(DIRECTORY, ROOT), mode(DIRECTORY, bits))(sound)
+    command = next(command for (_, found, _), command in check(sound).items() if found == code)
+    assert command.endswith("".join(f" {DIRECTORY}{name}" for name in names))
+    content = sound.tree(DIRECTORY)
+    repair(sound, command)
+    assert sound.tree(DIRECTORY + ".set-aside") == content
+    assert not sound.path(DIRECTORY + ".copy").exists()
+
+
 @pytest.mark.parametrize("means", [
     mailbox_as_link(ROOT), both(removed(FILE), link(FILE, "/tmp/report.pdf", ROOT)),  # links that arspctl follows
     set_column("(content_type, key_where, ans_freq, ans_limit)", f"('text/html', 'subj', {-2**31}, {2**31 - 1})"),
