@@ -389,6 +389,12 @@ def test_an_unusable_database_is_kept_beside_the_new_one(sound, means):
     assert sound.path(DATABASE + ".set-aside.~1~").read_bytes() == b"an older one"
 
 
+def test_damage_is_told_in_the_words_of_the_integrity_check(sound):
+    corrupt_page_of(sound, "attach")  # reading the rows would only say that the image is malformed
+    (finding,) = json.loads(sound.info("check", "--json").stdout)["findings"]
+    assert finding["meaning"].startswith("is damaged: *** in database main ***")
+
+
 @pytest.mark.parametrize(("bits", "code", "names"), [
     (0o755, "attachments-mode", ["", ".copy", ".set-aside"]), (0o700, "attachments-unreadable", ["", ".set-aside"])])
 def test_a_replaced_attachment_directory_is_kept_beside_it(sound, bits, code, names):
