@@ -168,7 +168,6 @@ void Database::harden()
     sqlite3_limit(db, SQLITE_LIMIT_ATTACHED, 0);
     sqlite3_limit(db, SQLITE_LIMIT_COLUMN, 64);
     sqlite3_limit(db, SQLITE_LIMIT_EXPR_DEPTH, 64);
-    sqlite3_limit(db, SQLITE_LIMIT_WORKER_THREADS, 0);
     /* No value is longer than the file that holds it. */
     sqlite3_limit(db, SQLITE_LIMIT_LENGTH,
                   static_cast<int>(std::clamp<std::uint64_t>(limits_->file_size, 1 << 20, INT_MAX)));
