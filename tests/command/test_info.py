@@ -7,7 +7,7 @@ import shutil
 
 import pytest
 
-from harness import INFO_PROGRAM
+from harness import INFO_PROGRAM, preload
 from harness.info import put_row
 from harness.mailboxes import MAIL_TREE, run_sql
 from harness.sandbox import DATABASE
@@ -127,6 +127,23 @@ def test_rights_that_cannot_be_taken_end_the_run(box, needs_tracing, call):
     result, _ = box.trace("check", program=INFO_PROGRAM, calls=call, inject=[f"{call}:error=EPERM:when=1"])
     assert (result.status, result.stdout, result.stderr) == (
         2, b"", b"arspinfo: cannot take the rights of popuser: Operation not permitted\n")
+
+
+def test_configuration_is_read_with_the_callers_rights(box):
+    box.conf("QUARN_MAILNAMES_D /srv/mail\nmalformed\n")
+    box.path("/etc/kel/kel.conf").chmod(0o600)
+    result = box.info("check")
+    assert b" /srv/mail/example.org/user/@attachments/" in result.stdout
+    assert (result.stderr, result.records) == (b"", [])
+
+
+@pytest.mark.shared
+@pytest.mark.unsanitized
+def test_lack_of_memory_for_the_configuration_leaves_the_defaults(box, command):
+    expected = box.info(*COMMANDS[command])
+    shutil.rmtree(box.path("/out"), ignore_errors=True)
+    environment = preload.environment(box, ALLOCATION_FAILS="@arspinfo")
+    assert box.info(*COMMANDS[command], env=environment) == expected
 
 
 def test_nothing_is_changed(box, command):

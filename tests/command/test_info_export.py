@@ -61,6 +61,7 @@ WORDS = [b"", b"x", b"-n", b"--help", b"=", b"'", b"''\"$(id)`id`\\", b"two\nlin
 LOCAL_PARTS = ["a", "o'neil", "x&y", "-n", "_+-", "l" * 240]
 FILE_NAMES = [b"report.pdf", b"-f", b"a b'c", b"two\nlines", b"\xff", b"*", b"&;|<>()#~", "\u00e9".encode(), b"x" * 250]
 TEXT_COLUMNS = ("keystr", "key_where", "subject", "reply_to", "forward_to", "charset")
+ARGUMENT_MAX = 131008  # bytes of a text that fits into an argument together with the name of any option
 BLOB = bytearray(b"blob")  # sqlite3 stores a bytearray as a BLOB, put_row() bytes as a TEXT
 
 ROW_DEFECTS = [
@@ -297,6 +298,21 @@ def test_chosen_mailboxes_are_exported_without_the_extra_headers(two, args, mail
     assert not two.path(OUT + "/headers.json").exists()
 
 
+@pytest.mark.parametrize(("size", "status"), [(ARGUMENT_MAX, 0), (ARGUMENT_MAX + 1, 1)])
+def test_text_is_exported_if_it_fits_into_an_argument(two, size, status):
+    run_sql(two, f"UPDATE autoresponder SET subject = printf('%.*c', {size}, 'x') WHERE mn = 'user@example.org'")
+    assert export(two).status == status
+    assert restore(two).status == 0
+    assert two.rows("SELECT count(*) FROM autoresponder WHERE length(subject) = ?", size) == [(1 - status,)]
+
+
+@pytest.mark.parametrize("header", ["(x'582d41', 'a')", "('X-A', x'61')"])
+def test_extra_header_that_is_no_text_is_left_out(two, header):
+    run_sql(two, f"INSERT INTO extra_headers VALUES {header}")
+    assert export(two).stderr == b"arspinfo: not restored: extra header X-A: its name or value is no UTF-8 text\n"
+    assert two.tree(OUT)["headers.json"] == WRITTEN["headers.json"]
+
+
 def test_restore_says_what_it_does_and_stops_at_the_first_failure(two):
     export(two)
     two.path(OUT + "/bodies/00000002").unlink()
@@ -351,6 +367,12 @@ def test_empty_directory_is_taken_and_closed_to_others(two):
     two.path(OUT).mkdir(mode=0o755)
     assert export(two).status == 0
     assert two.tree(OUT) == WRITTEN
+
+
+def test_directory_that_cannot_be_closed_to_others_is_refused(two, needs_tracing):
+    two.path(OUT).mkdir(mode=0o755)
+    result, _ = two.trace("export", OUT, program=INFO_PROGRAM, calls="fchmod", inject=["fchmod:error=EPERM"])
+    assert (result.status, result.stderr) == (1, b"arspinfo: cannot write /tmp/out: Operation not permitted\n")
 
 
 @pytest.mark.parametrize(("args", "database", "message"), [

@@ -342,6 +342,15 @@ def test_reading_ends_where_a_tree_has_no_end(mailbox, name, kind, words, proble
     assert result.stderr.decode() == f"arspinfo: cannot read {DATABASE}: {problem}\n"
 
 
+def test_reading_ends_where_an_index_leads_to_one_value_again_and_again(mailbox):
+    run_sql(mailbox, "UPDATE autoresponder SET body = zeroblob(1000000)")
+    number, page = page_of(mailbox, "mn")
+    put_page(mailbox, number, page_with(0x0A, 0, only_cell(page), 600))
+    result = mailbox.info(*EXPORT)
+    assert (result.status, result.stdout) == (1, b"")
+    assert result.stderr.decode().endswith(f"\narspinfo: cannot read {DATABASE}: it has more rows than room\n")
+
+
 def test_a_locked_database_is_waited_for_only_some_seconds(mailbox):
     with contextlib.closing(mailbox.db()) as writer:
         writer.execute("BEGIN EXCLUSIVE")
