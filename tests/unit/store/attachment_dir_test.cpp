@@ -107,6 +107,14 @@ TEST_F(AttachmentDirTest, DirectoryThatCannotBeExaminedStays)
     EXPECT_TRUE(fs::exists(DIRECTORY + "/sub"));
 }
 
+TEST_F(AttachmentDirTest, FailedFlushIsAFailure)
+{
+    fsync_fails = true;
+    EXPECT_EQ(dir_.unlinkFile("x"), -1);
+    EXPECT_EQ(dir_.clear(), -1);
+    fsync_fails = false;
+}
+
 TEST_F(AttachmentDirTest, DirectoryMayHaveDescriptorZero)
 {
     const auto unlink_and_clear = [this] {

@@ -8,11 +8,12 @@
 #include <sys/syscall.h>
 #include <unistd.h>
 
-/* In a program that includes this header, one call of fstat or readlinkat can fail with EIO. */
+/* In a program that includes this header, one call of fstat or readlinkat, or all calls of fsync, can fail with EIO. */
 
 constexpr int NONE_FAILS = -1;
 
 inline int calls_before_failure = NONE_FAILS;
+inline bool fsync_fails = false;
 
 inline bool this_call_fails()
 {
@@ -22,7 +23,7 @@ inline bool this_call_fails()
     return true;
 }
 
-/* The linker takes these for fstat and readlinkat. */
+/* The linker takes these for fstat, readlinkat and fsync. */
 inline int fstat_that_may_fail(int fd, struct stat *status) __asm__("fstat") __attribute__((used));
 inline int fstat_that_may_fail(int fd, struct stat *status)
 {
@@ -34,6 +35,15 @@ inline ssize_t readlinkat_that_may_fail(int dir, const char *path, char *target,
 inline ssize_t readlinkat_that_may_fail(int dir, const char *path, char *target, size_t size)
 {
     return this_call_fails() ? -1 : syscall(SYS_readlinkat, dir, path, target, size);
+}
+
+inline int fsync_that_may_fail(int fd) __asm__("fsync") __attribute__((used));
+inline int fsync_that_may_fail(int fd)
+{
+    if (!fsync_fails)
+        return static_cast<int>(syscall(SYS_fsync, fd));
+    errno = EIO;
+    return -1;
 }
 
 #endif
