@@ -11,7 +11,8 @@ from dataclasses import dataclass
 # What is never changed, except for the texts of string and character literals.
 MASKED = re.compile(r"""
     (?P<raw>R"(?P<end>\w*)\((?P<text>.*?)\)(?P=end)") | (?P<string>"(?:\\.|[^"\\\n])*") | (?P<char>'(?:\\.|[^'\\\n])') |
-    //[^\n]* | /\*.*?\*/ | ^[ \t]*\#(?:\\\n|[^\n])* | \bstatic_assert\b[^;]*; | __attribute__\(\(.*?\)\)\)?
+    //[^\n]* | /\*.*?\*/ | ^[ \t]*\#(?:\\\n|[^\n])* | \bstatic_assert\b[^;]*; | ^[^\n;]*\s=\s(?:delete|default); |
+    __attribute__\(\(.*?\)\)\)?
 """, re.DOTALL | re.MULTILINE | re.VERBOSE)
 COMMENT = re.compile(r"\s*(?://.*|/\*.*?(?:\*/|$))")
 CONVERSION = re.compile(r"%[-+ #0-9.*]*[hlzjt]*[a-zA-Z%]|\\(?:[0-7]+|x[0-9a-fA-F]+|.)")
@@ -125,7 +126,8 @@ def other_constants(match):
     if match["name"]:
         return [NAMES[match[0]]] if match[0] in NAMES else []
     if match["flag"]:
-        return ["0", *([NAMES[match[0]]] if match[0] in NAMES else [])]
+        nothing = [] if match[0] == "O_RDONLY" else ["0"]  # which it is
+        return [*nothing, *([NAMES[match[0]]] if match[0] in NAMES else [])]
     digits = match[0].removesuffix(match["suffix"]).replace("'", "")
     if re.fullmatch(r"0[0-7]+", digits):
         return [f"0{int(digits, 8) ^ bit:o}" for bit in (0o001, 0o020, 0o200)]

@@ -18,6 +18,7 @@ CHANGES = {
     "const int c = open(p, O_CREAT | O_EXCL, 0644, true, 'x', 1);": {
         "| -> &", "O_CREAT -> 0", "O_EXCL -> 0", "0644 -> 0645", "0644 -> 0664", "0644 -> 0444", "true -> false",
         "'x' -> '#'", "1 -> 0", "1 -> 2"},
+    "const int c = open(p, O_RDONLY | O_EXCL);": {"| -> &", "O_RDONLY -> O_RDWR", "O_EXCL -> 0"},
     'return "Ab";': {'"Ab" -> "bb"', '"Ab" -> "Aa"'},
     r'return "%-5ld\n a%%";': {r'"%-5ld\n a%%" -> "%-5ld\naa%%"', r'"%-5ld\n a%%" -> "%-5ld\n b%%"'},
     'return R"x("a" !=\n)x";': {'"a" !=\n -> "b" !=\n', '"a" !=\n -> "a"a!=\n'},
@@ -30,6 +31,7 @@ CHANGES = {
     "if (int c = g(); c < a)\n        h();": {"c < a -> !(c < a)", "< -> <=", "< -> >=", "h(); -> {}"},
     "if (a)\n        return b;\n    return c;": {"a -> !(a)", "return b; -> {}"},
     "run([&] {\n        h(a);\n        return b;\n    });": {"h(a); -> {}"},
+    "A(const A &) = delete;\n    A();\n    ~A() = default;": {"A(); -> {}"},
     '/* g(1 == 2); */ // "x" h(3);\n#include "y.h"\n#define Z 4\nstatic_assert(5 == 5, "five");': set(),
 }
 

@@ -5,6 +5,7 @@ import re
 import shutil
 import subprocess
 import sys
+from collections import Counter
 from pathlib import Path
 
 from .cage import caged
@@ -15,6 +16,7 @@ FOLDERS = {"support": ("support", "store", "cli", "info"), "store": ("store", "c
 NOT_COPIED = {".git", "build", "__pycache__", ".pytest_cache"}
 SLOW = re.compile(r"mail_side|records|torture|load|info_export|info_hostile")
 UNIT_SECONDS, PYTEST_SECONDS = 100, 2400  # ten times what a sound tree takes
+DETECTIONS = Counter()  # of mutants of a source by a test file, (source, test file), in this run
 
 
 class DoesNotCompile(Exception):
@@ -44,14 +46,14 @@ def files(top):
 
 
 def test_files(path):
-    """The tests of both programs, or for info/ those of arspinfo: first those with a word of the name of the source
-    `path` in theirs, slow ones last."""
+    """The tests of both programs, or for info/ those of arspinfo: first those that detected mutants of the source
+    `path`, then those with a word of its name in theirs, slow ones last."""
     words = Path(path).stem.split("_")
     pattern = "test_info*.py" if path.startswith("info/") else "test_*.py"
     tests = [test.relative_to(REPOSITORY) for test in (REPOSITORY / "tests/command").glob(pattern)
              if test.stem != "test_sandbox"]  # it tests the private root
     return sorted([*tests, Path("tests/docs")], key=lambda test: (
-        not any(word.startswith(name) for word in words for name in test.stem.split("_")),
+        -DETECTIONS[path, str(test)], not any(word.startswith(name) for word in words for name in test.stem.split("_")),
         SLOW.search(test.stem) is not None, test))
 
 
@@ -86,7 +88,10 @@ class Workshop:
             if failure := self._confirmed(lambda only, unit=folder: self._unit_test(unit, only)):
                 return failure
         self._build("arspctl", "arspinfo")
-        return self._confirmed(lambda only: self._pytest([only] if only else test_files(path)))
+        failure = self._confirmed(lambda only: self._pytest([only] if only else test_files(path)))
+        if failure:
+            DETECTIONS[path, failure.partition("::")[0]] += 1
+        return failure
 
     def failure_with(self, mutant):
         """Returns the first failure with a mutant in the copy, and restores the copy."""
