@@ -232,10 +232,11 @@ def test_operation_changes_only_its_rows(sandbox, panel, way, name, args, expect
     (("", ""), [*(f"{field}=" for field in (*TEXT_FIELDS, "owner_local_part")), "ans_freq=-2147483648",
                 "ans_limit=2147483647"],
      ("@", "", "", "", "", "", "", "", "", -2147483648, 2147483647, "@")),
+    (("new", "example.org"), ["unset"], ("new@example.org", *[""] * 8, 0, 0, "@example.org")),
     (("Ä B@C", "%S"), ["owner_local_part=É'Q"], ("Ä b@c@%s", *NEW_ROW[:-1], "É'q@%s")),  # only ASCII is lower-cased
     (("long", "example.org"), ["body=#5000000"],
      ("long@example.org", *NEW_ROW[:7], "x" * 5000000, *NEW_ROW[8:-1], "owner@example.org")),
-], ids=["empty", "unchecked", "long"])
+], ids=["empty", "unset", "unchecked", "long"])
 def test_fields_of_a_record_are_stored_unchecked(sandbox, panel, mailbox, fields, row):
     before = everything(sandbox)["autoresponder"]
 

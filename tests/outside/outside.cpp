@@ -66,7 +66,7 @@ const std::map<std::string, const char *AutoresponderRecord::*> TEXT_FIELDS = {
     {"forward_to", &AutoresponderRecord::forward_to},
     {"owner_local_part", &AutoresponderRecord::owner_local_part}};
 
-/* A record with the fields that the texts from the third on change. */
+/* A record with the fields that the texts from the third on change; "unset" sets all to their initial values. */
 AutoresponderRecord record(const Texts &texts)
 {
     AutoresponderRecord record = {};
@@ -86,7 +86,9 @@ AutoresponderRecord record(const Texts &texts)
         const std::string word = text;
         const std::string field = word.substr(0, word.find('='));
         const char *value = text + field.size() + 1;
-        if (field == "ans_freq")
+        if (field == "unset")
+            record = {};
+        else if (field == "ans_freq")
             record.ans_freq = std::atoi(value);
         else if (field == "ans_limit")
             record.ans_limit = std::atoi(value);
