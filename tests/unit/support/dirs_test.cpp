@@ -22,7 +22,8 @@
 
 namespace {
 
-int reported_type = -1; /* that readdir reports for every entry; -1: the true one */
+int reported_type = -1;  /* that readdir reports for every entry; -1: the true one */
+bool only_first = false; /* of the entries but "." and "..", and then no longer */
 
 } // namespace
 
@@ -32,8 +33,11 @@ dirent *readdir_of_some_file_system(DIR *dir)
 {
     static const auto real_readdir = reinterpret_cast<dirent *(*)(DIR *)>(dlsym(RTLD_NEXT, "readdir"));
     dirent *entry = real_readdir(dir);
-    if (entry != nullptr && reported_type != -1)
+    if (entry != nullptr && reported_type != -1) {
         entry->d_type = static_cast<unsigned char>(reported_type);
+        if (only_first && entry->d_name[0] != '.')
+            reported_type = -1;
+    }
     return entry;
 }
 
@@ -321,6 +325,7 @@ protected:
     void TearDown() override
     {
         reported_type = -1;
+        only_first = false;
         DirsTest::TearDown();
     }
 
@@ -421,6 +426,11 @@ TEST_F(FindDirEntryTest, PathTooLongToCheckFailsTheSearch)
     EXPECT_EQ(find_dir_entry(dir.c_str(), name, S_IFREG, 1), -1);
     EXPECT_EQ(errno, ENAMETOOLONG);
     EXPECT_EQ(find_dir_entry(dir.c_str(), name, S_IFREG, 0), 0);
+
+    dir_.file("File");
+    only_first = true; /* so that the second would match */
+    EXPECT_EQ(find_dir_entry(dir.c_str(), name, S_IFREG, 1), -1);
+    EXPECT_EQ(errno, ENAMETOOLONG);
 }
 
 TEST_F(FindDirEntryTest, EntryThatCannotBeCheckedFailsTheSearch)
