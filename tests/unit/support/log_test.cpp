@@ -7,6 +7,7 @@
 #include <string>
 #include <utility>
 
+#include <sys/resource.h>
 #include <unistd.h>
 
 #include <gtest/gtest.h>
@@ -184,6 +185,22 @@ TEST_F(LogTest, TraceIdIsCutAt63Bytes)
     use_system_log(LOG_OPT_TRACE_ID);
     log_message(LOG_ERR, "hello");
     EXPECT_EQ(syslog_capture.records.at(0).text, std::string(63, 't') + ": hello");
+}
+
+TEST_F(LogTest, RecordTellsTheErrorOfTheCallerWhereNoTimerCanBeMade)
+{
+    const ChildResult child = run_in_child([] {
+        constexpr rlimit NONE = {0, 0};
+        setrlimit(RLIMIT_SIGPENDING, &NONE); /* timer_create() fails with EAGAIN */
+        arsp::enable_write_deadlines();
+        errno = ENOENT;
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Wformat" /* the C library's own conversion */
+        log_message(LOG_ERR, "%m");
+#pragma GCC diagnostic pop
+        _exit(syslog_capture.records.at(0).text == "No such file or directory" ? 0 : 1);
+    });
+    EXPECT_EQ(child.exit_status, 0);
 }
 
 TEST_F(LogTest, CopiesStopOnlyIfStandardErrorIsStuckAtTheDeadline)
