@@ -75,14 +75,16 @@ class Mutant:
         return source[:self.start] + self.after + source[end:]
 
     def difference(self, source):
-        """The lines removed and added, each with its sign, without indentation and comments."""
+        """The line above, and the lines removed and added with their signs, without indentation and comments."""
         old, new = source.splitlines(), self.applied(source).splitlines()
+        above = []
         while old and new and old[0] == new[0]:
+            above = old[:1]
             del old[0], new[0]
         while old and new and old[-1] == new[-1]:
             del old[-1], new[-1]
         return "\n".join(f"{sign} {COMMENT.sub('', line).strip()}".rstrip()
-                         for sign, lines in (("-", old), ("+", new)) for line in lines)
+                         for sign, lines in ((" ", above), ("-", old), ("+", new)) for line in lines)
 
     def __str__(self):
         before, after = (re.sub(r"\s+", " ", text) or "nothing" for text in (self.before, self.after))

@@ -2,6 +2,7 @@
 
 import subprocess
 import sys
+from collections import Counter
 from pathlib import Path
 
 import pytest
@@ -82,16 +83,17 @@ def test_difference_shows_lines_without_comments():
     text = "int f(int a)\n{\n    g(a); /* why */\n    return a + 1;\n}\n"
     differences = {mutant.difference(text) for mutant in drawn({"a.cpp": text}, 1)}
 
-    assert differences >= {"- return a + 1;\n+ return a - 1;", "- g(a);\n+ {}"}
+    assert differences >= {"  g(a);\n- return a + 1;\n+ return a - 1;", "  {\n- g(a);\n+ {}"}
 
 
-def test_known_equivalents_are_mutants_of_the_sources():
+def test_each_known_equivalent_is_one_mutant_of_the_sources():
     texts = sources()
     paths = {path for path, _ in known_equivalents()}
-    possible = {(mutant.path, mutant.difference(texts[mutant.path]))
+    possible = {(mutant.path, mutant.difference(texts[mutant.path]), mutant.start)
                 for seed in range(20) for mutant in drawn({path: texts[path] for path in paths}, seed)}
+    times = Counter((path, difference) for path, difference, _ in possible)
 
-    assert set(known_equivalents()) - possible == set()
+    assert {known: times[known] for known in known_equivalents() if times[known] != 1} == {}
     assert all(known_equivalents().values())
 
 
