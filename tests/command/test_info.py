@@ -9,7 +9,7 @@ import pytest
 
 from harness import INFO_PROGRAM, preload
 from harness.info import put_row
-from harness.mailboxes import MAIL_TREE, run_sql
+from harness.mailboxes import MAIL_TREE, put_file, run_sql
 from harness.sandbox import DATABASE
 
 COMMANDS = {"list": ("list",), "show": ("show", "user@example.org"), "check": ("check",), "export": ("export", "/out")}
@@ -38,6 +38,7 @@ class Rights:
         self.locked = False
         self._names = {}
         self.opened = []  # (path, effective user, effective group, whether something was locked)
+        self.writable = []  # paths that were opened for writing
         self.written = []  # whether something was locked
 
     def follow(self, call):
@@ -52,6 +53,8 @@ class Rights:
             base = self._names.get(words[0], "")
             path = os.path.normpath(os.path.join(base, call.strings[0]))
             self.opened.append((path, self.user, self.group, self.locked))
+            if "O_WRONLY" in call.args_text or "O_RDWR" in call.args_text:
+                self.writable.append(path)
             if call.name == "openat" and call.error is None:
                 self._names[str(call.value)] = path
         elif call.name == "fcntl" and "F_DUPFD" in call.args_text:
@@ -77,6 +80,14 @@ def test_database_and_mail_tree_are_read_with_the_mail_users_rights(box, command
     assert DATABASE in [path for path, *_ in customers]
     assert rights.groups_dropped
     assert (rights.user, rights.group) == box.popuser
+
+
+def test_nothing_but_the_target_of_an_export_is_opened_for_writing(box, command, needs_tracing):
+    run_sql(box, "DELETE FROM autoresponder WHERE mn = 'user@example.org'")
+    put_row(box, "user@example.org")  # complete, so that its attachment is copied
+    if command == "check":
+        put_file(box, DATABASE + "-journal")  # it then looks whether somebody writes
+    assert [path for path in followed(box, command).writable if not path.startswith("/out/")] == []
 
 
 def test_export_is_written_with_roots_rights(box, needs_tracing):
