@@ -219,6 +219,8 @@ CASES = [
     Case(lambda sandbox: corrupt_page_of(sandbox, "autoresponder"), "error", "db-damaged", DATABASE, left=EMPTY),
     Case(both(sql("INSERT INTO resp_freq VALUES ('none@example.org', 'a@example.org', 1, 1)"),
               lambda sandbox: corrupt_page_of(sandbox, "autoresponder")), "error", "db-damaged", DATABASE, left=EMPTY),
+    Case(both(sql("INSERT INTO extra_headers VALUES ('no name', 'a')"),
+              lambda sandbox: corrupt_page_of(sandbox, "respfreq")), "error", "db-damaged", DATABASE, left=EMPTY),
     Case(file(DATABASE, b"no database" * 100), "error", "db-damaged", DATABASE, left=EMPTY),
     Case(unindexed(COUNTER), "error", "db-damaged", DATABASE),
     Case(both(sql(COUNTER), unindexed("DELETE FROM resp_freq")), "error", "db-damaged", DATABASE),
