@@ -121,6 +121,8 @@ Database Database::openFile()
     const struct stat status = checkFile();
     Database db;
     sqlite3_vfs *default_vfs = sqlite3_vfs_find(nullptr);
+    if (default_vfs == nullptr)
+        db.fail(SQLITE_NOMEM); /* SQLite cannot start */
     default_vfs->xSetSystemCall(default_vfs, "open", reinterpret_cast<sqlite3_syscall_ptr>(open_regular_file));
     db.vfs_ = std::make_unique<ResponderVfs>();
     db.limits_ = std::make_unique<Limits>();

@@ -14,7 +14,7 @@ from dataclasses import dataclass
 from typing import Callable
 
 import pytest
-from harness import INFO_PROGRAM
+from harness import INFO_PROGRAM, preload
 from harness.mailboxes import MAIL_TREE, corrupt_page_of, make_directories, put_file, put_link, run_sql
 from harness.sandbox import DATABASE
 
@@ -329,6 +329,14 @@ def test_lack_of_memory_is_an_error(mailbox, words, limit, message):
     result = mailbox.info(*words, rlimits={resource.RLIMIT_AS: limit})
     assert_is_error(words, result)
     assert result.stderr.decode() == f"arspinfo: {message}\n"
+
+
+@pytest.mark.shared
+@pytest.mark.unsanitized
+def test_lack_of_memory_for_a_connection_is_an_error(mailbox):
+    result = mailbox.info("list", env=preload.environment(mailbox, ALLOCATION_FAILS="@libsqlite3"))
+    assert_is_error(("list",), result)
+    assert result.stderr.decode() == f"arspinfo: cannot read {DATABASE}: out of memory\n"
 
 
 @pytest.mark.parametrize(("name", "kind", "words", "problem"), [
