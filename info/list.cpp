@@ -20,7 +20,6 @@
 #include "info/failure.h"
 #include "info/output.h"
 #include "info/printable.h"
-#include "support/c_handles.h"
 
 namespace arsp {
 
@@ -188,8 +187,7 @@ using Table = std::unique_ptr<libscols_table, FreeTable>;
 Table make_table(const ListOptions &options, const std::vector<const Column *> &columns)
 {
     Table table(scols_new_table());
-    require_memory(table != nullptr);
-    scols_table_set_name(table.get(), "autoresponders");
+    require_memory(table != nullptr && scols_table_set_name(table.get(), "autoresponders") == 0);
     scols_table_enable_json(table.get(), options.json);
     scols_table_enable_raw(table.get(), options.raw);
     scols_table_enable_noheadings(table.get(), options.noheadings);
@@ -205,21 +203,29 @@ Table make_table(const ListOptions &options, const std::vector<const Column *> &
     return table;
 }
 
-/* Prints the lines of the table through print(), which keeps the reason of a failed write. */
+/* Appends to the std::string `text`; a write function of fopencookie(), which returns 0 for an error. */
+ssize_t append(void *text, const char *bytes, std::size_t size) noexcept
+{
+    try {
+        static_cast<std::string *>(text)->append(bytes, size);
+        return static_cast<ssize_t>(size);
+    } catch (const std::bad_alloc &) {
+        return 0;
+    }
+}
+
+/* Prints the lines of the table through print(), which keeps the reason of a failed write. The stream is not that of
+ * open_memstream(), which reports no lack of memory: libsmartcols does not look at the results of its writes. */
 void print_table(const Table &table)
 {
-    char *bytes = nullptr;
-    std::size_t size = 0;
-    FILE *stream = open_memstream(&bytes, &size);
+    std::string text;
+    FILE *stream = fopencookie(&text, "w", {nullptr, append, nullptr, nullptr});
     require_memory(stream != nullptr);
     __fsetlocking(stream, FSETLOCKING_BYCALLER); /* libsmartcols writes single characters */
     scols_table_set_stream(table.get(), stream);
     const int rc = scols_print_table(table.get());
-    const bool closed = fclose(stream) == 0;
-    const CString owner(bytes);
-    require_memory(rc == 0);
-    require_memory(closed);
-    const std::string_view text(bytes, size);
+    const bool complete = ferror(stream) == 0;
+    require_memory(fclose(stream) == 0 && rc == 0 && complete);
     if (scols_table_is_json(table.get()) != 0)
         print(ascii_json(text));
     else

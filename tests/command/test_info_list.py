@@ -5,9 +5,10 @@ import time
 
 import pytest
 
-from harness import INFO_PROGRAM, preload
+from harness import INFO_PROGRAM, Result, preload
 from harness.info import ASCII, HOSTILE, UTF8, in_terminal, json_bytes, put_row, unescaped
 from harness.mailboxes import add_attachment_rows, run_sql
+from harness.sandbox import DATABASE
 from harness.waiting import until
 
 EXPECTED = {"mailname": "b@example.org", "owner": "boss@example.org", "subject": "On holiday", "type": "text/html",
@@ -168,6 +169,17 @@ def test_ascii_terminal_gets_escapes(holiday):
 def test_lack_of_memory_for_the_table_is_an_error(mailboxes):
     result = mailboxes.info("list", env=preload.environment(mailboxes, ALLOCATION_FAILS="@libsmartcols"))
     assert (result.status, result.stdout, result.stderr) == (1, b"", b"arspinfo: std::bad_alloc\n")
+
+
+@pytest.mark.unsanitized
+def test_list_is_whole_or_an_error_when_any_allocation_for_it_fails(mailboxes):
+    whole = mailboxes.info("list", "--json", env=preload.environment(mailboxes, ALLOCATION_REPORT="/.report"))
+    last = int(mailboxes.path("/.report").read_text().split()[0])
+    messages = [b"std::bad_alloc", f"cannot read {DATABASE}: out of memory".encode()]
+    failures = [Result(1, b"", b"arspinfo: " + message + b"\n", []) for message in messages]
+    for number in range(last - 250, last + 1):  # the rows are read and the table is made
+        result = mailboxes.info("list", "--json", env=preload.environment(mailboxes, ALLOCATION_FAILS=str(number)))
+        assert result in [whole, *failures], number
 
 
 # -- many rows
