@@ -84,6 +84,13 @@ def test_each_command_flushes_its_files_and_the_directory_of_the_database(box, a
     assert steps_of(box, args) == found
 
 
+def test_copy_is_flushed_through_a_descriptor_that_cannot_change_it(box):
+    _, calls = run(box, ADD_NEW, calls=CALLS)
+
+    opened = [call.args_text for call, path in on_files(calls) if (call.name, path) == ("openat", NEW)]
+    assert "O_RDONLY" in opened[-1]
+
+
 def test_emptied_list_of_headers_is_flushed(box):
     result, calls = box.trace(*SET_EXTRA_HEADERS, stdin=b"{}", calls=CALLS)
 
