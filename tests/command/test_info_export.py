@@ -10,7 +10,7 @@ from collections import Counter
 
 import pytest
 
-from harness import INFO_PROGRAM
+from harness import INFO_PROGRAM, Result
 from harness.attackers import moment, stopped_after
 from harness.info import ASCII, in_terminal, put_row, texts
 from harness.mailboxes import (DIRECTORY, FILE, MAIL_TREE, ROOT, STRANGER, add_attachment_rows, make_directories,
@@ -482,6 +482,11 @@ def test_full_disk_ends_the_export(two, needs_tracing, error, text):
     assert (result.status, result.stderr.decode()) == (
         1, f"arspinfo: user@example.org: attachment report.pdf: cannot copy it: {text}\n")
     assert "restore.sh" not in two.tree(OUT)
+
+
+def test_script_that_cannot_get_its_name_is_no_success(two, needs_tracing):
+    assert export_disturbed(two, "renameat", 1, "error=EIO") == Result(
+        1, b"", b"arspinfo: cannot write /tmp/out/restore.sh: Input/output error\n", [])
 
 
 @pytest.mark.parametrize(("call", "arguments"), [("write", '"Bye"'), ("sendfile", "")])
