@@ -79,7 +79,8 @@ class Mutant:
         old, new = source.splitlines(), self.applied(source).splitlines()
         above = []
         while old and new and old[0] == new[0]:
-            above = old[:1]
+            if COMMENT.sub("", old[0]).strip():
+                above = old[:1]
             del old[0], new[0]
         while old and new and old[-1] == new[-1]:
             del old[-1], new[-1]
