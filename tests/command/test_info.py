@@ -86,7 +86,7 @@ def test_nothing_but_the_target_of_an_export_is_opened_for_writing(box, command,
     run_sql(box, "DELETE FROM autoresponder WHERE mn = 'user@example.org'")
     put_row(box, "user@example.org")  # complete, so that its attachment is copied
     if command == "check":
-        put_file(box, DATABASE + "-journal")  # it then looks whether somebody writes
+        put_file(box, DATABASE + "-journal")  # it then looks for a process that writes
     assert [path for path in followed(box, command).writable if not path.startswith("/out/")] == []
 
 

@@ -393,7 +393,7 @@ def test_an_unusable_database_is_kept_beside_the_new_one(sound, means):
     assert sound.path(DATABASE + ".set-aside.~1~").read_bytes() == b"an older one"
 
 
-def test_damage_is_told_in_the_words_of_the_integrity_check(sound):
+def test_damage_is_described_in_the_words_of_the_integrity_check(sound):
     corrupt_page_of(sound, "attach")  # reading the rows would only say that the image is malformed
     (finding,) = json.loads(sound.info("check", "--json").stdout)["findings"]
     assert finding["meaning"].startswith("is damaged: *** in database main ***")

@@ -187,7 +187,7 @@ TEST_F(LogTest, TraceIdIsCutAt63Bytes)
     EXPECT_EQ(syslog_capture.records.at(0).text, std::string(63, 't') + ": hello");
 }
 
-TEST_F(LogTest, RecordTellsTheErrorOfTheCallerWhereNoTimerCanBeMade)
+TEST_F(LogTest, RecordShowsTheErrorOfTheCallerWhereNoTimerCanBeMade)
 {
     const ChildResult child = run_in_child([] {
         constexpr rlimit NONE = {0, 0};
