@@ -175,3 +175,15 @@ def test_text_restores_every_byte_and_shows_none_that_drives_a_terminal(hostile,
     assert [unescaped(line) for line in headers] == [b"  " + value + b": " + value for value in HOSTILE]
     # No byte of a customer begins a line: all lines but the fields are indented.
     assert len([line for line in lines if not line.startswith(b"  ")]) == 14
+
+
+HIDDEN = [0x061C, 0x180E, 0x200B, 0x200F, 0x2028, 0x202E, 0x2060, 0x206F, 0xFEFF, 0xFFF9, 0xFFFB, 0xE0000, 0xE007F]
+BESIDE_THEM = [0x061B, 0x180D, 0x200A, 0x2010, 0x2027, 0x202F, 0x205F, 0x2070, 0xFFFC]
+
+
+def test_characters_that_hide_or_reorder_others_are_escaped(sandbox):
+    sandbox.init_db()
+    put_row(sandbox, "user@example.org", subject="".join(map(chr, HIDDEN + BESIDE_THEM)))
+    subject = sandbox.info("show", "user@example.org", env=UTF8).stdout.decode().splitlines()[2]
+    escapes = "".join(f"\\x{byte:02x}" for code in HIDDEN for byte in chr(code).encode())
+    assert subject == "Subject:        " + escapes + "".join(map(chr, BESIDE_THEM))
