@@ -104,7 +104,7 @@ void FileCheck::checkPath(const AttachmentFolder &folder)
     struct stat status = {};
     if (!reported_.insert(passed).second || lstat(passed.c_str(), &status) != 0)
         return;
-    std::string repair = repair_.asMailUser({"mv", "-T", "--backup=numbered", passed, passed + ".set-aside"});
+    std::string repair = repair_.setAside(passed);
     if (status.st_uid == mail_user_.uid)
         repair = repair_.asMailUser({"chmod", "u+rwx", passed});
     else if (isInRoot(passed))

@@ -90,6 +90,12 @@ void PlaceCheck::checkFile()
                 "db-mode", repair_.replaceDatabaseLink(), repair_.databaseOwner(), repair_.databaseMode()});
 }
 
+bool is_regular_file(const char *path)
+{
+    struct stat status = {};
+    return lstat(path, &status) == 0 && S_ISREG(status.st_mode);
+}
+
 /* Whether a process writes to the database or rolls a journal back. SQLite's locks are these 512 bytes. */
 bool is_being_written()
 {
@@ -116,8 +122,10 @@ void PlaceCheck::checkJournal()
         findings_.add(Severity::error, "db-journal", journal, "is no regular file",
                       repair_.asMailUser({"rm", "-r", "--", journal}));
     } else if (state(before) == state(after)) { /* otherwise a writer came in between */
+        /* The journal of a linked database lies beside the link's target: this one would damage whatever database
+         * takes the place of the link, or of a missing file. */
         findings_.add(Severity::error, "db-journal", journal, "was left behind by an interrupted command",
-                      repair_.journal());
+                      is_regular_file(RESPONDER_DB_PATH) ? repair_.journal() : repair_.setAside(journal));
     }
 }
 
@@ -144,7 +152,7 @@ void add_database_failure(const MailUser &mail_user, const DatabaseFailure &fail
         command = Repair::both(Repair::both(repair.directoryOwner(), Repair::directoryMode()),
                                Repair::both(repair.databaseOwner(), repair.databaseMode()));
     } else if (code == "db-journal") {
-        command = repair.journal();
+        command = repair.rollBack();
     } else if (code == "db-wal") {
         command = repair.sql("PRAGMA journal_mode=DELETE");
     }

@@ -19,6 +19,11 @@ std::string blob_literal(std::string_view bytes)
     return out + "'";
 }
 
+std::vector<std::string> renaming(const std::string &path)
+{
+    return {"mv", "-T", "--backup=numbered", path, path + ".set-aside"};
+}
+
 std::string as_blob(const std::string &column)
 {
     return "CAST(" + column + " AS BLOB)";
@@ -44,10 +49,14 @@ std::string Repair::both(const std::string &first, const std::string &second)
     return first + " && " + second;
 }
 
+std::string Repair::setAside(const std::string &path) const
+{
+    return asMailUser(renaming(path));
+}
+
 std::string Repair::newDatabase(const std::string &path)
 {
-    return both(shell_command({"mv", "-T", "--backup=numbered", path, path + ".set-aside"}),
-                shell_command({"arspctl", "--init-db"}));
+    return both(shell_command(renaming(path)), shell_command({"arspctl", "--init-db"}));
 }
 
 std::string Repair::replaceDirectoryLink()
@@ -61,7 +70,10 @@ std::string Repair::replaceDirectoryLink()
 std::string Repair::replaceDatabaseLink() const
 {
     const CString target(realpath(RESPONDER_DB_PATH, nullptr));
-    return target ? asMailUser({"mv", "-T", target.get(), RESPONDER_DB_PATH}) : newDatabase(RESPONDER_DB_PATH);
+    if (!target)
+        return newDatabase(RESPONDER_DB_PATH);
+    return both(rollBack(), /* a journal stays behind: without it half a transaction would remain */
+                asMailUser({"mv", "-T", target.get(), RESPONDER_DB_PATH}));
 }
 
 std::string Repair::directoryOwner() const
@@ -84,11 +96,15 @@ std::string Repair::databaseMode() const
     return asMailUser({"chmod", "0600", RESPONDER_DB_PATH});
 }
 
+std::string Repair::rollBack() const
+{
+    return sql("BEGIN IMMEDIATE;PRAGMA user_version=0;COMMIT");
+}
+
 std::string Repair::journal() const
 {
     const std::string path = std::string(RESPONDER_DB_PATH) + "-journal";
-    return both(shell_command({"chown", "-h", owner_text(mail_user_.uid, mail_user_.gid), path}),
-                sql("BEGIN IMMEDIATE;PRAGMA user_version=0;COMMIT"));
+    return both(shell_command({"chown", "-h", owner_text(mail_user_.uid, mail_user_.gid), path}), rollBack());
 }
 
 std::string sql_equals(const std::string &column, std::string_view bytes)

@@ -27,6 +27,9 @@ public:
     /* Runs both, the second only after success of the first. */
     static std::string both(const std::string &first, const std::string &second);
 
+    /* Renames what lies at `path`, which the mail user may rename. */
+    std::string setAside(const std::string &path) const;
+
     /* Renames what lies at `path`, the database or its directory, and makes a new database. */
     static std::string newDatabase(const std::string &path);
 
@@ -40,7 +43,10 @@ public:
     std::string databaseOwner() const;
     std::string databaseMode() const;
 
-    /* Rolls back or removes the journal of an interrupted command. */
+    /* Rolls the transaction of an interrupted command back, wherever a link leads to its journal. */
+    std::string rollBack() const;
+
+    /* Does so after giving the journal at the database's name to the mail user. */
     std::string journal() const;
 
 private:

@@ -154,17 +154,21 @@ def fifo(path):
     return make
 
 
-def killed_writer(sandbox):
+def killed_writer(database=DATABASE):
     """Leaves a journal that must be rolled back: the writer had begun to change the database."""
-    child = os.fork()
-    if child == 0:
-        with sqlite3.connect(sandbox.path(DATABASE), isolation_level=None) as writer:
-            writer.executescript("PRAGMA cache_size = 1; BEGIN; UPDATE extra_headers SET value = 'lost';"
-                                 "INSERT INTO resp_freq WITH RECURSIVE n(i) AS (SELECT 1 UNION ALL SELECT i + 1 FROM n "
-                                 "WHERE i < 9999) SELECT 'lost', i, 1, 1 FROM n;")
-            os.kill(os.getpid(), signal.SIGKILL)
-    os.waitpid(child, 0)
-    assert sandbox.info("list").status == 1
+
+    def make(sandbox):
+        child = os.fork()
+        if child == 0:
+            with sqlite3.connect(sandbox.path(database), isolation_level=None) as writer:
+                writer.executescript("PRAGMA cache_size = 1; BEGIN; UPDATE extra_headers SET value = 'lost';"
+                                     "INSERT INTO resp_freq WITH RECURSIVE n(i) AS (SELECT 1 UNION ALL SELECT i + 1 "
+                                     "FROM n WHERE i < 9999) SELECT 'lost', i, 1, 1 FROM n;")
+                os.kill(os.getpid(), signal.SIGKILL)
+        os.waitpid(child, 0)
+        assert sandbox.info("list").status == 1
+
+    return make
 
 
 def unindexed(script):
@@ -204,6 +208,7 @@ class Case:
     left: tuple = ()  # what the repair leaves behind, to be repaired in its turn
 
 
+LINKED = replaced_by_link(DATABASE, ROOT, PLACE + "/linked")
 COUNTER = f"INSERT INTO resp_freq VALUES ('{USER}', 'a@example.org', 1, 1)"
 EMPTY = (("note", "auto-submitted"), ("note", "file-orphan"))  # of a new database beside an old mail tree
 CASES = [
@@ -225,14 +230,19 @@ CASES = [
     Case(unindexed(COUNTER), "error", "db-damaged", DATABASE),
     Case(both(sql(COUNTER), unindexed("DELETE FROM resp_freq")), "error", "db-damaged", DATABASE),
     Case(sql("PRAGMA journal_mode = WAL"), "error", "db-wal", DATABASE),
-    Case(killed_writer, "error", "db-journal", JOURNAL),
+    Case(killed_writer(), "error", "db-journal", JOURNAL),
+    Case(both(LINKED, killed_writer(PLACE + "/linked")), "error", "db-journal", DATABASE,
+         others=[("warning", "db-link")]),
+    Case(both(killed_writer(), LINKED), "error", "db-journal", JOURNAL, others=[("warning", "db-link")]),
+    Case(both(killed_writer(), removed(DATABASE)), "error", "db-journal", JOURNAL, others=[("error", "db-missing")],
+         left=EMPTY),
     Case(file(JOURNAL), "error", "db-journal", JOURNAL),
     Case(file(JOURNAL, owner=ROOT), "error", "db-journal", JOURNAL),
     Case(fifo(JOURNAL), "error", "db-journal", JOURNAL),
     Case(fifo(DATABASE), "error", "db-type", DATABASE, left=EMPTY),
     Case(replaced_by_link(DATABASE, POPUSER), "error", "db-link", DATABASE, others=[("error", "db-unreadable")],
          left=EMPTY),
-    Case(replaced_by_link(DATABASE, ROOT, PLACE + "/linked"), "warning", "db-link", DATABASE),
+    Case(LINKED, "warning", "db-link", DATABASE),
     Case(owner(DATABASE, (POPUSER[0], 0)), "error", "db-owner", DATABASE),
     Case(mode(DATABASE, 0o644), "error", "db-mode", DATABASE),
     Case(replaced_by_link(PLACE, ROOT), "warning", "db-dir-link", PLACE),
@@ -344,10 +354,18 @@ def test_repair_harms_nothing_where_the_mail_user_exchanges_a_directory(sound, c
 
 def test_interrupted_command_is_rolled_back_by_the_repair(sound):
     rows = sound.rows("SELECT * FROM extra_headers")
-    killed_writer(sound)
+    killed_writer()(sound)
     (command,) = check(sound).values()
     repair(sound, command)
     assert sound.rows("SELECT * FROM extra_headers") == rows
+
+
+def test_interrupted_command_is_rolled_back_before_the_database_takes_the_place_of_its_link(sound):
+    rows = sound.rows("SELECT * FROM extra_headers")
+    both(LINKED, killed_writer(PLACE + "/linked"))(sound)
+    repair(sound, check(sound)["warning", "db-link", DATABASE])
+    assert sound.rows("SELECT * FROM extra_headers") == rows
+    assert check(sound) == {}
 
 
 def test_rows_and_files_of_a_sound_root_survive_the_repairs_around_them(sound):
