@@ -207,6 +207,12 @@ def test_raw_prints_the_heading_once_and_every_row_once(many, number):
     assert many.info("list", "--raw", "-o", "mailname,subject").stdout.decode() == "MAILNAME SUBJECT\n" + rows
 
 
+def test_table_and_json_hold_every_row_in_one_piece(many):
+    names = [f"{i:04}@example.org" for i in range(2500)]
+    assert [row["mailname"] for row in listed(many)] == names
+    assert many.info("list", "-o", "mailname").stdout.decode().split("\n") == ["MAILNAME", *names, ""]
+
+
 def test_reader_that_stops_does_not_hold_up_a_command(many):
     running = many.start("list", program=INFO_PROGRAM)
     wait_channel = f"/proc/{running.pid}/wchan"
