@@ -29,8 +29,8 @@ constexpr int READ_DIRECTORY = O_RDONLY | O_DIRECTORY | O_CLOEXEC;
 /* The last name of a path as cp determines it: without the slashes at its end. */
 std::string last_component(const std::string &path)
 {
-    const std::size_t end = path.find_last_not_of('/') + 1; /* npos + 1 is 0 */
-    const std::size_t slash = path.rfind('/', end == 0 ? 0 : end - 1);
+    const std::size_t end = path.find_last_not_of('/') + 1; /* npos + 1 is 0, and 0 - 1 is npos again */
+    const std::size_t slash = path.rfind('/', end - 1);
     return path.substr(slash + 1, end - (slash + 1));
 }
 

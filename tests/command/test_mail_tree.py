@@ -158,6 +158,13 @@ def test_source_with_slashes_at_its_end_has_the_name_before_them(mailbox, source
     assert outcome(mailbox.run(*add("report.pdf", source))) == not_moved(LOOP, source=source)
 
 
+@pytest.mark.parametrize("source", ["/", "//", "///"])
+def test_root_directory_as_source_is_left_to_cp(mailbox, source):
+    make_directories(mailbox, FILE)
+
+    assert outcome(mailbox.run(*add("report.pdf", source))) == not_moved("Child status 1", source=source)
+
+
 @pytest.mark.parametrize(("owner", "ending", "content"), [
     (POPUSER, (0,), b"the report"), (ROOT, not_moved(LOOP), b"older")])
 def test_link_of_roots_in_a_directory_that_receives_the_copy_leads_to_the_mail_users_files(
