@@ -123,6 +123,16 @@ TEST_F(InitDbTest, DirectoryAndFileAreGivenToTheMailUser)
     expect_owner_and_mode(path_, 1110, 31, 0600);
 }
 
+TEST_F(InitDbTest, PipeInThePlaceOfTheFileIsNotWaitedFor)
+{
+    unlink(path_.c_str());
+    ASSERT_EQ(mkfifo(path_.c_str(), 0640), 0);
+    EXPECT_EQ(set_owner_and_mode(path_.c_str(), 1234, 5678, 0640), 0);
+    expect_owner_and_mode(path_, 1234, 5678, 0640);
+    EXPECT_EQ(fix_responder_db_permissions(path_.c_str()), 0);
+    expect_owner_and_mode(path_, 1110, 31, 0600);
+}
+
 TEST_F(InitDbTest, OwnerIsSetBeforeTheMode)
 {
     EXPECT_EQ(set_owner_and_mode(path_.c_str(), 1234, 5678, 04755), 0); /* chown clears the set-user-id bit */
