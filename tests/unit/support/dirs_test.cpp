@@ -9,12 +9,14 @@
 
 #include <dirent.h>
 #include <dlfcn.h>
+#include <fcntl.h>
 #include <sys/fsuid.h>
 #include <sys/resource.h>
 #include <unistd.h>
 
 #include <gtest/gtest.h>
 
+#include "support/make_dirs.h"
 #include "tests/unit/support/child_process.h"
 #include "tests/unit/support/failing_calls.h"
 #include "tests/unit/support/little_memory.h"
@@ -188,6 +190,31 @@ TEST_F(CreateDirTreeTest, FailureToSetAnOwnerIsPrintedAndTheWorkContinues)
               "Cannot chown a: Operation not permitted\nSystem error 1: Operation not permitted\n"
               "Cannot chown a/b: Operation not permitted\nSystem error 1: Operation not permitted\n");
     EXPECT_EQ(owned(dir_ / "a/b"), "700 65534:65534");
+}
+
+class MakeDirsTest : public DirsTest {};
+
+TEST_F(MakeDirsTest, TrustEndsAtTheFirstByteOfAName)
+{
+    make_dir("a");
+    make_dir("a/b");
+    std::string opened;
+    const auto open_existing = [&opened](const arsp::Descriptor &parent, const char *name) {
+        opened += name;
+        return arsp::Descriptor(openat(parent.get(), name, O_PATH | O_DIRECTORY | O_CLOEXEC));
+    };
+    for (const std::size_t trusted : {1U, 2U, 3U}) {
+        opened += std::to_string(trusted);
+        arsp::make_dirs({.path = "a/b/c",
+                         .trusted_length = trusted,
+                         .uid = 1234,
+                         .gid = 5678,
+                         .mode = 0700,
+                         .open_existing = open_existing,
+                         .changed = nullptr});
+    }
+    EXPECT_EQ(opened, "1b2b3");
+    EXPECT_EQ(owned(dir_ / "a/b/c"), "700 1234:5678");
 }
 
 class MkdirPTest : public DirsTest {
