@@ -213,6 +213,16 @@ def test_table_and_json_hold_every_row_in_one_piece(many):
     assert many.info("list", "-o", "mailname").stdout.decode().split("\n") == ["MAILNAME", *names, ""]
 
 
+@pytest.mark.parametrize("args", [(), ("--json",)])
+def test_output_of_more_than_one_buffer_is_whole_or_an_error_when_any_allocation_for_it_fails(many, args):
+    run_sql(many, "DELETE FROM autoresponder WHERE mn >= '0200'")
+    whole = many.info("list", *args, env=preload.environment(many, ALLOCATION_REPORT="/.report"))
+    last = int(many.path("/.report").read_text().split()[0])
+    for number in range(last - 30, last + 1):
+        result = many.info("list", *args, env=preload.environment(many, ALLOCATION_FAILS=str(number)))
+        assert result in [whole, Result(1, b"", b"arspinfo: std::bad_alloc\n", [])], number
+
+
 def test_reader_that_stops_does_not_hold_up_a_command(many):
     running = many.start("list", program=INFO_PROGRAM)
     wait_channel = f"/proc/{running.pid}/wchan"
