@@ -213,6 +213,8 @@ def test_table_and_json_hold_every_row_in_one_piece(many):
     assert many.info("list", "-o", "mailname").stdout.decode().split("\n") == ["MAILNAME", *names, ""]
 
 
+@pytest.mark.shared
+@pytest.mark.unsanitized
 @pytest.mark.parametrize("args", [(), ("--json",)])
 def test_output_of_more_than_one_buffer_is_whole_or_an_error_when_any_allocation_for_it_fails(many, args):
     run_sql(many, "DELETE FROM autoresponder WHERE mn >= '0200'")
